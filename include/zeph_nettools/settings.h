@@ -1,0 +1,58 @@
+/*
+ * Host-side settings of zeph_nettools.
+ *
+ * The library reads no file and no environment variable: the log sink, the
+ * HTTP proxy and the local address are given here by the embedding program.
+ * All calls are thread-safe and take effect for operations started after
+ * they return.
+ */
+#ifndef ZEPH_NETTOOLS_SETTINGS_H
+#define ZEPH_NETTOOLS_SETTINGS_H
+
+#include <stdint.h>
+
+#include "zeph_nettools/export.h"
+
+ZEPH_EXTERN_C_BEGIN
+
+/* Log levels of the detection side. */
+#define ZEPH_LOG_ERROR 0
+#define ZEPH_LOG_WARNING 1
+#define ZEPH_LOG_INFO 2
+#define ZEPH_LOG_DEBUG 3
+
+/*
+ * Receives one finished log line of the detection side. `function` is
+ * "Class::method" or a plain function name, `file` the source path in the
+ * repository ("support/nettools/portdetect/port_detect.cpp").
+ * Called on library threads, possibly concurrently; must not block.
+ */
+typedef void (*zeph_log_sink)(void* user, int level, const char* module, const char* function, const char* file,
+                              int line, const char* message);
+
+/*
+ * Sets the sink and the most verbose level delivered to it (0..3).
+ * A null sink restores the default: lines up to `max_level` go to stderr.
+ * The default before any call is stderr with max_level ZEPH_LOG_WARNING.
+ */
+ZEPH_API void zeph_settings_set_log_sink(zeph_log_sink sink, void* user, int max_level);
+
+/*
+ * Configures the HTTP proxy used by TCP probes and media channels.
+ * `host` is a dotted IPv4 address or a name (resolved now); `user` and
+ * `password` are optional Basic credentials (both null for none).
+ * A null or empty `host` removes the proxy. Returns 0, or -1 when the host
+ * cannot be resolved or the port is 0 (the previous setting stays).
+ */
+ZEPH_API int zeph_settings_set_http_proxy(const char* host, uint16_t port, const char* user, const char* password);
+
+/*
+ * Sets the local IPv4 address the library reports and binds to where it
+ * needs one. Null or empty returns to automatic choice. 0, or -1 when the
+ * text is not a dotted IPv4 address.
+ */
+ZEPH_API int zeph_settings_set_local_addr(const char* addr);
+
+ZEPH_EXTERN_C_END
+
+#endif

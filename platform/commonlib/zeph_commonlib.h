@@ -1,0 +1,56 @@
+// Common library stand-in: logging, random numbers, digests, address
+// helpers and HTTP proxy access. Settings (log sink, proxy, local address)
+// come from the host through the exports of <zeph_nettools/settings.h>.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "os_adapter/morl_os.h"
+
+// ---- logging -------------------------------------------------------------------
+// level: 0 error, 1 warning, 2 info, 3 debug. `zero` is always 0.
+void DoLog(const char* module, int level, int zero, const char* function, const char* file, int line,
+           const char* format, ...) __attribute__((format(printf, 7, 8)));
+// True when a line of this level would reach the sink (cheap; lets callers
+// skip formatting).
+bool zeph_log_enabled(int level);
+// Turns a __PRETTY_FUNCTION__ text into "Class::method" or "function".
+const char* zeph_log_func_name(const char* pretty, char* buf, size_t size);
+
+// ---- random and digest -------------------------------------------------------------
+// Fills buf with len cryptographically random bytes. 0 on success.
+int ZEPH_CPYPT_RealRandom(void* buf, uint32_t len);
+// digest 0: SHA-1 (20 bytes). Writes *out_len bytes to out. 0 on success.
+int ZEPH_CRYPT_digest(int digest, const void* data, uint32_t len, uint8_t* out, uint32_t* out_len);
+// HMAC with digest 0 (HMAC-SHA1). 0 on success.
+int ZEPH_CRYPT_hmac(int digest, const void* key, uint32_t key_len, const void* data, uint32_t len, uint8_t* out,
+                    uint32_t* out_len);
+
+// ---- addresses ---------------------------------------------------------------------
+// Dotted text or host name to an IPv4 address in network byte order; 0 when
+// it cannot be resolved. May block on the resolver.
+uint32_t get_addr_ipv4(const char* text);
+// The local IPv4 address (network order) set by the host, else the address
+// of the interface that routes outward, else 127.0.0.1.
+uint32_t zeph_get_local_addr();
+
+// ---- HTTP proxy ---------------------------------------------------------------------
+void zeph_http_tunnel_init();
+void zeph_http_tunnel_uninit();
+// 1 when the host configured a proxy, else 0.
+uint32_t zeph_is_proxy_configed();
+// Non-zero when TCP goes through the HTTP proxy now.
+uint32_t zeph_is_use_proxy();
+uint32_t zeph_get_proxy_addr(); // network order
+uint16_t zeph_get_proxy_port(); // host order
+// HTTP CONNECT to ip:port over `sock`, already connected to the proxy
+// (blocking or not). Waits at most a few seconds for the answer. 0 when the
+// proxy answered 2xx; 16 when it demanded authentication (407); another
+// non-zero value otherwise. `reserved` is 0.
+int zeph_http_proxy_connect_ex(int reserved, MORL_SOCKET sock, const char* ip, uint16_t port);
+// Starts a non-blocking TCP connect of `sock` to address:port (or domain when
+// non-empty), through the configured HTTP proxy when one is in use. 0 when
+// under way or done, 16 when the proxy refused authentication, other
+// non-zero on failure. Sets *is_domain to 1 when the domain was used.
+int zeph_tcp_over_http_proxy(MORL_SOCKET sock, uint32_t address, uint16_t port, const char* domain, int* is_domain);

@@ -1,0 +1,182 @@
+// Operating-system adapter: the one place where the library's Windows-shaped
+// socket, timer and thread vocabulary is translated to Linux.
+//
+// Callers pass Windows numbers (FIONBIO 0x8004667E, SOL_SOCKET 0xFFFF,
+// SO_ERROR 0x1007, WSAPOLLFD bits, ...); errors come back as WSA error codes
+// (10035 would-block, 10061 refused, ...). Nothing outside this folder
+// includes a Linux socket header for the library's own sockets.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+// ---- numbers of the Windows socket interface -------------------------------
+enum : uint32_t {
+    MORL_AF_INET = 2,
+    MORL_SOCK_STREAM = 1,
+    MORL_SOCK_DGRAM = 2,
+    MORL_SOCK_RAW = 3,
+    MORL_IPPROTO_IP = 0,
+    MORL_IPPROTO_ICMP = 1,
+    MORL_IPPROTO_TCP = 6,
+    MORL_IPPROTO_UDP = 17,
+
+    MORL_FIONBIO = 0x8004667E,
+    MORL_FIONREAD = 0x4004667F,
+
+    MORL_SOL_SOCKET = 0xFFFF,
+    MORL_SO_REUSEADDR = 0x0004,
+    MORL_SO_KEEPALIVE = 0x0008,
+    MORL_SO_BROADCAST = 0x0020,
+    MORL_SO_LINGER = 0x0080,
+    MORL_SO_SNDBUF = 0x1001,
+    MORL_SO_RCVBUF = 0x1002,
+    MORL_SO_SNDTIMEO = 0x1005,
+    MORL_SO_RCVTIMEO = 0x1006,
+    MORL_SO_ERROR = 0x1007,
+    MORL_SO_TYPE = 0x1008,
+    MORL_IP_TOS = 3,      // level MORL_IPPROTO_IP
+    MORL_IP_TTL = 4,      // level MORL_IPPROTO_IP
+    MORL_TCP_NODELAY = 1, // level MORL_IPPROTO_TCP
+};
+
+// WSA error codes returned by MORL_GetLastSocketErr and through SO_ERROR.
+enum : int {
+    MORL_WSAEINTR = 10004,
+    MORL_WSAEBADF = 10009,
+    MORL_WSAEACCES = 10013,
+    MORL_WSAEFAULT = 10014,
+    MORL_WSAEINVAL = 10022,
+    MORL_WSAEMFILE = 10024,
+    MORL_WSAEWOULDBLOCK = 10035,
+    MORL_WSAEINPROGRESS = 10036,
+    MORL_WSAEALREADY = 10037,
+    MORL_WSAENOTSOCK = 10038,
+    MORL_WSAEMSGSIZE = 10040,
+    MORL_WSAEPROTONOSUPPORT = 10043,
+    MORL_WSAEAFNOSUPPORT = 10047,
+    MORL_WSAEADDRINUSE = 10048,
+    MORL_WSAEADDRNOTAVAIL = 10049,
+    MORL_WSAENETDOWN = 10050,
+    MORL_WSAENETUNREACH = 10051,
+    MORL_WSAECONNABORTED = 10053,
+    MORL_WSAECONNRESET = 10054,
+    MORL_WSAENOBUFS = 10055,
+    MORL_WSAEISCONN = 10056,
+    MORL_WSAENOTCONN = 10057,
+    MORL_WSAESHUTDOWN = 10058,
+    MORL_WSAETIMEDOUT = 10060,
+    MORL_WSAECONNREFUSED = 10061,
+    MORL_WSAEHOSTUNREACH = 10065,
+    MORL_WSANOTINITIALISED = 10093,
+};
+
+// 16-byte IPv4 socket address with the Windows layout: family, port in
+// network order, address in network order (first octet in the low byte).
+struct MORL_SockAddrIn {
+    uint16_t sin_family;
+    uint16_t sin_port;
+    uint32_t sin_addr;
+    uint8_t sin_zero[8];
+};
+static_assert(sizeof(MORL_SockAddrIn) == 16, "sockaddr_in is 16 bytes");
+
+using MORL_SOCKET = int; // -1 is the invalid socket
+constexpr MORL_SOCKET MORL_INVALID_SOCKET = -1;
+
+// Windows-style fd_set: a count and an array of sockets.
+constexpr int MORL_FD_SETSIZE = 64;
+struct MORL_FdSet {
+    uint32_t fd_count;
+    MORL_SOCKET fd_array[MORL_FD_SETSIZE];
+};
+struct MORL_TimeVal {
+    long tv_sec;
+    long tv_usec;
+};
+
+// WSAPOLLFD layout and event bits.
+struct MORL_PollFd {
+    MORL_SOCKET fd;
+    int16_t events;
+    int16_t revents;
+};
+enum : int16_t {
+    MORL_POLLRDNORM = 0x0100,
+    MORL_POLLRDBAND = 0x0200,
+    MORL_POLLIN = 0x0300,
+    MORL_POLLPRI = 0x0400,
+    MORL_POLLWRNORM = 0x0010,
+    MORL_POLLOUT = 0x0010,
+    MORL_POLLWRBAND = 0x0020,
+    MORL_POLLERR = 0x0001,
+    MORL_POLLHUP = 0x0002,
+    MORL_POLLNVAL = 0x0004,
+};
+
+// ---- sockets ---------------------------------------------------------------
+// All return what the Windows calls return: a socket or -1; 0 or -1; a byte
+// count or -1. The error of the last failed call is MORL_GetLastSocketErr().
+int MORL_InitSocket();
+MORL_SOCKET MORL_Socket(int family, int type, int protocol);
+int MORL_Connect(MORL_SOCKET s, const MORL_SockAddrIn* addr, int len);
+int MORL_Bind(MORL_SOCKET s, const MORL_SockAddrIn* addr, int len);
+int MORL_Listen(MORL_SOCKET s, int backlog);
+MORL_SOCKET MORL_Accept(MORL_SOCKET s, MORL_SockAddrIn* addr, int* len);
+int MORL_Send(MORL_SOCKET s, const void* buf, int len, int flags);
+int MORL_Sendto(MORL_SOCKET s, const void* buf, int len, int flags, const MORL_SockAddrIn* to, int tolen);
+int MORL_Recv(MORL_SOCKET s, void* buf, int len, int flags);
+int MORL_Recvfrom(MORL_SOCKET s, void* buf, int len, int flags, MORL_SockAddrIn* from, int* fromlen);
+int MORL_GetSockOpt(MORL_SOCKET s, int level, int optname, void* optval, int* optlen);
+int MORL_SetSockOpt(MORL_SOCKET s, int level, int optname, const void* optval, int optlen);
+int MORL_GetSockName(MORL_SOCKET s, MORL_SockAddrIn* addr, int* len);
+int MORL_IoctlSocket(MORL_SOCKET s, uint32_t cmd, uint32_t* argp);
+int MORL_CloseSocket(MORL_SOCKET s);
+int MORL_GetLastSocketErr();
+// Windows-style select over MORL_FdSet; nfds is ignored as on Windows.
+int MORL_Select(int nfds, MORL_FdSet* readfds, MORL_FdSet* writefds, MORL_FdSet* exceptfds, const MORL_TimeVal* timeout);
+void MORL_FD_ZERO(MORL_FdSet* set);
+void MORL_FD_SET(MORL_SOCKET s, MORL_FdSet* set);
+void MORL_FD_CLR(MORL_SOCKET s, MORL_FdSet* set);
+int MORL_FD_ISSET(MORL_SOCKET s, const MORL_FdSet* set);
+// WSAPoll: number of ready records, 0 on time-out, -1 on failure.
+int MORL_Poll(MORL_PollFd* fds, uint32_t count, int timeout_ms);
+// Dotted IPv4 text to a network-order address; 0xFFFFFFFF (INADDR_NONE) if not dotted.
+uint32_t MORL_InetAddr(const char* text);
+// inet_pton for family 2: 1 if text is a dotted IPv4 address (4 bytes written), 0 if not, -1 on bad family/size.
+int MORL_Inet_Pton(int family, const char* text, void* dst, uint32_t dst_size);
+
+// ---- errors ------------------------------------------------------------------
+int MORL_GetLastErr();
+int MORL_StrError_S(char* buf, uint32_t size, int err);
+
+// ---- time and threads ----------------------------------------------------------
+void MORL_SleepMs(uint32_t ms);
+uint64_t MORL_GetSystemTime(); // milliseconds, monotonic, 64 bits
+// Stand-ins for QueryPerformanceCounter / QueryPerformanceFrequency.
+int MORL_QueryPerformanceCounter(int64_t* count);
+int MORL_QueryPerformanceFrequency(int64_t* freq);
+// Names the calling thread (cut to the 15 characters Linux keeps).
+int MORL_PthreadSetName(const char* name);
+
+// ---- recursive mutex in a caller-supplied block of 72 bytes ----------------------
+constexpr size_t MORL_MUTEX_BLOCK_SIZE = 72;
+int MORL_MutexInitRecursive(void* block, int flags);
+int MORL_MutexLock(void* block);
+int MORL_MutexUnLock(void* block);
+int MORL_MutexDestroy(void* block);
+
+// ---- relative timers, served by one timer thread -----------------------------------
+// callback(argument) runs on the timer thread.
+//  mode 0: the caller owns the handle and frees it with MORL_FreeRelTimer.
+//  mode 2: fire-once timer that frees itself after its callback ran; the
+//          caller must not touch the handle after it fired.
+// MORL_StartRelTimer arms (or re-arms, restarting the delay) the timer.
+// After MORL_StopRelTimer_Safe returns the callback does not run any more;
+// it may be called from inside the callback.
+using MORL_TimerHandle = uint64_t; // 0 is no timer
+using MORL_TimerCallback = void (*)(uint64_t argument);
+MORL_TimerHandle MORL_CreateRelTimerM(MORL_TimerCallback callback, uint32_t mode, const char* name);
+int MORL_StartRelTimer(MORL_TimerHandle timer, uint32_t delay_ms, uint64_t argument);
+int MORL_StopRelTimer_Safe(MORL_TimerHandle timer);
+int MORL_FreeRelTimer(MORL_TimerHandle timer);

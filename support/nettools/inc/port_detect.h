@@ -1,0 +1,211 @@
+// Port probes and the port detection built on them.
+//
+// A probe answers one question about one destination: can this IPv4
+// address and port be reached over this transport, and how long did the
+// answer take. It runs on detached threads of its own; each such thread
+// holds a shared reference to its probe, so a probe is never freed under a
+// running thread. Owners watch `get_result()` from their own threads.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "os_adapter/morl_os.h"
+#include "zeph_nettools/net_tools.h"
+
+enum ProbeResult : uint32_t {
+    PROBE_IDLE = 0,
+    PROBE_RUNNING = 1,
+    PROBE_TIMEOUT = 2,
+    PROBE_FAILED = 3,
+    PROBE_PROXY_FAILED = 4,
+    PROBE_REACHED = 5,
+};
+
+class PortDetectBase : public std::enable_shared_from_this<PortDetectBase> {
+public:
+    PortDetectBase(uint32_t addr, uint16_t port, uint32_t protocol);
+    virtual ~PortDetectBase();
+    PortDetectBase(const PortDetectBase&) = delete;
+    PortDetectBase& operator=(const PortDetectBase&) = delete;
+
+    virtual const char* get_type() const;
+    virtual void resend();
+    virtual uint16_t get_bind_port();
+    virtual void set_bind_port(uint16_t port);
+
+    void set_time_out(uint32_t ms) { m_time_out = ms; }
+    uint32_t get_result() const { return m_result.load(); }
+    void set_result(uint32_t r) { m_result.exchange(r); }
+    uint32_t get_delay() const { return m_delay.load(); }
+    void set_delay(uint32_t d) { m_delay.exchange(d); }
+    uint32_t get_addr() const { return m_addr; }
+    uint16_t get_port() const { return m_port; }
+    uint16_t get_local_port() const { return m_local_port.load(); }
+    uint32_t get_local_addr() const { return m_local_addr.load(); }
+    const std::string& get_addr_str() const { return m_addr_str; }
+    // Asks every thread of the probe to leave within one poll.
+    void finish() { m_finish.exchange(1); }
+
+    // Milliseconds since construction, by the probe's own counter.
+    int64_t get_runtime_win() const;
+
+    void create_socket();
+    static void close_socket(MORL_SOCKET* holder);
+    // Creates and connects the socket and starts the thread(s) of the mode:
+    // net_mode 0 establishes reachability, 1 measures one delay.
+    void start_probe(uint32_t net_mode);
+    int bind_port();
+
+    // Probes alive in the process (for lifetime checks).
+    static int live_count();
+
+protected:
+    MORL_SOCKET socket_fd() const { return m_socket ? *m_socket : MORL_INVALID_SOCKET; }
+    // MORL_Connect to m_addr:m_port, 10 ms pause, local name read back.
+    void connect_and_read_name();
+
+    uint32_t m_sleep_ms = 10;
+    uint32_t m_resend_ms = 300;
+    uint32_t m_time_out = 0;
+    std::atomic<uint32_t> m_delay{0};
+    std::atomic<uint32_t> m_exit{0};
+    std::atomic<uint32_t> m_finish{0};
+    uint32_t m_addr;
+    std::string m_addr_str;
+    uint16_t m_port;
+    std::atomic<uint16_t> m_local_port{0};
+    std::atomic<uint32_t> m_local_addr{0};
+    std::shared_ptr<MORL_SOCKET> m_socket;
+    int32_t m_sock_type;
+    int32_t m_sock_proto = 0;
+    std::atomic<uint32_t> m_result{PROBE_IDLE};
+    uint8_t m_buf[1024] = {};
+    int64_t m_start_time = 0;
+    int64_t m_freq_time = 0;
+
+    friend struct PortDetectTestAccess;
+};
+
+class PortDetectUDP : public PortDetectBase {
+public:
+    PortDetectUDP(uint32_t addr, uint16_t port, uint32_t protocol);
+    ~PortDetectUDP() override;
+
+    const char* get_type() const override;
+    void resend() override;
+    uint16_t get_bind_port() override;
+    void set_bind_port(uint16_t port) override;
+
+    void stun_request_send();
+    // Checks the datagram of `length` bytes in m_buf against the requests sent.
+    bool is_stun_response(int length);
+    void detect_recv_thread();
+    void net_detect_recv_thread();
+
+private:
+    std::string m_type = "udp";
+    uint8_t m_trans_ids[10][12] = {};
+    uint32_t m_trans_index = 0;
+
+    friend struct PortDetectTestAccess;
+};
+
+class PortDetectTCP : public PortDetectBase {
+public:
+    PortDetectTCP(uint32_t addr, uint16_t port, uint32_t protocol);
+    ~PortDetectTCP() override;
+
+    const char* get_type() const override;
+    void resend() override;
+    uint16_t get_bind_port() override;
+    void set_bind_port(uint16_t port) override;
+
+    void set_use_proxy(uint32_t flag) { m_use_proxy = flag; }
+    void set_proxy_dst(uint32_t addr, uint16_t port) {
+        m_proxy_dst_addr = addr;
+        m_proxy_dst_port = port;
+    }
+    int http_proxy_connect();
+
+    void detect_recv_thread();
+    void net_detect_recv_thread();
+    void detect_recv_proxy_thread();
+
+private:
+    std::string m_type = "tcp";
+    uint32_t m_tcp_resend_ms = 1000;
+    uint32_t m_proxy_dst_addr = 0;
+    uint16_t m_proxy_dst_port = 0;
+    uint32_t m_use_proxy = 0;
+
+    friend struct PortDetectTestAccess;
+};
+
+class PortDetectICMP : public PortDetectBase {
+public:
+    PortDetectICMP(uint32_t addr, uint16_t port, uint32_t protocol);
+    ~PortDetectICMP() override;
+
+    const char* get_type() const override;
+
+    // Slots 1..5 carry the results of echoes 1..5; others give nothing.
+    std::shared_ptr<PortDetectBase> get_slot(int i);
+    // Echo i's result holder: the probe itself for 0, its slot for 1..5.
+    PortDetectBase* get_probe(int i);
+
+    void send_icmp(int i);
+    bool is_icmp_response(int length);
+    void net_detect_send_thread();
+    void net_detect_recv_thread();
+
+private:
+    std::shared_ptr<PortDetectBase> m_slots[6];
+    std::atomic<uint32_t> m_send_times[6] = {};
+    std::string m_type = "icmp";
+    uint16_t m_req_id = 0;
+    uint16_t m_seq_base = 0;
+
+    friend struct PortDetectTestAccess;
+};
+
+// One port detection over up to 7 groups of up to 4 destinations.
+class PortDetect {
+public:
+    PortDetect(const PortDetectInfo* info, PortDetectNotify notify);
+    ~PortDetect();
+    PortDetect(const PortDetect&) = delete;
+    PortDetect& operator=(const PortDetect&) = delete;
+
+    // Takes over `self`, starts the probes and the detection thread.
+    // 0, or -1 when a thread could not be started.
+    int start(uint32_t num, std::shared_ptr<PortDetect> self);
+
+    void detect_thread();
+    uint32_t detect_single_port();
+    void detect_multi_port();
+    uint32_t waitfor_first_reach();
+    void detect_after_first_reach();
+    void calc_single_port(uint32_t single, PortDetectResult& result);
+    void calc_3_port(PortDetectResult& result);
+    void calc_any_port(AnyPortResult& result);
+    void uninit();
+    static void delayFree(std::shared_ptr<PortDetect>* self);
+
+    // PortDetect objects alive in the process (for lifetime checks).
+    static int live_count();
+
+private:
+    uint32_t m_time_out = 3000;
+    uint32_t m_sleep_ms = 10;
+    uint32_t m_after_first_count = 100;
+    PortDetectInfo m_info;
+    std::shared_ptr<PortDetectBase> m_probes[ZEPH_PORT_DETECT_MAX_GROUPS][ZEPH_PORT_DETECT_MAX_ENTRIES];
+    PortDetectNotify m_notify = nullptr;
+    std::atomic<uint32_t> m_finished{0};
+    std::shared_ptr<PortDetect> m_self;
+
+    friend struct PortDetectTestAccess;
+};

@@ -1,0 +1,62 @@
+#include "net_tools_util/net_tools_util.h"
+
+#include <atomic>
+#include <cstdlib>
+
+#include "inc/net_tools_log.h"
+#include "securec/securec.h"
+
+namespace {
+// Both hold 0xFFFFFFFF until the first init_runtime_clock, so the clock is
+// usable (with a meaningless origin) before the runtime is started.
+std::atomic<int64_t> m_freq_time{0xFFFFFFFFLL};
+std::atomic<int64_t> m_start_time{0xFFFFFFFFLL};
+} // namespace
+
+void init_runtime_clock() {
+    int64_t freq = 0;
+    int64_t start = 0;
+    MORL_QueryPerformanceFrequency(&freq);
+    MORL_QueryPerformanceCounter(&start);
+    m_freq_time.store(freq);
+    m_start_time.store(start);
+}
+
+int64_t get_runtime_current() {
+    int64_t now = 0;
+    MORL_QueryPerformanceCounter(&now);
+    const int64_t freq = m_freq_time.load();
+    if (freq == 0) {
+        NT_LOGE("get_runtime_current: m_freq_time is null");
+        return 0xFFFFFFFFLL;
+    }
+    return (now - m_start_time.load()) * 1000 / freq;
+}
+
+void ipv4_int2str(char* out, uint32_t size, uint32_t addr) {
+    const int ret = sprintf_s(out, size, "%u.%u.%u.%u", addr & 0xFF, (addr >> 8) & 0xFF, (addr >> 16) & 0xFF,
+                              (addr >> 24) & 0xFF);
+    if (ret < 1) NT_LOGE("secure function return error");
+}
+
+OsRecursiveMutex::OsRecursiveMutex() {
+    m_block = std::malloc(MORL_MUTEX_BLOCK_SIZE);
+    if (m_block) MORL_MutexInitRecursive(m_block, 0);
+}
+
+OsRecursiveMutex::~OsRecursiveMutex() {
+    if (!m_block) return;
+    MORL_MutexLock(m_block);
+    MORL_MutexUnLock(m_block);
+    MORL_MutexDestroy(m_block);
+    std::free(m_block);
+    m_block = nullptr;
+}
+
+void OsRecursiveMutex::lock() {
+    if (m_block) MORL_MutexLock(m_block);
+}
+
+void OsRecursiveMutex::unlock() {
+    if (m_block) MORL_MutexUnLock(m_block);
+}
