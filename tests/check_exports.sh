@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# The shared library exports only the documented C names: the zeph_*
+# detection, settings and DSCP exports, MORL_Media*, MORL_Stun* and kest_*.
+set -euo pipefail
+lib=$1
+bad=$(nm -D --defined-only "$lib" | awk '$2 ~ /^[TDBRVW]$/ {print $3}' \
+  | grep -vE '^(zeph_|MORL_Media|MORL_Stun|kest_)' || true)
+if [ -n "$bad" ]; then
+  echo "unexpected exports:"; echo "$bad"; exit 1
+fi
+for must in zeph_3port_detect zeph_any_port_detect zeph_net_detect zeph_single_net_detect \
+            zeph_settings_set_http_proxy zeph_get_trans_protocol_type_str; do
+  nm -D --defined-only "$lib" | grep -qw "$must" || { echo "missing export: $must"; exit 1; }
+done
+# Internal helpers of the platform layer must stay hidden.
+for hidden in DoLog MORL_Socket zeph_http_proxy_connect_ex get_addr_ipv4; do
+  if nm -D --defined-only "$lib" | grep -qw "$hidden"; then echo "leaked: $hidden"; exit 1; fi
+done
+echo "exports ok: $(nm -D --defined-only "$lib" | awk '$2 ~ /^[TDBRVW]$/' | wc -l) symbols"
