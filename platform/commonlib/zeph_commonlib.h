@@ -45,12 +45,25 @@ uint32_t zeph_is_use_proxy();
 uint32_t zeph_get_proxy_addr(); // network order
 uint16_t zeph_get_proxy_port(); // host order
 // HTTP CONNECT to ip:port over `sock`, already connected to the proxy
-// (blocking or not). Waits at most a few seconds for the answer. 0 when the
-// proxy answered 2xx; 16 when it demanded authentication (407); another
-// non-zero value otherwise. `reserved` is 0.
+// (blocking or not). Waits at most 3 s for the answer and takes nothing off
+// the socket beyond the answer's header. 0 when the proxy answered 2xx; 16
+// when it demanded authentication (407); the HTTP status for other answers
+// (403, 401, 502...); -1 on I/O failure or time-out; -2 for an answer that
+// is not HTTP. `reserved` is 0.
 int zeph_http_proxy_connect_ex(int reserved, MORL_SOCKET sock, const char* ip, uint16_t port);
-// Starts a non-blocking TCP connect of `sock` to address:port (or domain when
-// non-empty), through the configured HTTP proxy when one is in use. 0 when
-// under way or done, 16 when the proxy refused authentication, other
-// non-zero on failure. Sets *is_domain to 1 when the domain was used.
+// Result of zeph_http_proxy_connect_asyn: the socket and the result that
+// zeph_http_proxy_connect_ex gave (-1 when the proxy could not be reached).
+using zeph_http_proxy_connect_cb = void (*)(MORL_SOCKET sock, int result);
+// Connects `sock` (non-blocking, not yet connected or connecting) to the
+// configured proxy and runs the CONNECT handshake to ip:port on a thread of
+// its own, then calls callback once on that thread. 0 when started.
+int zeph_http_proxy_connect_asyn(MORL_SOCKET sock, const char* ip, uint16_t port, zeph_http_proxy_connect_cb callback);
+// Starts a non-blocking TCP connect of `sock` to address:port (address in
+// network order; the domain instead when non-empty), through the configured
+// HTTP proxy when one is in use. Without a proxy it returns at once, 0 when
+// the connect is under way or done. With a proxy it waits for the proxy's
+// connect and the CONNECT answer (3 s at most each) and returns 0 when the
+// tunnel is open, 16 when the proxy refused authentication, the HTTP status
+// or another non-zero value otherwise. The socket is left non-blocking.
+// Sets *is_domain to 1 when the domain was used.
 int zeph_tcp_over_http_proxy(MORL_SOCKET sock, uint32_t address, uint16_t port, const char* domain, int* is_domain);

@@ -1,0 +1,36 @@
+// Private helpers shared by the files of the common library.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "commonlib/zeph_commonlib.h"
+
+// The common library logs under module "support" like the detection side.
+#define CL_LOG(level, ...)                                                                                   \
+    do {                                                                                                     \
+        if (zeph_log_enabled(level)) {                                                                       \
+            char cl_log_fn_[128];                                                                            \
+            DoLog("support", (level), 0, zeph_log_func_name(__PRETTY_FUNCTION__, cl_log_fn_, sizeof cl_log_fn_), \
+                  __FILE__, __LINE__, __VA_ARGS__);                                                          \
+        }                                                                                                    \
+    } while (0)
+#define CL_LOGW(...) CL_LOG(1, __VA_ARGS__)
+#define CL_LOGI(...) CL_LOG(2, __VA_ARGS__)
+
+namespace zeph_commonlib {
+
+// A consistent copy of the host's proxy setting.
+struct ProxySetting {
+    bool configured = false;
+    uint32_t addr = 0; // network order
+    uint16_t port = 0; // host order
+    std::string user;  // empty: no credentials
+    std::string password;
+};
+ProxySetting proxy_setting();
+
+// Dotted text of a network-order address.
+std::string ipv4_text(uint32_t be_addr);
+
+} // namespace zeph_commonlib

@@ -1,0 +1,202 @@
+// Host settings (HTTP proxy, local address) and the address helpers that
+// read them.
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+
+#include "commonlib/commonlib_internal.h"
+#include "zeph_nettools/settings.h"
+
+namespace zeph_commonlib {
+namespace {
+
+struct SettingsState {
+    std::mutex mutex; // guards proxy
+    ProxySetting proxy;
+    std::atomic<uint32_t> local_addr{0}; // network order, 0 = automatic
+};
+
+SettingsState& settings()
+{
+    static SettingsState& state = *new SettingsState;
+    return state;
+}
+
+bool parse_dotted(const char* text, uint32_t* be_addr)
+{
+    in_addr a{};
+    if (text == nullptr || inet_pton(AF_INET, text, &a) != 1) {
+        return false;
+    }
+    *be_addr = a.s_addr;
+    return true;
+}
+
+// The address of the interface the kernel would route outward. Connecting a
+// UDP socket only chooses the route: no packet is sent. 192.0.2.1 is a
+// documentation address that is never reached.
+uint32_t routed_local_addr()
+{
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return 0;
+    }
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(9);
+    to.sin_addr.s_addr = htonl(0xC0000201); // 192.0.2.1
+    uint32_t result = 0;
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&to), sizeof to) == 0) {
+        sockaddr_in me{};
+        socklen_t len = sizeof me;
+        if (getsockname(fd, reinterpret_cast<sockaddr*>(&me), &len) == 0 && me.sin_family == AF_INET) {
+            result = me.sin_addr.s_addr;
+        }
+    }
+    close(fd);
+    return result;
+}
+
+} // namespace
+
+ProxySetting proxy_setting()
+{
+    SettingsState& st = settings();
+    std::lock_guard<std::mutex> lock(st.mutex);
+    return st.proxy;
+}
+
+std::string ipv4_text(uint32_t be_addr)
+{
+    char text[INET_ADDRSTRLEN] = {};
+    in_addr a{};
+    a.s_addr = be_addr;
+    inet_ntop(AF_INET, &a, text, sizeof text);
+    return text;
+}
+
+} // namespace zeph_commonlib
+
+using zeph_commonlib::settings;
+
+uint32_t get_addr_ipv4(const char* text)
+{
+    if (text == nullptr || text[0] == '\0') {
+        return 0;
+    }
+    uint32_t addr = 0;
+    if (zeph_commonlib::parse_dotted(text, &addr)) {
+        return addr;
+    }
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* res = nullptr;
+    if (getaddrinfo(text, nullptr, &hints, &res) != 0 || res == nullptr) {
+        return 0;
+    }
+    for (const addrinfo* ai = res; ai != nullptr; ai = ai->ai_next) {
+        if (ai->ai_family == AF_INET && ai->ai_addrlen >= sizeof(sockaddr_in)) {
+            sockaddr_in sa{};
+            std::memcpy(&sa, ai->ai_addr, sizeof sa);
+            addr = sa.sin_addr.s_addr;
+            break;
+        }
+    }
+    freeaddrinfo(res);
+    return addr;
+}
+
+uint32_t zeph_get_local_addr()
+{
+    uint32_t addr = settings().local_addr.load(std::memory_order_acquire);
+    if (addr != 0) {
+        return addr;
+    }
+    addr = zeph_commonlib::routed_local_addr();
+    return addr != 0 ? addr : htonl(INADDR_LOOPBACK);
+}
+
+int zeph_settings_set_local_addr(const char* addr)
+{
+    if (addr == nullptr || addr[0] == '\0') {
+        settings().local_addr.store(0, std::memory_order_release);
+        return 0;
+    }
+    uint32_t be = 0;
+    if (!zeph_commonlib::parse_dotted(addr, &be)) {
+        return -1;
+    }
+    settings().local_addr.store(be, std::memory_order_release);
+    return 0;
+}
+
+int zeph_settings_set_http_proxy(const char* host, uint16_t port, const char* user, const char* password)
+{
+    zeph_commonlib::SettingsState& st = settings();
+    if (host == nullptr || host[0] == '\0') {
+        {
+            std::lock_guard<std::mutex> lock(st.mutex);
+            st.proxy = zeph_commonlib::ProxySetting{};
+        }
+        CL_LOGI("http proxy removed");
+        return 0;
+    }
+    if (port == 0) {
+        CL_LOGW("http proxy not changed: port 0");
+        return -1;
+    }
+    // Basic credentials: a user name is needed for a password to mean
+    // anything, and a colon would end the user name early on the wire.
+    bool has_user = user != nullptr && user[0] != '\0';
+    if ((!has_user && password != nullptr && password[0] != '\0') || (has_user && std::strchr(user, ':') != nullptr)) {
+        CL_LOGW("http proxy not changed: bad credentials");
+        return -1;
+    }
+    uint32_t addr = get_addr_ipv4(host);
+    if (addr == 0) {
+        CL_LOGW("http proxy not changed: cannot resolve %s", host);
+        return -1;
+    }
+    zeph_commonlib::ProxySetting next;
+    next.configured = true;
+    next.addr = addr;
+    next.port = port;
+    if (has_user) {
+        next.user = user;
+        next.password = password ? password : "";
+    }
+    {
+        std::lock_guard<std::mutex> lock(st.mutex);
+        st.proxy = std::move(next);
+    }
+    CL_LOGI("http proxy set to %s:%u%s", zeph_commonlib::ipv4_text(addr).c_str(), port,
+            has_user ? " with credentials" : "");
+    return 0;
+}
+
+uint32_t zeph_is_proxy_configed()
+{
+    return zeph_commonlib::proxy_setting().configured ? 1 : 0;
+}
+
+uint32_t zeph_is_use_proxy()
+{
+    return zeph_is_proxy_configed();
+}
+
+uint32_t zeph_get_proxy_addr()
+{
+    return zeph_commonlib::proxy_setting().addr;
+}
+
+uint16_t zeph_get_proxy_port()
+{
+    return zeph_commonlib::proxy_setting().port;
+}
