@@ -52,8 +52,13 @@ enum : int {
     MORL_WSAEINPROGRESS = 10036,
     MORL_WSAEALREADY = 10037,
     MORL_WSAENOTSOCK = 10038,
+    MORL_WSAEDESTADDRREQ = 10039,
     MORL_WSAEMSGSIZE = 10040,
+    MORL_WSAEPROTOTYPE = 10041,
+    MORL_WSAENOPROTOOPT = 10042,
     MORL_WSAEPROTONOSUPPORT = 10043,
+    MORL_WSAESOCKTNOSUPPORT = 10044,
+    MORL_WSAEOPNOTSUPP = 10045,
     MORL_WSAEAFNOSUPPORT = 10047,
     MORL_WSAEADDRINUSE = 10048,
     MORL_WSAEADDRNOTAVAIL = 10049,
@@ -67,6 +72,7 @@ enum : int {
     MORL_WSAESHUTDOWN = 10058,
     MORL_WSAETIMEDOUT = 10060,
     MORL_WSAECONNREFUSED = 10061,
+    MORL_WSAEHOSTDOWN = 10064,
     MORL_WSAEHOSTUNREACH = 10065,
     MORL_WSANOTINITIALISED = 10093,
 };
@@ -139,7 +145,9 @@ void MORL_FD_ZERO(MORL_FdSet* set);
 void MORL_FD_SET(MORL_SOCKET s, MORL_FdSet* set);
 void MORL_FD_CLR(MORL_SOCKET s, MORL_FdSet* set);
 int MORL_FD_ISSET(MORL_SOCKET s, const MORL_FdSet* set);
-// WSAPoll: number of ready records, 0 on time-out, -1 on failure.
+// WSAPoll: number of ready records, 0 on time-out, -1 on failure. Records
+// with a negative socket are skipped and get no events; a peer's close shows
+// as MORL_POLLHUP (with MORL_POLLRDNORM when asked for reading).
 int MORL_Poll(MORL_PollFd* fds, uint32_t count, int timeout_ms);
 // Dotted IPv4 text to a network-order address; 0xFFFFFFFF (INADDR_NONE) if not dotted.
 uint32_t MORL_InetAddr(const char* text);
@@ -169,11 +177,20 @@ int MORL_MutexDestroy(void* block);
 // ---- relative timers, served by one timer thread -----------------------------------
 // callback(argument) runs on the timer thread.
 //  mode 0: the caller owns the handle and frees it with MORL_FreeRelTimer.
-//  mode 2: fire-once timer that frees itself after its callback ran; the
-//          caller must not touch the handle after it fired.
-// MORL_StartRelTimer arms (or re-arms, restarting the delay) the timer.
-// After MORL_StopRelTimer_Safe returns the callback does not run any more;
-// it may be called from inside the callback.
+//  mode 2: fire-once timer that frees itself after its callback ran (after
+//          the last one, if the callback armed it again); a later Stop or
+//          Free of the handle is harmless.
+//  Other modes behave as mode 0.
+// A callback may create, start, stop and free timers, its own included.
+// MORL_StartRelTimer arms (or re-arms, restarting the delay and replacing
+// the argument) the timer; the callback runs once per arming.
+// After MORL_StopRelTimer_Safe returns the callback does not run any more:
+// called from another thread while the callback runs, it waits for the
+// callback to return; called from inside the callback, it returns at once.
+// MORL_FreeRelTimer stops the timer the same way and releases the handle.
+// Handles are never reused; Start, Stop and Free of a handle that is not
+// (or no longer) alive give a non-zero result and do nothing else.
+// Timers fire in deadline order, one at a time, on the thread "morl_timer".
 using MORL_TimerHandle = uint64_t; // 0 is no timer
 using MORL_TimerCallback = void (*)(uint64_t argument);
 MORL_TimerHandle MORL_CreateRelTimerM(MORL_TimerCallback callback, uint32_t mode, const char* name);
