@@ -109,6 +109,8 @@ private:
     std::string m_type = "udp";
     uint8_t m_trans_ids[10][12] = {};
     uint32_t m_trans_index = 0;
+    // Requests sent so far; only slots that held a sent id are matched.
+    uint32_t m_trans_sent = 0;
 
     friend struct PortDetectTestAccess;
 };
@@ -206,6 +208,9 @@ private:
     PortDetectNotify m_notify = nullptr;
     std::atomic<uint32_t> m_finished{0};
     std::shared_ptr<PortDetect> m_self;
+    // Set by uninit when no timer could be armed: detect_thread then lets go
+    // of m_self itself when it leaves.
+    std::atomic<uint32_t> m_release_on_leave{0};
 
     friend struct PortDetectTestAccess;
 };
