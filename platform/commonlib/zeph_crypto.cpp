@@ -1,4 +1,5 @@
 // Random numbers and digests, all from OpenSSL's libcrypto.
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <openssl/rand.h>
@@ -8,6 +9,12 @@
 #include "commonlib/zeph_commonlib.h"
 
 namespace {
+
+// libcrypto's state is process-wide and used by detached library threads
+// (probes drawing transaction ids) that may still run while the process
+// exits. Its own exit-time cleanup would free that state under them, so it
+// is initialised at load without that cleanup.
+[[maybe_unused]] const int g_crypto_init = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 
 // Digest 0 is SHA-1, the only one the library uses.
 const EVP_MD* digest_md(int digest)

@@ -1,0 +1,271 @@
+// zeph-nettools as its users meet it: run as a process against peers on
+// loopback, judged by its exit status, its output and how fast it leaves.
+// JSON output is parsed by python3's json module, not by our own code.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "peers.h"
+
+using zeph_test::CoturnServer;
+using zeph_test::Process;
+using zeph_test::TcpListener;
+
+namespace {
+
+struct ToolRun {
+    int status = -1;
+    std::string out, err;
+    uint64_t started_ms = 0, last_output_ms = 0, ended_ms = 0;
+    bool exited = false;
+    int code() const { return exited && WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
+    size_t lines() const { return size_t(std::count(out.begin(), out.end(), '\n')); }
+    std::string what() const { return "status " + std::to_string(code()) + "\nstdout:\n" + out + "stderr:\n" + err; }
+};
+
+// Runs the tool with `args` until it exits or `timeout_ms` pass, noting when
+// stdout last grew.
+ToolRun run_tool(const std::vector<std::string>& args, int timeout_ms) {
+    ToolRun r;
+    Process p;
+    std::vector<std::string> argv = {zeph_test::tool_path("zeph-nettools")};
+    argv.insert(argv.end(), args.begin(), args.end());
+    r.started_ms = zeph_test::now_ms();
+    if (!p.start(argv)) {
+        ADD_FAILURE() << p.error();
+        return r;
+    }
+    const std::string out_file = p.dir().file("stdout");
+    off_t last_size = 0;
+    r.last_output_ms = r.started_ms;
+    for (;;) {
+        struct stat st {};
+        if (stat(out_file.c_str(), &st) == 0 && st.st_size != last_size) {
+            last_size = st.st_size;
+            r.last_output_ms = zeph_test::now_ms();
+        }
+        if (!p.running()) {
+            r.exited = true;
+            break;
+        }
+        if (zeph_test::now_ms() - r.started_ms > uint64_t(timeout_ms)) break;
+        usleep(5000);
+    }
+    r.ended_ms = zeph_test::now_ms();
+    r.status = p.stop();
+    r.out = p.stdout_text();
+    r.err = p.stderr_text();
+    return r;
+}
+
+// Every stdout line parsed as JSON and flattened to "LINE:path.to.key" ->
+// value as JSON text ("1", "\"udp\""). Empty when a line does not parse.
+std::map<std::string, std::string> parse_json_lines(const std::string& text) {
+    zeph_test::TempDir dir;
+    dir.write("lines", text);
+    dir.write("flat.py",
+              "import json, sys\n"
+              "def flat(n, path, v):\n"
+              "    if isinstance(v, dict):\n"
+              "        for k in v: flat(n, path + [k], v[k])\n"
+              "    elif isinstance(v, list):\n"
+              "        for i, x in enumerate(v): flat(n, path + [str(i)], x)\n"
+              "    else: print('%d:%s=%s' % (n, '.'.join(path), json.dumps(v)))\n"
+              "for n, line in enumerate(open(sys.argv[1])):\n"
+              "    flat(n, [], json.loads(line))\n");
+    Process py;
+    std::map<std::string, std::string> m;
+    if (!py.start({"python3", dir.file("flat.py"), dir.file("lines")})) {
+        ADD_FAILURE() << py.error();
+        return m;
+    }
+    zeph_test::wait_until([&] { return !py.running(); }, 10000);
+    int st = py.stop();
+    if (!WIFEXITED(st) || WEXITSTATUS(st) != 0) {
+        ADD_FAILURE() << "not JSON lines:\n" << text << py.stderr_text();
+        return m;
+    }
+    std::istringstream in(py.stdout_text());
+    for (std::string line; std::getline(in, line);) {
+        auto eq = line.find('=');
+        if (eq != std::string::npos) m[line.substr(0, eq)] = line.substr(eq + 1);
+    }
+    return m;
+}
+
+std::string at(const std::map<std::string, std::string>& m, const std::string& key) {
+    auto it = m.find(key);
+    return it == m.end() ? "<missing " + key + ">" : it->second;
+}
+
+std::string endpoint(uint16_t port, const char* proto, const std::string& ip = "127.0.0.1") {
+    return ip + ":" + std::to_string(port) + "/" + proto;
+}
+
+} // namespace
+
+TEST(Cli, BadArgumentsExitTwoWithOneLineAndHelpExitsZero) {
+    const std::vector<std::vector<std::string>> bad = {
+        {},
+        {"frobnicate"},
+        {"port"},
+        {"port", "127.0.0.1:80/sctp"},
+        {"port", "127.0.0.1:0/tcp"},
+        {"port", "127.0.0.1/tcp"},
+        {"port", "--group", "127.0.0.1:80/tcp"},
+        {"port", "127.0.0.1:80/tcp", "--group"},
+        {"port", "a:1/tcp", "a:2/tcp", "a:3/tcp", "a:4/tcp", "a:5/tcp"},
+        {"port", "a:1/tcp", "--group", "a:1/tcp", "--group", "a:1/tcp", "--group", "a:1/tcp", "--group", "a:1/tcp",
+         "--group", "a:1/tcp", "--group", "a:1/tcp", "--group", "a:1/tcp"},
+        {"port", "--proxy", "127.0.0.1", "127.0.0.1:80/tcp"},
+        {"port", "--proxy", "127.0.0.1:3128,nocolon", "127.0.0.1:80/tcp"},
+        {"port", "--frobnicate", "127.0.0.1:80/tcp"},
+        {"net"},
+        {"net", "127.0.0.1:80/tcp", "127.0.0.1:81/tcp"},
+        {"net", "--servers", "a,b,c"},
+        {"net", "--servers", "a,b,c,d,e,f", "127.0.0.1:80/tcp"},
+        {"net", "--context", "5", "127.0.0.1:80/tcp"},
+        {"net", "--servers", "a,b,c,d,e,f", "--context", "x"},
+        {"demo", "--three"},
+    };
+    for (const auto& args : bad) {
+        ToolRun r = run_tool(args, 5000);
+        std::string cmd;
+        for (auto& a : args) cmd += " " + a;
+        EXPECT_EQ(r.code(), 2) << cmd << "\n" << r.what();
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << cmd << "\n" << r.what();
+        EXPECT_TRUE(r.out.empty()) << cmd << "\n" << r.what();
+    }
+    for (const char* sub : {"port", "net", "demo"}) {
+        ToolRun r = run_tool({sub, "--help"}, 5000);
+        EXPECT_EQ(r.code(), 0) << sub << "\n" << r.what();
+        EXPECT_EQ(r.out.rfind(std::string("usage: zeph-nettools ") + sub, 0), 0u) << r.out;
+    }
+}
+
+TEST(Cli, PortJsonTellsOpenFromClosedInEveryGroup) {
+    CoturnServer stun;
+    ASSERT_TRUE(stun.start());
+    TcpListener open_tcp(TcpListener::Mode::Close);
+    ASSERT_TRUE(open_tcp.ok());
+    const uint16_t closed_tcp = zeph_test::closed_tcp_port();
+    const uint16_t closed_udp = zeph_test::closed_udp_port();
+
+    ToolRun r = run_tool({"port", "--json", endpoint(stun.port(), "udp"), endpoint(closed_tcp, "tcp"), "--group",
+                      endpoint(closed_udp, "udp"), "localhost:" + std::to_string(open_tcp.port()) + "/tcp"},
+                     20000);
+    ASSERT_EQ(r.code(), 0) << r.what();
+    ASSERT_EQ(r.lines(), 1u) << r.what();
+    auto j = parse_json_lines(r.out);
+    EXPECT_EQ(at(j, "0:kind"), "\"any_port\"");
+    EXPECT_EQ(at(j, "0:type"), "2");
+    EXPECT_EQ(at(j, "0:group_num"), "2");
+    EXPECT_EQ(at(j, "0:groups.0.detect_num"), "2");
+    EXPECT_EQ(at(j, "0:groups.0.open.0"), "1");
+    EXPECT_EQ(at(j, "0:groups.0.open.1"), "0");
+    EXPECT_EQ(at(j, "0:groups.1.open.0"), "0");
+    EXPECT_EQ(at(j, "0:groups.1.open.1"), "1") << "a host name is resolved before the call";
+    EXPECT_EQ(j.count("0:groups.0.open.2"), 0u) << "only the entries in use are listed";
+    // The table says the same in words.
+    ToolRun t = run_tool({"port", endpoint(open_tcp.port(), "tcp"), endpoint(closed_tcp, "tcp")}, 20000);
+    ASSERT_EQ(t.code(), 0) << t.what();
+    EXPECT_NE(t.out.find(endpoint(open_tcp.port(), "tcp") + "    "), std::string::npos) << t.out;
+    EXPECT_NE(t.out.find("open\n"), std::string::npos) << t.out;
+    EXPECT_NE(t.out.find("closed\n"), std::string::npos) << t.out;
+}
+
+// The three-port code is decoded from real groups on the fixed ports: a
+// bare host stands for HOST:10002/udp, HOST:443/tcp, HOST:1124/tcp.
+TEST(Cli, ThreePortDecodesTheBestGroup) {
+    if (geteuid() != 0) GTEST_SKIP() << "ports 443 and 1124 need root";
+    TcpListener a443("127.0.0.51", 443, TcpListener::Mode::Close);
+    TcpListener b443("127.0.0.52", 443, TcpListener::Mode::Close);
+    TcpListener b1124("127.0.0.52", 1124, TcpListener::Mode::Close);
+    if (!a443.ok() || !b443.ok() || !b1124.ok()) GTEST_SKIP() << "fixed ports on 127.0.0.51-52 are taken";
+    CoturnServer stun;
+    ASSERT_TRUE(stun.start("127.0.0.52", 10002));
+
+    ToolRun r = run_tool({"port", "--three", "--json", "127.0.0.51", "127.0.0.52"}, 20000);
+    ASSERT_EQ(r.code(), 0) << r.what();
+    auto j = parse_json_lines(r.out);
+    EXPECT_EQ(at(j, "0:kind"), "\"three_port\"");
+    EXPECT_EQ(at(j, "0:ret_hex"), "\"0x01000202\"");
+    EXPECT_EQ(at(j, "0:group"), "1");
+    EXPECT_EQ(at(j, "0:media_word"), "\"line\"");
+    EXPECT_EQ(at(j, "0:share"), "2");
+
+    ToolRun only_a = run_tool({"port", "--three", "127.0.0.51"}, 20000);
+    ASSERT_EQ(only_a.code(), 0) << only_a.what();
+    EXPECT_NE(only_a.out.find("code 0x00000100"), std::string::npos) << only_a.out;
+    EXPECT_NE(only_a.out.find("media 1 (kest), share 0 (brel)"), std::string::npos) << only_a.out;
+}
+
+TEST(Cli, PortThroughProxyPassesCredentials) {
+    TcpListener target(TcpListener::Mode::Close);
+    zeph_test::TinyProxy proxy;
+    ASSERT_TRUE(proxy.start({target.port()}, "zeph", "s3cret"));
+    const std::string proxy_at = "127.0.0.1:" + std::to_string(proxy.port());
+    ToolRun good = run_tool({"port", "--json", "--proxy", proxy_at + ",zeph:s3cret", endpoint(target.port(), "tcp")}, 20000);
+    ASSERT_EQ(good.code(), 0) << good.what();
+    EXPECT_EQ(at(parse_json_lines(good.out), "0:groups.0.open.0"), "1") << good.what();
+    ToolRun wrong = run_tool({"port", "--json", "--proxy", proxy_at + ",zeph:wrong", endpoint(target.port(), "tcp")}, 20000);
+    ASSERT_EQ(wrong.code(), 0) << wrong.what();
+    EXPECT_EQ(at(parse_json_lines(wrong.out), "0:groups.0.open.0"), "0") << wrong.what();
+}
+
+TEST(Cli, NetMeasuresUdpAgainstStunAndPlanReturnsContext) {
+    CoturnServer stun;
+    ASSERT_TRUE(stun.start());
+    ToolRun r = run_tool({"net", "--json", endpoint(stun.port(), "udp")}, 20000);
+    ASSERT_EQ(r.code(), 0) << r.what();
+    ASSERT_EQ(r.lines(), 1u) << r.what();
+    auto j = parse_json_lines(r.out);
+    EXPECT_EQ(at(j, "0:level"), "1");
+    EXPECT_EQ(at(j, "0:level_num"), "1");
+    EXPECT_EQ(at(j, "0:discard"), "0");
+    EXPECT_GE(std::stoi(at(j, "0:average")), 1);
+    EXPECT_LT(std::stoi(at(j, "0:qos")), 3);
+
+    // A plan of servers without names: seven records at once, then the
+    // folded level 3 once its collecting thread is through (about 4 s).
+    // The tool must wait for exactly that one and not for its deadline.
+    ToolRun plan = run_tool({"net", "--json", "--servers", ",,,,,", "--context", "77"}, 40000);
+    ASSERT_EQ(plan.code(), 0) << plan.what();
+    ASSERT_EQ(plan.lines(), 8u) << plan.what();
+    auto p = parse_json_lines(plan.out);
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(at(p, std::to_string(i) + ":context"), "77") << plan.out;
+    EXPECT_EQ(at(p, "7:level"), "3");
+    EXPECT_EQ(at(p, "7:discard"), "100");
+    EXPECT_LT(plan.ended_ms - plan.started_ms, 15000u) << plan.what();
+}
+
+TEST(Cli, DemoCompletesAndTheProcessLeavesRightAfterItsLastLine) {
+    ToolRun r = run_tool({"demo", "--json"}, 60000);
+    ASSERT_TRUE(r.exited) << "demo still running after 60 s\n" << r.what();
+    ASSERT_EQ(r.code(), 0) << r.what();
+    auto j = parse_json_lines(r.out);
+    std::map<std::string, int> kinds;
+    for (size_t i = 0; i < r.lines(); ++i) kinds[at(j, std::to_string(i) + ":kind")]++;
+    EXPECT_EQ(kinds["\"any_port\""], 1) << r.out;
+    EXPECT_GE(kinds["\"net\""], 3) << r.out;
+    if (geteuid() == 0) {
+        // As root the fixed ports can be bound: three-port and the plan too,
+        // unless another program holds them (then the skip says so).
+        if (r.err.find("skipped the three-port") == std::string::npos) {
+            EXPECT_EQ(kinds["\"three_port\""], 1) << r.out;
+        }
+        if (r.err.find("skipped the net detection plan") == std::string::npos) {
+            EXPECT_GE(kinds["\"net\""], 8) << r.out;
+        }
+    }
+    // The library's threads (delayed frees, probes) still live after the last
+    // result; the process must not wait for them, nor crash on the way out.
+    EXPECT_LT(r.ended_ms - r.last_output_ms, 2000u) << r.what();
+}

@@ -1,0 +1,272 @@
+// zeph-nettools demo: starts its own peers on loopback and runs the
+// detections against them, so that the tool can be tried on a machine with
+// nothing else installed.
+//
+//   1. any-port detection: a STUN responder (udp), a TCP acceptor, a TCP
+//      port that refuses, and an ICMP echo to 127.0.0.1;
+//   2. single net detections over udp, tcp, a refusing tcp port and icmp;
+//   3. the three-port detection and 4. the seven-measurement plan, which use
+//      fixed ports (10002, 443, 1124), on loopback addresses of their own
+//      (127.0.0.201-202 and 127.0.0.211-216).
+// What needs privileges (raw ICMP sockets, ports below 1024) is skipped with
+// a one-line reason when they are missing.
+#include <map>
+#include <memory>
+
+#include "cli_common.h"
+#include "commands.h"
+#include "demo_peers.h"
+
+namespace cli {
+namespace {
+
+const char kDemoHelp[] =
+    "usage: zeph-nettools demo [--json] [-v|-vv]\n"
+    "\n"
+    "Starts peers on loopback (a STUN responder, TCP acceptors, a refusing TCP\n"
+    "port) and runs against them: an any-port detection, single net detections\n"
+    "(udp, tcp, icmp) and, when the fixed ports 10002, 443 and 1124 can be bound\n"
+    "on 127.0.0.201-216 (root), the three-port detection and the plan of seven\n"
+    "measurements. ICMP needs raw sockets (root or CAP_NET_RAW). What cannot run\n"
+    "is skipped with a one-line reason. Takes about 10 seconds.\n"
+    "\n"
+    "  --json        one JSON object per result on stdout (reasons for skips\n"
+    "                then go to stderr)\n"
+    "  -v, -vv       the library's log lines on stderr (hidden by default):\n"
+    "                -v errors, warnings, info; -vv also debug, with file:line\n"
+    "\n"
+    "Exit status: 0 done, 1 a detection could not start or did not report in\n"
+    "time, 2 bad arguments.\n";
+
+constexpr int kPhaseDeadlineS = 20;
+constexpr int kPlanDeadlineS = 40;
+
+class Demo {
+public:
+    explicit Demo(const CommonOptions& opt) : m_opt(opt) {}
+    int run();
+
+private:
+    void note(const std::string& text) {
+        if (m_opt.json)
+            err("zeph-nettools: demo: " + text + "\n");
+        else
+            out(text + "\n");
+    }
+    void title(const std::string& text) {
+        if (!m_opt.json) out("\n== " + text + "\n");
+    }
+    bool fail(const std::string& text) {
+        err("zeph-nettools: demo: " + text + "\n");
+        m_failed = true;
+        return false;
+    }
+    // Starts the named peers; false with a skip note when one cannot bind.
+    bool start_fixed_peers(const char* what, const std::vector<std::pair<std::string, uint16_t>>& stun,
+                           const std::vector<std::pair<std::string, uint16_t>>& tcp);
+
+    bool any_port();
+    bool single_net();
+    bool three_port();
+    bool plan();
+
+    const CommonOptions& m_opt;
+    bool m_icmp = false;
+    bool m_failed = false;
+    uint32_t m_num = 0;
+    zeph_peers::StunResponder m_stun;
+    zeph_peers::TcpAcceptor m_tcp;
+    zeph_peers::ClosedTcpPort m_closed;
+    std::vector<std::unique_ptr<zeph_peers::StunResponder>> m_fixed_stun;
+    std::vector<std::unique_ptr<zeph_peers::TcpAcceptor>> m_fixed_tcp;
+};
+
+Target make_target(const std::string& host, uint16_t port, uint8_t protocol) {
+    Target t;
+    t.host = host;
+    t.port = port;
+    t.protocol = protocol;
+    resolve_ipv4(host, t.addr);
+    return t;
+}
+
+bool Demo::start_fixed_peers(const char* what, const std::vector<std::pair<std::string, uint16_t>>& stun,
+                             const std::vector<std::pair<std::string, uint16_t>>& tcp) {
+    std::string error;
+    for (auto& p : stun) {
+        m_fixed_stun.emplace_back(new zeph_peers::StunResponder);
+        if (!m_fixed_stun.back()->start(p.first, p.second, &error)) {
+            note(std::string("skipped ") + what + ": " + error);
+            return false;
+        }
+    }
+    for (auto& p : tcp) {
+        m_fixed_tcp.emplace_back(new zeph_peers::TcpAcceptor);
+        if (!m_fixed_tcp.back()->start(p.first, p.second, &error)) {
+            note(std::string("skipped ") + what + ": " + error);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool Demo::any_port() {
+    title("any-port detection");
+    Groups groups(2);
+    groups[0].push_back(make_target("127.0.0.1", m_stun.port(), ZEPH_TRANS_UDP));
+    groups[0].push_back(make_target("127.0.0.1", m_tcp.port(), ZEPH_TRANS_TCP));
+    groups[1].push_back(make_target("127.0.0.1", m_closed.port(), ZEPH_TRANS_TCP));
+    if (m_icmp)
+        groups[1].push_back(make_target("127.0.0.1", 1, ZEPH_TRANS_ICMP));
+    else
+        note("skipped the ICMP target: raw ICMP sockets need root or CAP_NET_RAW");
+    static PortDetectInfo info;
+    fill_port_info(groups, info);
+    const uint32_t num = ++m_num;
+    const auto t0 = Clock::now();
+    if (zeph_any_port_detect(num, &info, on_any_port) != 0) return fail("the any-port detection could not start");
+    Progress progress("any-port detection");
+    Event ev;
+    while (next_event(ev, t0 + std::chrono::seconds(kPhaseDeadlineS))) {
+        if (ev.kind != Event::AnyPort || ev.num() != num) continue;
+        print_any_port(ev, groups, seconds_since(t0, ev.at), m_opt.json, "any_port");
+        return true;
+    }
+    return fail("no any-port result within " + std::to_string(kPhaseDeadlineS) + " s");
+}
+
+bool Demo::single_net() {
+    title("single net detections (run side by side)");
+    std::map<uint32_t, Target> runs;
+    auto launch = [&](const Target& t) {
+        const uint32_t num = ++m_num;
+        if (zeph_single_net_detect(num, t.host.c_str(), t.port, t.protocol, on_net) != 0)
+            return fail("the net detection of " + t.text() + " could not start");
+        runs[num] = t;
+        return true;
+    };
+    const auto t0 = Clock::now();
+    print_net_header(m_opt.json);
+    launch(make_target("127.0.0.1", m_stun.port(), ZEPH_TRANS_UDP));
+    launch(make_target("127.0.0.1", m_tcp.port(), ZEPH_TRANS_TCP));
+    launch(make_target("127.0.0.1", m_closed.port(), ZEPH_TRANS_TCP));
+    if (m_icmp) launch(make_target("127.0.0.1", 1, ZEPH_TRANS_ICMP));
+    Progress progress("net detections");
+    Event ev;
+    while (!runs.empty() && next_event(ev, t0 + std::chrono::seconds(kPhaseDeadlineS))) {
+        auto it = runs.find(ev.num());
+        if (ev.kind != Event::Net || it == runs.end()) continue;
+        std::string what = it->second.text();
+        if (it->second.port == m_closed.port() && it->second.protocol == ZEPH_TRANS_TCP) what += " (refuses)";
+        print_net(ev.net, what, seconds_since(t0, ev.at), m_opt.json, "net");
+        runs.erase(it);
+    }
+    if (!runs.empty()) return fail(std::to_string(runs.size()) + " net detection(s) did not report in time");
+    if (!m_icmp) note("skipped the ICMP net detection: raw ICMP sockets need root or CAP_NET_RAW");
+    return true;
+}
+
+bool Demo::three_port() {
+    title("three-port detection");
+    // Group 0 answers on 443 only (media kest); group 1 on all three ports
+    // (media line, share line): group 1 is the best, code 0x01000202.
+    if (!start_fixed_peers("the three-port detection", {{"127.0.0.202", 10002}},
+                           {{"127.0.0.201", 443}, {"127.0.0.202", 443}, {"127.0.0.202", 1124}}))
+        return true;
+    Groups groups(2);
+    for (int g = 0; g < 2; ++g) {
+        std::string host = g == 0 ? "127.0.0.201" : "127.0.0.202";
+        groups[g].push_back(make_target(host, 10002, ZEPH_TRANS_UDP));
+        groups[g].push_back(make_target(host, 443, ZEPH_TRANS_TCP));
+        groups[g].push_back(make_target(host, 1124, ZEPH_TRANS_TCP));
+    }
+    static PortDetectInfo info;
+    fill_port_info(groups, info);
+    const uint32_t num = ++m_num;
+    const auto t0 = Clock::now();
+    if (zeph_3port_detect(num, &info, on_three_port) != 0) return fail("the three-port detection could not start");
+    Progress progress("three-port detection");
+    Event ev;
+    while (next_event(ev, t0 + std::chrono::seconds(kPhaseDeadlineS))) {
+        if (ev.kind != Event::ThreePort || ev.num() != num) continue;
+        print_three_port(ev, groups, seconds_since(t0, ev.at), m_opt.json, "three_port");
+        return true;
+    }
+    return fail("no three-port result within " + std::to_string(kPhaseDeadlineS) + " s");
+}
+
+bool Demo::plan() {
+    title("net detection plan (seven measurements, five records)");
+    const std::vector<std::string> servers = {"127.0.0.211", "127.0.0.212", "127.0.0.213",
+                                              "127.0.0.214", "127.0.0.215", "127.0.0.216"};
+    if (!start_fixed_peers("the net detection plan", {{servers[5], 10002}, {servers[5], 443}},
+                           {{servers[2], 443}, {servers[3], 443}, {servers[4], 1124}}))
+        return true;
+    if (!m_icmp) note("the plan's ICMP levels 5 and 6 will fail: raw ICMP sockets need root or CAP_NET_RAW");
+    std::vector<const char*> names;
+    for (auto& s : servers) names.push_back(s.c_str());
+    zeph_set_net_detect_srvs(names.data(), int32_t(names.size()));
+    const std::map<uint32_t, std::string> what = {
+        {5, "icmp " + servers[0]},
+        {6, "icmp " + servers[1]},
+        {1, "tcp " + servers[2] + ":443"},
+        {2, "tcp " + servers[3] + ":443"},
+        {3, "tcp " + servers[4] + ":1124 + udp " + servers[5] + ":10002,443"}};
+    std::map<uint32_t, bool> pending = {{5, true}, {6, true}, {1, true}, {2, true}, {3, true}};
+    const uint32_t num = ++m_num;
+    print_net_header(m_opt.json);
+    const auto t0 = Clock::now();
+    if (zeph_net_detect(int32_t(num), on_net) != 0) return fail("the net detection plan could not start");
+    Progress progress("net detection plan");
+    Event ev;
+    while (!pending.empty() && next_event(ev, t0 + std::chrono::seconds(kPlanDeadlineS))) {
+        if (ev.kind != Event::Net || ev.num() != num) continue;
+        pending.erase(ev.net.level);
+        auto it = what.find(ev.net.level);
+        print_net(ev.net, it == what.end() ? "level " + std::to_string(ev.net.level) : it->second,
+                  seconds_since(t0, ev.at), m_opt.json, "plan");
+    }
+    if (!pending.empty()) return fail(std::to_string(pending.size()) + " plan record(s) did not arrive in time");
+    return true;
+}
+
+int Demo::run() {
+    std::string error;
+    if (!m_stun.start("127.0.0.1", 0, &error) || !m_tcp.start("127.0.0.1", 0, &error) ||
+        !m_closed.open("127.0.0.1", &error))
+        return run_error("demo", "cannot start the loopback peers: " + error);
+    m_icmp = zeph_peers::raw_icmp_permitted();
+    if (!m_opt.json)
+        out("peers on loopback: STUN 127.0.0.1:" + std::to_string(m_stun.port()) + "/udp, TCP 127.0.0.1:" +
+            std::to_string(m_tcp.port()) + ", refusing TCP 127.0.0.1:" + std::to_string(m_closed.port()) + "\n");
+    zeph_net_tools_init();
+    any_port();
+    single_net();
+    three_port();
+    plan();
+    return m_failed ? kExitNotStarted : kExitOk;
+}
+
+} // namespace
+
+int cmd_demo(int argc, char** argv) {
+    CommonOptions opt;
+    for (int i = 0; i < argc; ++i) {
+        std::string a = argv[i];
+        std::string error;
+        OptResult r = take_common_option(argc, argv, i, opt, error);
+        if (r == OptResult::Bad) return usage_error("demo", error);
+        if (r == OptResult::NotMine || !opt.proxy_host.empty())
+            return usage_error("demo", "unknown argument '" + a + "'");
+    }
+    if (opt.help) {
+        out(kDemoHelp);
+        return kExitOk;
+    }
+    std::string problem = apply_common(opt);
+    if (!problem.empty()) return usage_error("demo", problem);
+    Demo demo(opt);
+    return demo.run();
+}
+
+} // namespace cli

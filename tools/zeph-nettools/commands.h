@@ -1,0 +1,11 @@
+// The subcommands of zeph-nettools. Each takes the arguments after its name
+// and returns the process exit code (see cli::ExitCode).
+#pragma once
+
+namespace cli {
+
+int cmd_port(int argc, char** argv);
+int cmd_net(int argc, char** argv);
+int cmd_demo(int argc, char** argv);
+
+} // namespace cli
