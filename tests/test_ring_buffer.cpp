@@ -1,0 +1,174 @@
+// The media byte ring: FIFO behaviour across the end of its storage, a ring
+// without storage, the hunt for a head, whole-packet reads, and a noisy
+// stream poured through in random pieces.
+#include <gtest/gtest.h>
+
+#include <numeric>
+#include <random>
+
+#include "mediaSocket/PrivateHead.h"
+#include "mediaSocket/RingBuffer.h"
+#include "zeph_nettools/media_socket.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes Count(size_t n, uint8_t first = 1)
+{
+    Bytes v(n);
+    std::iota(v.begin(), v.end(), first);
+    return v;
+}
+
+Bytes Packet(uint8_t pktType, uint8_t mediaType, uint32_t bodyLen)
+{
+    Bytes p(kPrivateHeadSize + bodyLen, 0x5A);
+    BuildPrivateHead(pktType, mediaType, 0, 0, bodyLen, p.data());
+    return p;
+}
+
+int32_t Put(RingBuffer& ring, const Bytes& b) { return ring.Write(b.data(), static_cast<int32_t>(b.size())); }
+
+// Moves both positions of an empty ring to `at`.
+void EmptyAt(RingBuffer& ring, int32_t at)
+{
+    Put(ring, Bytes(static_cast<size_t>(at)));
+    ring.Skip(at);
+}
+
+TEST(RingBuffer, FifoAcrossTheEndOfStorageAndWithout)
+{
+    RingBuffer ring(10);
+    EXPECT_EQ(Put(ring, Count(14)), 10) << "a long write stores the front part";
+    EXPECT_EQ(ring.GetWritePos(), 0) << "writing up to the end wraps writePos to 0";
+    EXPECT_EQ(Put(ring, Count(1)), 0) << "a full ring stores nothing";
+    Bytes out(16), peeked(16);
+    EXPECT_EQ(ring.Read(out.data(), 4), 4);
+    EXPECT_EQ(Put(ring, Count(4, 100)), 4); // full again, readPos 4: the bytes wrap
+    EXPECT_EQ(ring.Peek(peeked.data(), 16), 10);
+    EXPECT_EQ(ring.Read(out.data(), 16), 10);
+    EXPECT_EQ(peeked, out);
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + 10), (Bytes{5, 6, 7, 8, 9, 10, 100, 101, 102, 103}));
+    EXPECT_EQ(ring.Write(nullptr, 5) + ring.Write(out.data(), -1) + ring.Skip(-3) + ring.GetUsedSize(), 0);
+
+    // Without storage (capacity out of range) a ring stores nothing, until a
+    // valid ResetCapacity gives it storage.
+    for (int32_t capacity : {0, -1, RingBuffer::kMaxCapacity + 1}) {
+        RingBuffer none(capacity);
+        int32_t size = 16;
+        EXPECT_EQ(Put(none, Packet(0, 1, 4)) + none.Read(out.data(), 16) + none.Skip(9) + none.IsPrivateHead(), 0);
+        EXPECT_EQ(none.SkipToPrivateHead(out.data(), &size), RingBuffer::kNoHead);
+        EXPECT_EQ(none.ReadPacket(out.data(), 16) + size, MEDIA_SOCKET_ERRCODE_FAILED);
+        EXPECT_EQ(none.ResetCapacity(32), 0);
+        EXPECT_EQ(Put(none, Packet(0, 1, 4)), 20);
+    }
+    // ResetCapacity out of range changes nothing; in range it empties the
+    // ring with both positions inside the new storage.
+    EmptyAt(ring, 7);
+    Put(ring, Count(8));
+    EXPECT_EQ(ring.ResetCapacity(0) + ring.ResetCapacity(RingBuffer::kMaxCapacity + 1), 2);
+    EXPECT_EQ(ring.GetUsedSize(), 8);
+    EXPECT_EQ(ring.ResetCapacity(5), 0);
+    EXPECT_EQ(ring.GetUsedSize() + ring.GetReadPos() + ring.GetWritePos(), 0);
+    EXPECT_EQ(Put(ring, Count(9)), 5);
+    RingBuffer largest(RingBuffer::kMaxCapacity);
+    EXPECT_EQ(Put(largest, Bytes(RingBuffer::kMaxCapacity + 1)), RingBuffer::kMaxCapacity);
+}
+
+TEST(RingBuffer, HuntForHeadAndReadPacket)
+{
+    RingBuffer ring(8192);
+    uint8_t dirty[2048];
+    Bytes out(4096);
+    int32_t size = sizeof dirty;
+    Put(ring, Count(15));
+    EXPECT_EQ(ring.SkipToPrivateHead(dirty, &size), RingBuffer::kNoHead) << "15 bytes are not looked at";
+    EXPECT_EQ(size, 0);
+    EXPECT_EQ(ring.GetUsedSize(), 15);
+
+    // 100 bytes of noise, then a head: 64 of them captured, all dropped.
+    ring.Clear();
+    const Bytes noise = Count(100), packet = Packet(128, 0, 8);
+    Put(ring, noise);
+    Put(ring, packet);
+    size = 64;
+    EXPECT_EQ(ring.SkipToPrivateHead(dirty, &size), RingBuffer::kHeadFound | RingBuffer::kBytesDropped);
+    EXPECT_EQ(size, 64);
+    EXPECT_TRUE(std::equal(dirty, dirty + 64, noise.begin()));
+    EXPECT_EQ(ring.GetUsedSize(), 24);
+    EXPECT_EQ(ring.SkipToPrivateHead(nullptr, nullptr), RingBuffer::kHeadFound);
+    EXPECT_EQ(ring.ReadPacket(out.data(), 4096), 24);
+
+    // head_Len 15 or 2049: the head is consumed and the next call finds the packet behind it.
+    for (uint32_t body : {0xFFFFFFFFu, 2033u}) {
+        Bytes bad = Packet(0, 0, 0);
+        BuildPrivateHead(0, 0, 0, 0, body, bad.data());
+        Put(ring, bad);
+        Put(ring, packet);
+        EXPECT_EQ(ring.ReadPacket(out.data(), 4096), MEDIA_SOCKET_ERRCODE_FAILED);
+        EXPECT_EQ(ring.ReadPacket(out.data(), 4096), 24);
+    }
+    // The largest packet fits a destination of exactly its size, not one less.
+    const Bytes largest = Packet(0, 1, kMaxMediaBodySize);
+    Put(ring, largest);
+    EXPECT_EQ(ring.ReadPacket(out.data(), 2048), 2048);
+    Put(ring, largest);
+    EXPECT_EQ(ring.ReadPacket(out.data(), 2047), MEDIA_SOCKET_ERRCODE_FAILED);
+    EXPECT_EQ(ring.GetUsedSize(), 2032);
+
+    // Heads split at every point across the end of storage.
+    for (int32_t at = 44; at < 64; ++at) {
+        RingBuffer small(64);
+        EmptyAt(small, at);
+        Put(small, packet);
+        EXPECT_EQ(small.IsPrivateHead(), 1) << at;
+        EXPECT_EQ(small.ReadPacket(out.data(), 64), 24) << at;
+        EXPECT_TRUE(std::equal(packet.begin(), packet.end(), out.begin())) << at;
+    }
+}
+
+// Random valid packets with random noise between them, poured through a
+// small ring in random pieces, come out exactly and in order, and all the
+// noise is reported dropped. Noise holds no 0xFF, so it never looks like a head.
+TEST(RingBuffer, NoisyStreamCutAtRandomYieldsEveryPacket)
+{
+    const uint8_t pktTypes[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 128};
+    for (uint32_t seed = 1; seed <= 40; ++seed) {
+        std::mt19937 rng(seed);
+        auto pick = [&rng](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+        std::vector<Bytes> sent, got;
+        Bytes stream;
+        size_t noise = 0, dropped = 0;
+        for (int i = 0; i < 300; ++i) {
+            for (int k = pick(0, 3) == 0 ? pick(1, 70) : 0; k > 0; --k, ++noise) stream.push_back(uint8_t(pick(0, 0xFE)));
+            Bytes p = Packet(pktTypes[pick(0, 10)], uint8_t(pick(0, 4)), uint32_t(pick(0, 9) ? pick(0, 300) : pick(0, 2032)));
+            for (size_t k = kPrivateHeadSize; k < p.size(); ++k) p[k] = uint8_t(pick(0, 255));
+            stream.insert(stream.end(), p.begin(), p.end());
+            sent.push_back(std::move(p));
+        }
+        // Smallest useful ring: a partial packet plus up to 15 kept bytes.
+        RingBuffer ring(pick(kMaxMediaPacketSize + 15, 5000));
+        Bytes out(kMaxMediaPacketSize);
+        uint8_t dirty[2048], head[kPrivateHeadSize];
+        for (size_t pos = 0; pos < stream.size();) {
+            pos += size_t(ring.Write(stream.data() + pos, std::min(pick(1, 3000), int(stream.size() - pos))));
+            for (;;) {
+                int32_t size = sizeof dirty;
+                const uint32_t r = ring.SkipToPrivateHead(dirty, &size);
+                dropped += size_t(size);
+                if ((r & RingBuffer::kHeadFound) == 0) break;
+                ring.Peek(head, kPrivateHeadSize);
+                if (ring.GetUsedSize() < PrivateHeadLength(head)) break; // the rest comes later
+                const int32_t n = ring.ReadPacket(out.data(), int32_t(out.size()));
+                ASSERT_EQ(n, PrivateHeadLength(head)) << "seed " << seed;
+                got.emplace_back(out.begin(), out.begin() + n);
+            }
+        }
+        ASSERT_EQ(got.size(), sent.size()) << "seed " << seed;
+        EXPECT_TRUE(got == sent) << "seed " << seed;
+        EXPECT_EQ(dropped, noise) << "seed " << seed;
+    }
+}
+
+} // namespace

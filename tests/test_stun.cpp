@@ -1,0 +1,369 @@
+// The STUN service: the ICE table behind the MORL_Stun* exports, and the
+// Binding Requests it builds, judged by three parties: our own codec, an
+// independent decoder written from RFC 5389 (tests/stun_decode.py), and a
+// real coturn, which silently drops a request with a wrong FINGERPRINT.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <map>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include "inc/stun_wire.h"
+#include "mediaSocket/StunManager.h"
+#include "peers.h"
+#include "zeph_nettools/stun.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Attrs = std::vector<zeph::stun::Attribute>;
+
+StunIceInfo Info(const std::string& ufrag, const std::string& password = "pw")
+{
+    StunIceInfo info{};
+    std::memcpy(info.ufrag, ufrag.data(), std::min(ufrag.size(), sizeof info.ufrag - 1));
+    std::memcpy(info.password, password.data(), std::min(password.size(), sizeof info.password - 1));
+    return info;
+}
+
+void SetKey(const std::string& key, const std::string& local, const std::string& remote)
+{
+    const StunIceInfo l = Info(local, "local-pw"), r = Info(remote, "remote-pw");
+    ASSERT_EQ(MORL_StunSetLocalIceInfo(key.c_str(), &l) + MORL_StunSetRemoteIceInfo(key.c_str(), &r), 0u);
+}
+
+// The packet built for key by the exports (bare or behind the private head).
+Bytes Build(const std::string& key, bool framed = false, uint8_t fill = 0)
+{
+    Bytes buf(framed ? 288 : 256, fill);
+    uint32_t len = uint32_t(buf.size());
+    const uint32_t rc = framed ? MORL_StunBuildPacket(key.c_str(), buf.data(), &len)
+                               : MORL_StunBuildStunPacket(key.c_str(), buf.data(), &len);
+    EXPECT_EQ(rc, 0u) << key;
+    buf.resize(rc == 0 ? len : 0);
+    return buf;
+}
+
+// Our own reading of a message; false on a bad walk.
+bool Walk(const uint8_t* msg, size_t size, Attrs& out)
+{
+    zeph::ByteReader r(msg, size);
+    zeph::stun::Header h;
+    zeph::stun::Attribute a;
+    if (!zeph::stun::read_header(r, h) || h.length + 20u != size) return false;
+    while (zeph::stun::read_attribute(r, a)) out.push_back(a);
+    return r.remaining() == 0;
+}
+
+// USERNAME of a framed packet built by `table`, or "<code N>"; *channel from its head.
+std::string Username(StunManager& table, const std::string& key, bool fuzzy = false, uint32_t* channel = nullptr)
+{
+    Bytes buf(288);
+    uint32_t len = 288;
+    Attrs attrs;
+    if (uint32_t rc = table.StunBuildPacket(key, buf.data(), &len, fuzzy)) return "<code " + std::to_string(rc) + ">";
+    if (!Walk(buf.data() + 16, len - 16, attrs) || attrs[0].type != zeph::stun::kAttrUsername) return "<bad>";
+    if (channel != nullptr) *channel = uint32_t(buf[4]) << 24 | uint32_t(buf[5]) << 16 | buf[6] << 8 | buf[7];
+    return std::string(attrs[0].value, attrs[0].value + attrs[0].length);
+}
+
+std::string Hex(const std::string& s)
+{
+    std::string out;
+    char b[3];
+    for (unsigned char c : s) out += (std::snprintf(b, sizeof b, "%02x", c), b);
+    return out;
+}
+
+// The independent decoder over all messages, in one process: one map of
+// its key=value words per message.
+std::vector<std::map<std::string, std::string>> Decode(const std::vector<Bytes>& msgs, bool framed)
+{
+    std::string cmd = std::string("python3 " ZEPH_SOURCE_DIR "/tests/stun_decode.py") + (framed ? " --private" : "");
+    for (const auto& m : msgs) cmd += " " + Hex(std::string(m.begin(), m.end()));
+    std::vector<std::map<std::string, std::string>> out;
+    FILE* pipe = popen(cmd.c_str(), "r");
+    char line[4096];
+    while (pipe != nullptr && std::fgets(line, sizeof line, pipe) != nullptr) {
+        std::istringstream words(line);
+        auto& fields = out.emplace_back();
+        for (std::string w; words >> w;) fields[w.substr(0, w.find('='))] = w.substr(w.find('=') + 1);
+    }
+    if (pipe != nullptr) pclose(pipe);
+    return out;
+}
+
+TEST(StunWire, FingerprintKnownAnswers)
+{
+    EXPECT_EQ(zeph::stun::crc32(reinterpret_cast<const uint8_t*>("123456789"), 9), 0xCBF43926u);
+    // RFC 5769 2.1 sample request and 2.2 sample IPv4 response.
+    for (const char* hex :
+         {"000100582112a442b7e7a701bc34d686fa87dfae802200105354554e207465737420636c69656e74002400046e0001ff802900"
+          "08932ff9b151263b36000600096576746a3a68367659202020000800149aeaa70cbfd8cb56781ef2b5b2d3f249c1b571a28028"
+          "0004e57a3bcf",
+          "0101003c2112a442b7e7a701bc34d686fa87dfae8022000b7465737420766563746f7220002000080001a147e112a6430008"
+          "00142b91f599fd9e90c38c7489f92af9ba53f06be7d780280004c07d4c96"}) {
+        Bytes msg;
+        for (; hex[0] != '\0'; hex += 2) msg.push_back(uint8_t(std::stoul(std::string(hex, 2), nullptr, 16)));
+        EXPECT_TRUE(zeph::stun::check_fingerprint(msg.data(), msg.size()));
+        for (size_t i : {size_t(3), size_t(8), msg.size() - 9}) { // length, id, last covered byte
+            Bytes bad = msg;
+            bad[i] ^= 1;
+            EXPECT_FALSE(zeph::stun::check_fingerprint(bad.data(), bad.size())) << i;
+        }
+        Attrs attrs;
+        EXPECT_TRUE(Walk(msg.data(), msg.size(), attrs)); // padding and all
+        // A declared length beyond what is there is refused before use.
+        zeph::ByteReader cut(msg.data() + 20, attrs[0].length + 3u);
+        EXPECT_FALSE(zeph::stun::read_attribute(cut, attrs[0]));
+        EXPECT_EQ(cut.position(), 0u);
+    }
+}
+
+TEST(StunPacket, FieldByFieldAndPrivateHead)
+{
+    SetKey("field_by_field", "ab", "xyz");
+    ASSERT_EQ(MORL_StunSetChannelId("field_by_field", 0x0A0B0C0D), 0u);
+    const Bytes p = Build("field_by_field", false, 0xEE);
+    ASSERT_EQ(p.size(), 64u);
+    // Length 44; USERNAME remote fragment first, 6 bytes in 8 of room, the
+    // padding left as the buffer held it; then MESSAGE-INTEGRITY's head.
+    const Bytes front = {0x00, 0x01, 0x00, 44, 0x21, 0x12, 0xA4, 0x42};
+    const Bytes user = {0x00, 0x06, 0x00, 0x06, 'x', 'y', 'z', ':', 'a', 'b', 0xEE, 0xEE, 0x00, 0x08, 0x00, 0x14};
+    EXPECT_TRUE(std::equal(front.begin(), front.end(), p.begin()));
+    EXPECT_TRUE(std::equal(user.begin(), user.end(), p.begin() + 20));
+    // The digest (SHA-1 of the 32 bytes before it, taken with length 36) and
+    // the FINGERPRINT are judged by the independent decoder below.
+    EXPECT_EQ(p[56] << 8 | p[57], 0x8028);
+
+    // The next packet has a new transaction id, hence new MI and FP values.
+    const Bytes q = Build("field_by_field", false, 0xEE);
+    EXPECT_FALSE(std::equal(p.begin() + 8, p.begin() + 20, q.begin() + 8));
+    EXPECT_FALSE(std::equal(p.begin() + 36, p.end(), q.begin() + 36));
+
+    const Bytes framed = Build("field_by_field", true);
+    const Bytes head = {0xFF, 0x03, 0x81, 0x01, 0x0A, 0x0B, 0x0C, 0x0D, 0, 0, 0, 0, 0x00, 80, 0, 0};
+    ASSERT_EQ(framed.size(), 80u);
+    EXPECT_TRUE(std::equal(head.begin(), head.end(), framed.begin()));
+    EXPECT_TRUE(zeph::stun::check_fingerprint(framed.data() + 16, framed.size() - 16));
+    EXPECT_EQ(MORL_StunGetPrivateHeadSize(), 16u);
+}
+
+// Usernames of 1 to 65 bytes, bare and framed, judged by the independent decoder.
+TEST(StunPacket, IndependentDecoderAgrees)
+{
+    std::vector<Bytes> bare, framed;
+    std::vector<std::string> names;
+    for (size_t l : {0, 1, 2, 3, 4, 5, 31, 32}) {
+        for (size_t r : {0, 3, 6, 32}) {
+            const std::string key = "decoder_" + std::to_string(l) + "_" + std::to_string(r);
+            SetKey(key, std::string(l, 'L'), std::string(r, 'R'));
+            bare.push_back(Build(key));
+            framed.push_back(Build(key, true));
+            names.push_back(std::string(r, 'R') + ":" + std::string(l, 'L'));
+        }
+    }
+    auto plain = Decode(bare, false), heads = Decode(framed, true);
+    ASSERT_EQ(plain.size() + heads.size(), 2 * bare.size());
+    for (size_t i = 0; i < bare.size(); ++i) {
+        for (auto d : {plain[i], heads[i]}) {
+            EXPECT_EQ(d["errors"] + d["type"] + d["cookie_ok"] + d["integrity"] + d["fingerprint"], "01111") << names[i];
+            EXPECT_EQ(d["attrs"], "USERNAME,MESSAGE-INTEGRITY,FINGERPRINT");
+            EXPECT_EQ(d["username_hex"], Hex(names[i]));
+        }
+        EXPECT_EQ(heads[i]["head_Len"], std::to_string(framed[i].size()));
+        EXPECT_EQ(heads[i]["pktType"] + "/" + heads[i]["mediaType"] + "/" + heads[i]["pkgSeq"], "129/1/0");
+    }
+}
+
+// An attribute that would bring the message length to 236 or more is left
+// out; the build still succeeds and the packet stays whole below 256 bytes.
+TEST(StunPacket, AttributesLeftOutNearTheSizeLimit)
+{
+    const std::map<size_t, std::pair<std::string, size_t>> cases = {
+        {1, {"U,MI,FP", 60}}, {196, {"U,MI,FP", 252}}, {197, {"U,MI", 248}}, {204, {"U,MI", 252}},
+        {205, {"U,FP", 240}}, {220, {"U,FP", 252}},    {221, {"U", 248}},    {228, {"U", 252}},
+        {229, {"MI,FP", 52}}, {1000, {"MI,FP", 52}}};
+    StunManager table;
+    std::vector<Bytes> packets;
+    for (const auto& [username, expect] : cases) {
+        const std::string key = "limit_" + std::to_string(username);
+        ASSERT_EQ(table.StunSetIceInfo(key, std::string(username - 1, 'l'), "pw", StunManager::kLocal), 0u);
+        Bytes buf(256);
+        uint32_t len = 256;
+        ASSERT_EQ(table.StunBuildStunPacket(key, buf.data(), &len), 0u) << username;
+        buf.resize(len);
+        Attrs attrs;
+        std::string names;
+        EXPECT_TRUE(Walk(buf.data(), len, attrs));
+        for (const auto& a : attrs) names += std::string(names.empty() ? "" : ",") + (a.type == 6 ? "U" : a.type == 8 ? "MI" : "FP");
+        EXPECT_EQ(names + "/" + std::to_string(len), expect.first + "/" + std::to_string(expect.second)) << username;
+        packets.push_back(buf);
+    }
+    auto decoded = Decode(packets, false);
+    ASSERT_EQ(decoded.size(), cases.size());
+    auto it = cases.begin();
+    for (auto& d : decoded) {
+        const std::string& names = (it++)->second.first;
+        EXPECT_EQ(d["errors"] + d["integrity"] + d["fingerprint"],
+                  std::string("0") + (names.find("MI") != std::string::npos ? "1" : "0") +
+                      (names.find("FP") != std::string::npos ? "1" : "0"));
+    }
+}
+
+TEST(StunPacket, CoturnAnswersBuiltPackets)
+{
+    zeph_test::CoturnServer coturn;
+    ASSERT_TRUE(coturn.start());
+    zeph_test::UdpSocket sock;
+    auto answered = [&](const uint8_t* msg, size_t size, int timeoutMs) {
+        sock.send_to(msg, size, coturn.ip(), coturn.port());
+        const uint64_t deadline = zeph_test::now_ms() + uint64_t(timeoutMs);
+        uint8_t ans[1500];
+        while (zeph_test::now_ms() < deadline) {
+            const int n = sock.recv(ans, sizeof ans, int(deadline - zeph_test::now_ms()));
+            if (n >= 20 && ans[0] == 0x01 && ans[1] == 0x01 && std::memcmp(ans + 4, msg + 4, 16) == 0) return true;
+        }
+        return false;
+    };
+    for (size_t l : {0, 1, 2, 3, 7, 32}) {
+        const std::string key = "coturn_" + std::to_string(l);
+        SetKey(key, std::string(l, 'a'), std::string(32 - l, 'b'));
+        const Bytes bare = Build(key), framed = Build(key, true);
+        EXPECT_TRUE(answered(bare.data(), bare.size(), 2000)) << "bare, local fragment " << l;
+        EXPECT_TRUE(answered(framed.data() + 16, framed.size() - 16, 2000)) << "framed, local fragment " << l;
+    }
+    Bytes bad = Build("coturn_3");
+    bad.back() ^= 1;
+    EXPECT_FALSE(answered(bad.data(), bad.size(), 300)) << "coturn should drop a wrong FINGERPRINT";
+}
+
+TEST(StunStore, SidesChannelAndLookups)
+{
+    StunManager& global = StunManager::Instance();
+    const size_t before = global.Size();
+    const StunIceInfo local = Info("loc1"), remote = Info("rem1"), local2 = Info("loc2");
+    uint32_t channel = 99;
+    ASSERT_EQ(MORL_StunSetLocalIceInfo("sides", &local), 0u);
+    EXPECT_EQ(Username(global, "sides", false, &channel), ":loc1") << "one half only, so far";
+    EXPECT_EQ(channel, 0u) << "a new entry has channel 0";
+    ASSERT_EQ(MORL_StunSetRemoteIceInfo("sides", &remote) + MORL_StunSetChannelId("sides", 4711), 0u);
+    ASSERT_EQ(MORL_StunSetLocalIceInfo("sides", &local2), 0u); // that side only; the channel stays
+    EXPECT_EQ(Username(global, "sides", false, &channel), "rem1:loc2");
+    EXPECT_EQ(channel, 4711u);
+    EXPECT_EQ(global.Size(), before + 1);
+    EXPECT_EQ(MORL_StunClearIceInfo("sides"), 0u);
+    EXPECT_EQ(Username(global, "sides"), "<code 4>");
+
+    StunManager table;
+    EXPECT_EQ(Username(table, "", true), "<code 4>") << "empty table";
+    EXPECT_EQ(table.StunSetIceInfo("odd_side", &local, 3), 0u); // an unknown side still makes an entry
+    EXPECT_EQ(Username(table, "odd_side"), ":");
+    StunIceInfo raw; // no terminators: each field is cut at its end, the password never joins the username
+    std::memset(&raw, 'u', sizeof raw.ufrag);
+    std::memset(raw.password, 'p', sizeof raw.password);
+    ASSERT_EQ(table.StunSetIceInfo("raw", &raw, StunManager::kLocal), 0u);
+    EXPECT_EQ(Username(table, "raw"), ":" + std::string(33, 'u'));
+
+    for (const char* key : {"stun_audio_9", "stun_audio_10", "stun_video_1"}) {
+        ASSERT_EQ(table.StunSetIceInfo(key, key, "pw", StunManager::kLocal), 0u);
+        ASSERT_EQ(table.StunSetChannelId(key, uint32_t(std::strlen(key))), 0u);
+    }
+    // Fuzzy: the lowest key in byte order ("_10" before "_9") that contains the text.
+    EXPECT_EQ(Username(table, "stun_audio", true, &channel), ":stun_audio_10");
+    EXPECT_EQ(channel, 13u) << "the head carries the found entry's channel";
+    EXPECT_EQ(Username(table, "audio_9", true), ":stun_audio_9");
+    EXPECT_EQ(Username(table, "", true), ":") << "the empty text takes the first key, odd_side, with empty fields";
+    EXPECT_EQ(Username(table, "stun_audio_10_and_more", true), "<code 4>");
+    EXPECT_EQ(Username(table, "stun_audio"), "<code 4>") << "the exact look-up takes no part of a key";
+}
+
+TEST(StunStore, ResultCodesAndLogLines)
+{
+    zeph_test::LogCapture logs(3);
+    const StunIceInfo info = Info("u", "Pw-7f3a9c1e");
+    uint8_t buf[288] = {};
+    uint32_t len = 288, channel = 0;
+    EXPECT_EQ(MORL_StunSetLocalIceInfo(nullptr, &info) + MORL_StunSetRemoteIceInfo(nullptr, &info) +
+                  MORL_StunClearIceInfo(nullptr) + MORL_StunSetChannelId(nullptr, 1) +
+                  MORL_StunGetChannelId(nullptr, &channel) + MORL_StunSetLocalIceInfo("codes", nullptr) +
+                  MORL_StunSetRemoteIceInfo("codes", nullptr) + MORL_StunGetChannelId("codes", nullptr),
+              8 * 2u);
+    ASSERT_EQ(MORL_StunSetRemoteIceInfo("codes", &info), 0u);
+    using BuildFn = uint32_t (*)(const char*, uint8_t*, uint32_t*);
+    for (const auto& [build, smallest] : {std::pair<BuildFn, uint32_t>{MORL_StunBuildStunPacket, 256},
+                                          {MORL_StunBuildPacket, 288}, {MORL_StunBuildPacketOfFuzzyMatchKey, 288}}) {
+        EXPECT_EQ(build(nullptr, buf, &len) + build("codes", nullptr, &len) + build("codes", buf, nullptr), 6u);
+        len = smallest - 1;
+        EXPECT_EQ(build("codes", buf, &len), 2u);
+        EXPECT_EQ(len, smallest - 1) << "length unchanged on failure";
+        EXPECT_EQ(build("codes", buf, &(len = smallest)), 0u);
+        EXPECT_EQ(build("codes_missing", buf, &(len = smallest)), 4u);
+        EXPECT_EQ(len, smallest);
+    }
+    const size_t before = StunManager::Instance().Size();
+    EXPECT_EQ(MORL_StunSetChannelId("codes_missing", 5) + MORL_StunGetChannelId("codes_missing", &channel), 8u);
+    EXPECT_EQ(StunManager::Instance().Size(), before) << "no entry is made for a channel";
+    EXPECT_EQ(MORL_StunClearIceInfo("codes") + MORL_StunClearIceInfo("codes"), 0u);
+    // 1, 3 and 5 need a stored entry without record, a failing allocator or
+    // a failing libcrypto: not reachable from here.
+
+    EXPECT_EQ(logs.count("Pw-7f3a9c1e"), 0) << logs.dump();
+    for (const char* text : {"StunSetIceInfo success! key: [codes], type: 2",
+                             "StunSetChannelId error! not found key! key: [codes_missing], channelId: 5",
+                             "StunBuildPacket error! data or dataLen is null or *dataLen < 288; key: [codes]",
+                             "StunBuildPacket error! dnot found key! key: [codes_missing]"}) {
+        bool found = false;
+        for (const auto& line : logs.lines()) {
+            found |= line.message == text && line.level == (text[21] == 's' ? 2 : 0) && line.module == "support" &&
+                     line.function.rfind("StunManager::Stun", 0) == 0;
+        }
+        EXPECT_TRUE(found) << text << "\n" << logs.dump();
+    }
+}
+
+// Many threads set, build and clear a few keys at once. A build finds no
+// key or yields a whole packet whose USERNAME halves were each stored
+// whole (a fragment is one letter repeated). Run under ThreadSanitizer too.
+TEST(StunConcurrency, SetBuildAndClearFromManyThreads)
+{
+    const std::string keys[] = {"stun_audio_1", "stun_audio_2", "stun_video_1", "stun_data_1"};
+    std::atomic<int> built{0}, bad{0};
+    std::vector<std::thread> threads;
+    for (uint32_t t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 rng(t + 1);
+            Bytes buf(288);
+            for (int i = 0; i < 3000; ++i) {
+                const char* key = keys[rng() % 4].c_str();
+                const uint32_t op = rng() % 10;
+                const StunIceInfo info = Info(std::string(1 + rng() % 32, char('a' + rng() % 26)));
+                uint32_t len = 288, rc = 0;
+                Attrs attrs;
+                if (op < 2) rc = op == 0 ? MORL_StunSetLocalIceInfo(key, &info) : MORL_StunSetRemoteIceInfo(key, &info);
+                else if (op == 2) rc = MORL_StunClearIceInfo(key);
+                else if (op == 3) rc = MORL_StunSetChannelId(key, uint32_t(i));
+                else if ((rc = op < 8 ? MORL_StunBuildPacket(key, buf.data(), &len)
+                                      : MORL_StunBuildPacketOfFuzzyMatchKey("audio", buf.data(), &len)) == 0) {
+                    ++built;
+                    const bool whole = Walk(buf.data() + 16, len - 16, attrs) && attrs.size() == 3 &&
+                                       zeph::stun::check_fingerprint(buf.data() + 16, len - 16);
+                    const std::string user = whole ? std::string(attrs[0].value, attrs[0].value + attrs[0].length) : "";
+                    const size_t colon = user.find(':');
+                    auto oneLetter = [](const std::string& half) { return half.find_first_not_of(half[0]) == half.npos; };
+                    bad += !whole || colon == user.npos || !oneLetter(user.substr(0, colon)) ||
+                           !oneLetter(user.substr(colon + 1));
+                }
+                bad += rc != 0 && rc != 4;
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(bad.load(), 0);
+    EXPECT_GT(built.load(), 1000);
+}
+
+} // namespace
