@@ -245,7 +245,9 @@ TEST(UdpRelay, DelaysSpreadAndLossMatchTheConfigurationPerDirection) {
     EXPECT_GE(down.min, 10 - 0.2);
     EXPECT_GT(down.median, 10 - 0.5);
     EXPECT_LT(down.median, 10 + 2.0);
-    EXPECT_LT(down.iqr(), 1.0) << "no jitter was configured towards the client";
+    // Without jitter the spread is scheduling noise alone (a millisecond or
+    // two under a sanitizer); configured jitter of +-5 ms would give 5.
+    EXPECT_LT(down.iqr(), 2.5) << "no jitter was configured towards the client";
 }
 
 TEST(UdpRelay, SameSeedSameFateOtherSeedOtherFate) {
