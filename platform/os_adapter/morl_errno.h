@@ -9,4 +9,10 @@ int errno_to_wsa(int err);
 // WSA code -> errno; numbers that are not WSA codes pass through.
 int wsa_to_errno(int wsa);
 
+// Records `wsa` as the calling thread's MORL_GetLastSocketErr() and returns
+// -1, so that adapter functions can `return fail(...)`.
+int fail(int wsa);
+// fail() with the WSA code of the current errno.
+int fail_errno();
+
 } // namespace morl

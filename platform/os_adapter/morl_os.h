@@ -197,3 +197,25 @@ MORL_TimerHandle MORL_CreateRelTimerM(MORL_TimerCallback callback, uint32_t mode
 int MORL_StartRelTimer(MORL_TimerHandle timer, uint32_t delay_ms, uint64_t argument);
 int MORL_StopRelTimer_Safe(MORL_TimerHandle timer);
 int MORL_FreeRelTimer(MORL_TimerHandle timer);
+
+// ---- qWAVE stand-in ------------------------------------------------------------------
+// The Windows QoS service marks a socket's traffic with a traffic type. Here
+// the type becomes the socket's type-of-service byte (IP_TOS): 0 best effort
+// -> 0, 3 audio/video -> 136, 4 voice -> 184, 5 control -> 224, any other -> 0.
+// Linux marks per socket, so a destination only has to be IPv4.
+// Results are 1 on success, 0 on failure with the WSA code in
+// MORL_GetLastSocketErr().
+struct MORL_QosVersion {
+    uint16_t MajorVersion;
+    uint16_t MinorVersion;
+};
+enum : uint32_t { MORL_QOS_NON_ADAPTIVE_FLOW = 0x00000002 };
+enum : int { MORL_WSA_INVALID_HANDLE = 6 };
+
+// Version must be 1.0. *handle is non-zero on success.
+int MORL_QOSCreateHandle(const MORL_QosVersion* version, uint64_t* handle);
+// Marks fd with traffic type `level`. dest may be null (the connected peer).
+// flags: 0 or MORL_QOS_NON_ADAPTIVE_FLOW. *flowId gets a non-zero flow id.
+int MORL_QOSAddSocketToFlow(uint64_t handle, MORL_SOCKET fd, const MORL_SockAddrIn* dest, uint32_t level,
+                            uint32_t flags, uint32_t* flowId);
+int MORL_QOSCloseHandle(uint64_t handle);

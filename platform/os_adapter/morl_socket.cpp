@@ -72,14 +72,13 @@ constexpr ErrPair kErrTable[] = {
 
 thread_local int t_last_socket_err = 0;
 
-// Records a failure and returns -1 so that callers can `return fail(...)`.
+} // namespace
+
 int fail(int wsa) {
     t_last_socket_err = wsa;
     return -1;
 }
 int fail_errno() { return fail(errno_to_wsa(errno)); }
-
-} // namespace
 
 int errno_to_wsa(int err) {
     for (const ErrPair& p : kErrTable) {
