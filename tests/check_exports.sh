@@ -9,7 +9,11 @@ if [ -n "$bad" ]; then
   echo "unexpected exports:"; echo "$bad"; exit 1
 fi
 for must in zeph_3port_detect zeph_any_port_detect zeph_net_detect zeph_single_net_detect \
-            zeph_settings_set_http_proxy zeph_get_trans_protocol_type_str; do
+            zeph_settings_set_http_proxy zeph_get_trans_protocol_type_str zeph_set_socket_dscp \
+            MORL_MediaCreateSocket MORL_MediaCloseSocket MORL_MediaCreateChannel MORL_MediaReCreateChannel \
+            MORL_MediaSend MORL_MediaSetChannelBufSize MORL_MediaGetChannelBufSize MORL_MediaSetTcpBufSize \
+            MORL_MediaRegisterRecvCallback MORL_MediaSetEventCallback MORL_MediaGetStats \
+            MORL_MediaGetFirstSessionId MORL_MediaSetLogCallback; do
   nm -D --defined-only "$lib" | grep -qw "$must" || { echo "missing export: $must"; exit 1; }
 done
 # Internal helpers of the platform layer must stay hidden.

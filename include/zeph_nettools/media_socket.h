@@ -91,6 +91,106 @@ typedef void (*MediaEventCallback)(uint32_t sessionId, uint32_t mediaType, Media
 /* One finished, zero-terminated line: "[LEVEL]file(line)[function]:message". */
 typedef void (*MediaLogCallback)(const char* line);
 
+/* Counts of packets by type, fifteen 32-bit counters in this order. */
+typedef struct MediaPacketCounts {
+    uint32_t ErrCount;
+    uint32_t RtpErrCount;
+    uint32_t RtcpErrCount;
+    uint32_t SignalErrCount;
+    uint32_t AnnoErrCount;
+    uint32_t MouseErrCount;
+    uint32_t KeepaliveErrCount;
+    uint32_t SuccessCount;
+    uint32_t RtpSuccessCount;
+    uint32_t RtcpSuccessCount;
+    uint32_t SignalSuccessCount;
+    uint32_t AnnoSuccessCount;
+    uint32_t MouseSuccessCount;
+    uint32_t KeepaliveSuccessCount;
+    uint32_t UnknowCount; /* packet types other than 0..4 and 128 */
+} MediaPacketCounts;
+
+/*
+ * Counters of one media type, as MORL_MediaGetStats copies them: 168 bytes,
+ * all counters unsigned 32 bits in host (little-endian) order. They start
+ * at 0 when the media type is created, never reset and wrap at 2^32; they
+ * are diagnostics, read without a lock while the session runs.
+ */
+typedef struct MediaStats {
+    uint32_t writeBufferErrCount; /* received bytes the receive ring could not take */
+    uint32_t readHeadErrCount;    /* heads that could not be read */
+    uint32_t dataLoss;            /* runs of dirty bytes dropped before a head */
+    MediaPacketCounts recv;       /* packets delivered, or refused by their length */
+    uint32_t sendCount;           /* packets handed to a channel by the send thread */
+    uint32_t sendSuccessCount;    /* sends that took at least one byte */
+    uint32_t sendErrCount;        /* sends that failed */
+    uint32_t reserved;            /* not used */
+    uint64_t lastSendErrLogTime;  /* ms, pacing of the send thread's warnings */
+    uint32_t sendLenErrorCount;   /* short sends: the rest of the packet is lost */
+    MediaPacketCounts send;       /* packets queued by MORL_MediaSend, or refused by a full ring */
+    uint32_t readOnePktErrCount;  /* damaged packets found in the send ring */
+    uint32_t noConnectSendCount;  /* MORL_MediaSend calls while no channel was connected */
+} MediaStats;
+
+#ifdef __cplusplus
+static_assert(sizeof(MediaStats) == 168, "MediaStats is a 168-byte record");
+#else
+_Static_assert(sizeof(MediaStats) == 168, "MediaStats is a 168-byte record");
+#endif
+
+/* Events (eventId) told to the event callback. */
+#define ZEPH_MEDIA_EVENT_CHANNEL_LOST 1    /* repaired inside, never told */
+#define ZEPH_MEDIA_EVENT_SEND_FAILED 2     /* repaired inside, never told */
+#define ZEPH_MEDIA_EVENT_RING_FLUSHED 3    /* errorCode 0 after a connect, -984 after damage */
+#define ZEPH_MEDIA_EVENT_REFUSED 4         /* e.g. 403 from a proxy on a channel that never delivered */
+#define ZEPH_MEDIA_EVENT_CONNECT_FAILED 5  /* errorCode: the proxy layer's result */
+#define ZEPH_MEDIA_EVENT_CONNECT_DOMAIN 6  /* the connect went by the domain name */
+#define ZEPH_MEDIA_EVENT_DIRTY_DATA 7      /* errorCode: bytes examined, at most 2048 */
+#define ZEPH_MEDIA_EVENT_NO_SOCKET 8       /* told after the media type was re-created */
+
+/*
+ * Sessions. A session is a non-zero id of the caller's choosing; at most six
+ * exist at once. It is made by the first MORL_MediaCreateSocket of its id
+ * and freed when MORL_MediaCloseSocket leaves no media type in it. Every
+ * call below but the last two returns MEDIA_SOCKET_ERRCODE_NOT_FOUND_MEDIA_SOCKET
+ * for an id that has no session.
+ *
+ * Any thread may call any of them, callbacks included: closing the last
+ * media type from inside a receive callback returns at once, and the
+ * session goes away once the callback has returned.
+ */
+
+/* Makes the session if needed, then the media type with min(default,
+ * socketCount) channels (default 4 for audio, 1 for the others). */
+ZEPH_API int32_t MORL_MediaCreateSocket(uint32_t sessionId, uint32_t mediaType, uint32_t socketCount);
+/* Closes the media type; the session goes when it was the last. */
+ZEPH_API int32_t MORL_MediaCloseSocket(uint32_t sessionId, uint32_t mediaType);
+/* Connects every channel of the media type to serverAddr:port (dotted IPv4),
+ * in parallel, directly or through the HTTP proxy of settings.h. Blocks for
+ * the connect, 2 s at most per channel beyond the proxy's own time. 0 when at
+ * least one channel is up. `domain` may be null or empty. */
+ZEPH_API int32_t MORL_MediaCreateChannel(uint32_t sessionId, uint32_t mediaType, const char* serverAddr, uint16_t port,
+                                         const char* domain);
+/* Closes and reconnects every channel of the media type. */
+ZEPH_API int32_t MORL_MediaReCreateChannel(uint32_t sessionId, uint32_t mediaType);
+/* Queues one packet; never blocks on the network. 0, or -995, -994, -975,
+ * -989, -985 (the send ring is full: this packet is lost). */
+ZEPH_API int32_t MORL_MediaSend(uint32_t sessionId, uint32_t pktType, uint32_t mediaType, const uint8_t* data,
+                                uint32_t len, uint32_t channel);
+/* Replaces the rings of the media type by empty ones of `size` bytes,
+ * clamped to 30720..1024000. Call it while no traffic runs. */
+ZEPH_API int32_t MORL_MediaSetChannelBufSize(uint32_t sessionId, uint32_t mediaType, uint32_t size);
+/* Bytes waiting in the send ring now (not its capacity), or a code. */
+ZEPH_API int32_t MORL_MediaGetChannelBufSize(uint32_t sessionId, uint32_t mediaType);
+/* Sets SO_RCVBUF (direction non-zero) or SO_SNDBUF of every channel. */
+ZEPH_API int32_t MORL_MediaSetTcpBufSize(uint32_t sessionId, uint32_t mediaType, uint32_t size, uint32_t direction);
+ZEPH_API int32_t MORL_MediaRegisterRecvCallback(uint32_t sessionId, uint32_t mediaType, MediaRecvCallback callback);
+ZEPH_API int32_t MORL_MediaSetEventCallback(uint32_t sessionId, uint32_t mediaType, MediaEventCallback callback);
+/* Copies the 168-byte record of the media type. */
+ZEPH_API int32_t MORL_MediaGetStats(uint32_t sessionId, uint32_t mediaType, MediaStats* stats);
+/* Always 1. */
+ZEPH_API uint32_t MORL_MediaGetFirstSessionId(void);
+
 /*
  * Sets the process-wide sink of the transport's log lines (levels INFO,
  * WARN, ERROR). Lines are delivered on the thread that logs them; with no

@@ -1,0 +1,243 @@
+// One session of the media transport, and the records under it: one
+// SocketInfo per media type, one SockChannel per TCP connection of that type.
+//
+// Threads of a session: the receive thread ("TCPSocketRecvThread") and the
+// send thread, both started by the constructor and joined by the
+// destructor; in passing, one connect thread per channel (joined before
+// MediaCreateChannel returns) and one detached slow start thread per
+// connect, which reaches the session only through the exports.
+//
+// Locks, outermost first, never nested: socketInfoLock (copies of the
+// SocketInfo pointers), SocketInfo::mutex (the send ring and the pkgSeq
+// counters). No callback runs under either.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "mediaSocket/MediaSort.h"
+#include "mediaSocket/MediaStatsCounters.h"
+#include "mediaSocket/PrivateHead.h"
+#include "mediaSocket/RingBuffer.h"
+#include "os_adapter/morl_os.h"
+#include "zeph_nettools/media_socket.h"
+
+constexpr uint32_t kMediaTypeCount = 5;
+constexpr uint32_t kMediaTypeUnset = 5;
+constexpr size_t kMediaFdCount = 8;
+constexpr int32_t kMinRingCapacity = 30720;
+constexpr int32_t kMaxRingCapacity = 0xFA000;
+constexpr uint64_t kReCreateGapMs = 5000;
+constexpr int32_t kMaxReCreateCount = 1000;
+constexpr int16_t kPollReadEvents = MORL_POLLRDNORM | MORL_POLLRDBAND; // 0x300
+
+// Range of `fds` entries of a media type, half open; false (and 0, 0) for
+// an unknown type. Audio 0..4, Video 4, MS 5, Aux 6, DATA 7.
+bool GetMediaFdsIndex(uint32_t mediaType, size_t& start, size_t& end);
+// Default channel count, ring capacity and DSCP level of a media type.
+uint32_t GetMediaDefaultChannels(uint32_t mediaType);
+int32_t GetMediaDefaultRingCapacity(uint32_t mediaType);
+uint32_t GetMediaDscpLevel(uint32_t mediaType);
+
+// Whether `now` counts as later than `last` for re-creation: strictly
+// greater and at least 5000 ms ahead.
+inline bool IsReCreateTimeLater(uint64_t now, uint64_t last)
+{
+    return now > last && now - last >= kReCreateGapMs;
+}
+
+class SockChannel {
+public:
+    enum State : uint32_t { Closed = 0, Connecting = 1, Connected = 2 };
+
+    std::atomic<int32_t> sock{MORL_INVALID_SOCKET};
+    // A barrier taken and released at once before a close.
+    std::mutex mutex;
+    std::atomic<uint32_t> state{Closed};
+    std::atomic<int32_t> reCreateChannelCount{0};
+    std::atomic<uint64_t> lastReCreateTime{0};
+    std::atomic<uint32_t> mediaType{kMediaTypeUnset};
+    std::atomic<uint16_t> localPort{0};
+    std::atomic<int32_t> connectRet{0};
+
+    // The receive ring. Swapped by MediaSetChannelBufSize through the atomic
+    // shared_ptr functions; its contents and everything below belong to the
+    // receive thread.
+    std::shared_ptr<RingBuffer> recvBuffer;
+    uint8_t packet[kMaxMediaPacketSize] = {};
+    uint16_t currSize = 0;
+    uint8_t dirtyData[kMaxMediaPacketSize] = {};
+    uint32_t dirtyDataLen = 0;
+    // Set by whoever connects the channel anew: the receive thread then
+    // empties the ring and drops a partial packet before it takes the first
+    // bytes of the new connection, so that it alone touches them.
+    std::atomic<bool> recvReset{false};
+
+    MediaStatsCounters stats;
+
+    std::shared_ptr<RingBuffer> GetRecvBuffer() const { return std::atomic_load(&recvBuffer); }
+    void SetRecvBuffer(std::shared_ptr<RingBuffer> ring) { std::atomic_store(&recvBuffer, std::move(ring)); }
+    // Takes and releases `mutex`, marks the channel closed in `sock` and
+    // closes the old socket.
+    void CloseSock();
+};
+
+class SocketInfo {
+public:
+    SocketInfo() = default;
+    ~SocketInfo();
+    SocketInfo(const SocketInfo&) = delete;
+    SocketInfo& operator=(const SocketInfo&) = delete;
+
+    // Fixed in number once the record is published.
+    std::vector<std::shared_ptr<SockChannel>> sockMgr;
+
+    std::atomic<uint32_t> mediaType{kMediaTypeUnset};
+    std::atomic<MediaEventCallback> eventCallback{nullptr};
+    std::atomic<int32_t> reCreateChannelCount{0};
+    std::atomic<uint64_t> lastReCreateTime{0};
+    std::atomic<MediaRecvCallback> recvCallback{nullptr};
+    // Receive thread only.
+    std::vector<SortEntry> sortBuffers;
+    // Send thread only.
+    uint64_t nextChannel = 0;
+
+    // Guards the contents of the send ring and pkgSeq; the pointer itself is
+    // read and swapped through the atomic shared_ptr functions.
+    std::mutex mutex;
+    std::shared_ptr<RingBuffer> sendBuffer;
+    uint32_t pkgSeq[10] = {};
+
+    MediaStatsCounters stats;
+
+    std::shared_ptr<RingBuffer> GetSendBuffer() const { return std::atomic_load(&sendBuffer); }
+    void SetSendBuffer(std::shared_ptr<RingBuffer> ring) { std::atomic_store(&sendBuffer, std::move(ring)); }
+
+    // Server of the media type, stored by MediaCreateChannel for re-creation.
+    void SetServer(const std::string& addr, uint16_t port, const std::string& domain);
+    void GetServer(std::string& addr, uint16_t& port, std::string& domain) const;
+
+    bool AnyOpenSocket() const;
+    bool AnyConnected() const;
+
+private:
+    mutable std::mutex serverMutex;
+    std::string serverAddr;
+    std::string domain;
+    uint16_t port = 0;
+};
+
+// ", [RECV]: writeBufferErrCount: ..." and ", [SEND]: sendCount: ...": the
+// counters of a media type and of each of its channels, for log lines.
+std::string GetRecvStatsText(const SocketInfo& socketInfo);
+std::string GetSendStatsText(const SocketInfo& socketInfo);
+
+class MediaSocket {
+public:
+    explicit MediaSocket(uint32_t sessionId);
+    ~MediaSocket();
+    MediaSocket(const MediaSocket&) = delete;
+    MediaSocket& operator=(const MediaSocket&) = delete;
+
+    uint32_t GetSessionId() const { return sessionId; }
+
+    int32_t MediaCreateSocket(uint32_t mediaType, uint32_t count);
+    int32_t MediaCloseSocket(uint32_t mediaType);
+    int32_t MediaCreateChannel(uint32_t mediaType, const std::string& address, uint16_t port,
+                               const std::string& domain);
+    int32_t MediaConnect(int32_t sock, const std::string& address, uint16_t port, const std::string& domain);
+    void SetSockAttribute(int32_t sock);
+    int32_t MediaSetTcpBufSize(uint32_t mediaType, uint32_t size, uint32_t direction);
+    int32_t MediaSetChannelBufSize(uint32_t mediaType, uint32_t size);
+    int32_t MediaGetChannelBufSize(int32_t mediaType);
+    void MediaSocketTcpAccelerateSlowStart(uint32_t mediaType);
+    int32_t MediaStopThread();
+
+    int32_t MediaSend(uint32_t pktType, uint32_t mediaType, const uint8_t* data, uint32_t length, uint32_t channel);
+    int32_t MediaRegisterRecvCallback(uint32_t mediaType, MediaRecvCallback callback);
+    int32_t MediaSetEventCallback(uint32_t mediaType, MediaEventCallback callback);
+    int32_t MediaGetStats(uint32_t mediaType, MediaStats* stats);
+    int32_t MediaReCreateChannel(uint32_t mediaType, bool makeSockets);
+
+    // Recovery of one channel.
+    int32_t MediaReCreateChannelOfSockChan(const std::shared_ptr<SockChannel>& channel);
+    int32_t MediaCreateSocketOfSockChan(const std::shared_ptr<SockChannel>& channel);
+    int32_t MediaCreateChannelOfSockChan(const std::shared_ptr<SockChannel>& channel, const std::string& address,
+                                         uint16_t port, const std::string& domain);
+    void MediaCloseSocketOfSockChan(const std::shared_ptr<SockChannel>& channel);
+    void DoEventCallback(const std::shared_ptr<SocketInfo>& socketInfo, MediaEventInfo event);
+    void DoEventCallbackOfSockChan(const std::shared_ptr<SockChannel>& channel, MediaEventInfo event);
+    void CheckAndReCreateChannel(int32_t sock, int16_t revents, int32_t recvLen, int32_t socketError);
+    int32_t CheckDirtyData(const std::shared_ptr<SockChannel>& channel);
+
+    // Receive path.
+    int32_t PutRecvBuffer(int32_t sock, const uint8_t* bytes, int32_t length);
+
+    // Copy of a SocketInfo pointer, taken under the shared lock; null when
+    // the media type is not created.
+    std::shared_ptr<SocketInfo> GetSocketInfo(uint32_t mediaType) const;
+    bool HasAnySocketInfo() const;
+    std::shared_ptr<SocketInfo> FindSocketInfoBySock(int32_t sock) const;
+    static std::shared_ptr<SockChannel> FindSockChannelBySock(const std::shared_ptr<SocketInfo>& socketInfo,
+                                                              int32_t sock);
+    // A copy of one entry of the poll records.
+    MORL_PollFd GetFd(size_t index) const { return fds[index].load(); }
+    // True on this session's receive or send thread.
+    bool IsSessionThread() const;
+
+    // Whether MediaSend wakes an idle send thread at once (default), or the
+    // thread finds the packet on its next pass after up to 5 ms. Process-wide;
+    // for benchmarks.
+    static void SetEarlyWake(bool enabled);
+
+private:
+    void SocketRecvThread();
+    void SocketSendThread();
+    int32_t DoSend(const std::shared_ptr<SocketInfo>& socketInfo, const uint8_t* packet, int32_t length);
+    int32_t SendData(int32_t sock, const uint8_t* data, int32_t length);
+    void ConnectChannel(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel,
+                        std::string address, uint16_t port, std::string domain);
+    void DeliverPacket(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel);
+    void ClearSendBuffer(const std::shared_ptr<SocketInfo>& socketInfo);
+    void SetFd(size_t index, int32_t sock, int16_t events);
+    void ClearFdsOfSock(uint32_t mediaType, int32_t sock);
+    void WakeSendThread();
+    void IdleWait();
+    // Counting in the records of both the media type and the channel.
+    // Receive kinds: 0 a packet (CountPacket), 1 dataLoss, 2 readHeadErrCount,
+    // 3 writeBufferErrCount. Send kinds: 5 sendErrCount, 6 sendLenErrorCount,
+    // 7 sendSuccessCount, 8 sendCount.
+    void RecvStatsCount(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel,
+                        int kind, uint32_t pktType, bool success);
+    void SendStatsCount(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel,
+                        int kind, uint32_t pktType, bool success);
+    // Whether a throttled send warning may be written now for this channel.
+    bool SendLogDue(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel,
+                    uint32_t countBefore);
+
+    std::array<std::atomic<MORL_PollFd>, kMediaFdCount> fds;
+    std::atomic<int32_t> errCount{0};
+    std::atomic<int32_t> recvErrCount{0};
+    std::atomic<uint64_t> lastRecvErrTime{0};
+    std::atomic<bool> recvRunning{false};
+    std::thread recvThread;
+    std::atomic<bool> sendRunning{false};
+    std::thread sendThread;
+    const uint32_t sessionId;
+    std::shared_ptr<SocketInfo> socketInfos[kMediaTypeCount];
+    mutable std::shared_mutex socketInfoLock;
+
+    // Early wake of the send thread: MediaSend raises `sendPending` after it
+    // let go of the SocketInfo mutex.
+    std::mutex sendWakeMutex;
+    std::condition_variable sendWakeCond;
+    bool sendPending = false;
+};
