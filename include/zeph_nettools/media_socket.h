@@ -171,7 +171,9 @@ ZEPH_API int32_t MORL_MediaCloseSocket(uint32_t sessionId, uint32_t mediaType);
  * least one channel is up. `domain` may be null or empty. */
 ZEPH_API int32_t MORL_MediaCreateChannel(uint32_t sessionId, uint32_t mediaType, const char* serverAddr, uint16_t port,
                                          const char* domain);
-/* Closes and reconnects every channel of the media type. */
+/* Closes and reconnects every channel of the media type. Only one connect or
+ * re-creation of a media type runs at a time: while the session repairs it
+ * on another thread, this and MORL_MediaCreateChannel return -1000 at once. */
 ZEPH_API int32_t MORL_MediaReCreateChannel(uint32_t sessionId, uint32_t mediaType);
 /* Queues one packet; never blocks on the network. 0, or -995, -994, -975,
  * -989, -985 (the send ring is full: this packet is lost). */

@@ -138,6 +138,9 @@ int MORL_SetSockOpt(MORL_SOCKET s, int level, int optname, const void* optval, i
 int MORL_GetSockName(MORL_SOCKET s, MORL_SockAddrIn* addr, int* len);
 int MORL_IoctlSocket(MORL_SOCKET s, uint32_t cmd, uint32_t* argp);
 int MORL_CloseSocket(MORL_SOCKET s);
+// shutdown(); how is SD_RECEIVE 0, SD_SEND 1 or SD_BOTH 2.
+enum : int { MORL_SD_RECEIVE = 0, MORL_SD_SEND = 1, MORL_SD_BOTH = 2 };
+int MORL_Shutdown(MORL_SOCKET s, int how);
 int MORL_GetLastSocketErr();
 // Windows-style select over MORL_FdSet; nfds is ignored as on Windows.
 int MORL_Select(int nfds, MORL_FdSet* readfds, MORL_FdSet* writefds, MORL_FdSet* exceptfds, const MORL_TimeVal* timeout);

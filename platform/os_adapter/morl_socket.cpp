@@ -233,6 +233,14 @@ MORL_SOCKET MORL_Socket(int family, int type, int protocol) {
     return fd;
 }
 
+int MORL_Shutdown(MORL_SOCKET s, int how) {
+    int linux_how = how == MORL_SD_RECEIVE ? SHUT_RD : (how == MORL_SD_SEND ? SHUT_WR : SHUT_RDWR);
+    if (::shutdown(s, linux_how) != 0) {
+        return fail_errno();
+    }
+    return 0;
+}
+
 int MORL_CloseSocket(MORL_SOCKET s) {
     // A close interrupted by a signal has still released the descriptor on
     // Linux; retrying could close a descriptor another thread just opened.

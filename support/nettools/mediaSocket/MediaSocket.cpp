@@ -103,14 +103,33 @@ uint32_t GetMediaDscpLevel(uint32_t mediaType)
 
 // ---- records --------------------------------------------------------------------
 
-void SockChannel::CloseSock()
+int32_t SockChannel::DetachSock()
 {
     {
         std::lock_guard<std::mutex> barrier(mutex);
     }
-    int32_t old = sock.exchange(MORL_INVALID_SOCKET);
-    if (old != MORL_INVALID_SOCKET) {
-        MORL_CloseSocket(old);
+    return sock.exchange(MORL_INVALID_SOCKET);
+}
+
+bool SocketInfo::TryBeginReCreate()
+{
+    const std::thread::id self = std::this_thread::get_id();
+    std::thread::id expected{};
+    if (reCreateOwner.compare_exchange_strong(expected, self)) {
+        reCreateDepth = 1;
+        return true;
+    }
+    if (expected == self) {
+        ++reCreateDepth;
+        return true;
+    }
+    return false;
+}
+
+void SocketInfo::EndReCreate()
+{
+    if (--reCreateDepth == 0) {
+        reCreateOwner.store(std::thread::id{});
     }
 }
 
@@ -198,10 +217,54 @@ SocketInfo::~SocketInfo()
 
 void MediaSocket::SetEarlyWake(bool enabled) { g_earlyWake.store(enabled); }
 
+uint64_t MediaSocket::PackFd(const MORL_PollFd& fd)
+{
+    return static_cast<uint64_t>(static_cast<uint32_t>(fd.fd)) |
+           (static_cast<uint64_t>(static_cast<uint16_t>(fd.events)) << 32) |
+           (static_cast<uint64_t>(static_cast<uint16_t>(fd.revents)) << 48);
+}
+
+MORL_PollFd MediaSocket::UnpackFd(uint64_t packed)
+{
+    MORL_PollFd fd;
+    fd.fd = static_cast<int32_t>(static_cast<uint32_t>(packed));
+    fd.events = static_cast<int16_t>(static_cast<uint16_t>(packed >> 32));
+    fd.revents = static_cast<int16_t>(static_cast<uint16_t>(packed >> 48));
+    return fd;
+}
+
+void MediaSocket::CloseChannelSock(const std::shared_ptr<SockChannel>& ch)
+{
+    const int32_t old = ch->DetachSock();
+    if (old == MORL_INVALID_SOCKET) {
+        return;
+    }
+    MORL_Shutdown(old, MORL_SD_BOTH);
+    std::lock_guard<std::mutex> g(closeMutex);
+    closePending.push_back(old);
+}
+
+void MediaSocket::CloseDeferredSockets()
+{
+    std::vector<int32_t> socks;
+    {
+        std::lock_guard<std::mutex> g(closeMutex);
+        socks.swap(closePending);
+    }
+    for (int32_t sock : socks) {
+        MORL_CloseSocket(sock);
+    }
+}
+
+bool MediaSocket::IsPublished(const std::shared_ptr<SocketInfo>& info) const
+{
+    return info && GetSocketInfo(info->mediaType) == info;
+}
+
 MediaSocket::MediaSocket(uint32_t id) : sessionId(id)
 {
     for (auto& fd : fds) {
-        fd.store(MORL_PollFd{MORL_INVALID_SOCKET, 0, 0});
+        fd.store(PackFd(MORL_PollFd{MORL_INVALID_SOCKET, 0, 0}));
     }
     recvRunning = true;
     recvThread = std::thread(&MediaSocket::SocketRecvThread, this);
@@ -215,7 +278,11 @@ MediaSocket::MediaSocket(uint32_t id) : sessionId(id)
     }
 }
 
-MediaSocket::~MediaSocket() { MediaStopThread(); }
+MediaSocket::~MediaSocket()
+{
+    MediaStopThread();
+    CloseDeferredSockets();
+}
 
 bool MediaSocket::IsSessionThread() const
 {
@@ -298,7 +365,7 @@ std::shared_ptr<SockChannel> MediaSocket::FindSockChannelBySock(const std::share
 void MediaSocket::SetFd(size_t index, int32_t sock, int16_t events)
 {
     if (index < kMediaFdCount) {
-        fds[index].store(MORL_PollFd{sock, events, 0});
+        fds[index].store(PackFd(MORL_PollFd{sock, events, 0}));
     }
 }
 
@@ -308,7 +375,7 @@ void MediaSocket::ClearFdsOfSock(uint32_t mediaType, int32_t sock)
     size_t end = 0;
     GetMediaFdsIndex(mediaType, start, end);
     for (size_t i = start; i < end; ++i) {
-        if (fds[i].load().fd == sock) {
+        if (UnpackFd(fds[i].load()).fd == sock) {
             SetFd(i, MORL_INVALID_SOCKET, 0);
         }
     }
@@ -470,11 +537,11 @@ void MediaSocket::ConnectChannel(const std::shared_ptr<SocketInfo>& info, const 
         MEDIA_LOGI << "proxy auth error! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType)
                    << ", serverAddr: " << address << ", port:" << port << ", sockMgr.size: " << info->sockMgr.size()
                    << ", ret: " << r << ", sock: " << sock;
-        ch->CloseSock();
+        CloseChannelSock(ch);
         ch->connectRet = r;
         return;
     }
-    ch->CloseSock();
+    CloseChannelSock(ch);
     ch->connectRet = r;
     ch->localPort = 0;
     ch->state = SockChannel::Closed;
@@ -495,6 +562,12 @@ int32_t MediaSocket::MediaCreateChannel(uint32_t mediaType, const std::string& a
     if (!info) {
         MEDIA_LOGE << "no create, session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
         return MEDIA_SOCKET_ERRCODE_NO_CREATE;
+    }
+    ReCreateGuard guard(*info);
+    if (!guard) {
+        MEDIA_LOGW << "connect already under way, session id: " << sessionId
+                   << ", mediaType: " << GetMediaTypeName(mediaType);
+        return MEDIA_SOCKET_ERRCODE_FAILED;
     }
     for (const auto& ch : info->sockMgr) {
         if (ch) {
@@ -519,6 +592,17 @@ int32_t MediaSocket::MediaCreateChannel(uint32_t mediaType, const std::string& a
     }
     for (auto& t : connects) {
         t.join();
+    }
+    if (!IsPublished(info)) {
+        // Closed while connecting (by a callback of this very connect): the
+        // new sockets belong to nobody.
+        for (const auto& ch : info->sockMgr) {
+            if (ch) {
+                CloseChannelSock(ch);
+                ch->state = SockChannel::Closed;
+            }
+        }
+        return MEDIA_SOCKET_ERRCODE_NO_CREATE;
     }
     int32_t lastRet = 0;
     for (const auto& ch : info->sockMgr) {
@@ -585,7 +669,7 @@ int32_t MediaSocket::MediaCloseSocket(uint32_t mediaType)
     }
     for (const auto& ch : info->sockMgr) {
         if (ch) {
-            ch->CloseSock();
+            CloseChannelSock(ch);
             ch->localPort = 0;
             ch->state = SockChannel::Closed;
         }
@@ -1153,11 +1237,14 @@ void MediaSocket::SocketRecvThread()
     MORL_PthreadSetName("TCPSocketRecvThread");
     uint8_t buffer[kRecvReadSize];
     while (recvRunning) {
+        // Sockets closed since the last round are released only now, before
+        // the copy below, so that no round polls a number given away.
+        CloseDeferredSockets();
         // Work on a copy: others change fds at any time without a lock, and a
         // socket closed meanwhile shows up as a failed read.
         MORL_PollFd local[kMediaFdCount];
         for (size_t i = 0; i < kMediaFdCount; ++i) {
-            local[i] = fds[i].load();
+            local[i] = UnpackFd(fds[i].load());
             local[i].revents = 0;
         }
         const int nready = MORL_Poll(local, kMediaFdCount, kRecvPollTimeoutMs);
@@ -1298,6 +1385,11 @@ int32_t MediaSocket::PutRecvBuffer(int32_t sock, const uint8_t* bytes, int32_t l
             if (counted) {
                 RecvStatsCount(info, ch, 0, head.pktType, true);
             }
+            if (ch->sock.load() != sock) {
+                // The callback closed or re-created this channel: the rest
+                // of its bytes belong to a connection that is gone.
+                return 0;
+            }
         }
 
         // Hunt for the next head.
@@ -1351,6 +1443,10 @@ void MediaSocket::DoEventCallback(const std::shared_ptr<SocketInfo>& info, Media
     if (event.eventId == 3) {
         ClearSendBuffer(info);
     } else if (event.eventId == 8) {
+        ReCreateGuard guard(*info);
+        if (!guard) {
+            return; // a re-creation is under way: it answers this event too
+        }
         const uint64_t now = NowMs();
         uint64_t last = info->lastReCreateTime.load();
         // The exchange lets one thread through when several find the limits open.
@@ -1391,6 +1487,10 @@ void MediaSocket::DoEventCallbackOfSockChan(const std::shared_ptr<SockChannel>& 
     const bool repairable = event.eventId == 1 || event.eventId == 2 ||
                             (event.eventId == 4 && info->stats.recv.Get(PacketCounters::SuccessCount) > 0);
     if (repairable) {
+        ReCreateGuard guard(*info);
+        if (!guard) {
+            return; // a re-creation is under way: it answers this event too
+        }
         const uint64_t now = NowMs();
         uint64_t last = ch->lastReCreateTime.load();
         if (IsReCreateTimeLater(now, last) && ch->reCreateChannelCount.load() < kMaxReCreateCount &&
@@ -1460,12 +1560,18 @@ int32_t MediaSocket::MediaReCreateChannelOfSockChan(const std::shared_ptr<SockCh
         MEDIA_LOGE << "no create! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
         return MEDIA_SOCKET_ERRCODE_NO_CREATE;
     }
+    ReCreateGuard guard(*info);
+    if (!guard) {
+        MEDIA_LOGW << "re-creation already under way, session id: " << sessionId
+                   << ", mediaType: " << GetMediaTypeName(mediaType);
+        return MEDIA_SOCKET_ERRCODE_FAILED;
+    }
     std::string address;
     std::string domain;
     uint16_t port = 0;
     info->GetServer(address, port, domain);
     ClearFdsOfSock(mediaType, ch->sock);
-    ch->CloseSock();
+    CloseChannelSock(ch);
     ch->state = SockChannel::Connecting;
     MediaCreateSocketOfSockChan(ch);
     const int32_t r = MediaCreateChannelOfSockChan(ch, address, port, domain);
@@ -1516,13 +1622,21 @@ int32_t MediaSocket::MediaCreateChannelOfSockChan(const std::shared_ptr<SockChan
                << ", port: " << ch->localPort.load() << ", sockNameRet: " << nameRet
                << ", lastError: " << MORL_GetLastSocketErr() << ", sock: " << sock;
     if (r == 0) {
+        auto owner = GetSocketInfo(mediaType);
+        if (!owner || std::find(owner->sockMgr.begin(), owner->sockMgr.end(), ch) == owner->sockMgr.end()) {
+            // The media type was closed while this channel connected.
+            CloseChannelSock(ch);
+            ch->localPort = 0;
+            ch->state = SockChannel::Closed;
+            return MEDIA_SOCKET_ERRCODE_NO_CREATE;
+        }
         ch->recvReset = true;
         ch->state = SockChannel::Connected;
         size_t start = 0;
         size_t end = 0;
         GetMediaFdsIndex(mediaType, start, end);
         for (size_t i = start; i < end; ++i) {
-            if (fds[i].load().fd == MORL_INVALID_SOCKET) {
+            if (UnpackFd(fds[i].load()).fd == MORL_INVALID_SOCKET) {
                 SetFd(i, sock, kPollReadEvents);
                 break;
             }
@@ -1534,7 +1648,7 @@ int32_t MediaSocket::MediaCreateChannelOfSockChan(const std::shared_ptr<SockChan
     }
     MEDIA_LOGE << "connect error! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType)
                << ", serverAddr: " << address << ", port:" << port << ", ret: " << r << ", sock: " << sock;
-    ch->CloseSock();
+    CloseChannelSock(ch);
     ch->localPort = 0;
     ch->state = SockChannel::Closed;
     return r;
@@ -1550,7 +1664,7 @@ void MediaSocket::MediaCloseSocketOfSockChan(const std::shared_ptr<SockChannel>&
     MEDIA_LOGI << "close socket start. session id: " << sessionId << ", mediaType: " << GetMediaTypeName(ch->mediaType)
                << ", sock: " << sock;
     ClearFdsOfSock(ch->mediaType, sock);
-    ch->CloseSock();
+    CloseChannelSock(ch);
     ch->localPort = 0;
     ch->state = SockChannel::Closed;
 }
@@ -1567,6 +1681,12 @@ int32_t MediaSocket::MediaReCreateChannel(uint32_t mediaType, bool makeSockets)
         MEDIA_LOGE << "no create! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
         return MEDIA_SOCKET_ERRCODE_NO_CREATE;
     }
+    ReCreateGuard guard(*info);
+    if (!guard) {
+        MEDIA_LOGW << "re-creation already under way, session id: " << sessionId
+                   << ", mediaType: " << GetMediaTypeName(mediaType);
+        return MEDIA_SOCKET_ERRCODE_FAILED;
+    }
     std::string address;
     std::string domain;
     uint16_t port = 0;
@@ -1580,7 +1700,7 @@ int32_t MediaSocket::MediaReCreateChannel(uint32_t mediaType, bool makeSockets)
     if (makeSockets) {
         for (const auto& ch : info->sockMgr) {
             if (ch) {
-                ch->CloseSock();
+                CloseChannelSock(ch);
                 ch->state = SockChannel::Connecting;
             }
         }

@@ -86,8 +86,8 @@ public:
     std::shared_ptr<RingBuffer> GetRecvBuffer() const { return std::atomic_load(&recvBuffer); }
     void SetRecvBuffer(std::shared_ptr<RingBuffer> ring) { std::atomic_store(&recvBuffer, std::move(ring)); }
     // Takes and releases `mutex`, marks the channel closed in `sock` and
-    // closes the old socket.
-    void CloseSock();
+    // returns the old socket, which the session then closes.
+    int32_t DetachSock();
 };
 
 class SocketInfo {
@@ -128,11 +128,40 @@ public:
     bool AnyOpenSocket() const;
     bool AnyConnected() const;
 
+    // One re-creation of this media type or of one of its channels runs at a
+    // time: a second one started meanwhile (the send thread repairing a
+    // channel while a caller's send rebuilds the whole type) would close the
+    // sockets the first is connecting. Re-entrant on the owning thread, so
+    // that a callback run by a re-creation may start another. Never waits.
+    bool TryBeginReCreate();
+    void EndReCreate();
+
 private:
+    std::atomic<std::thread::id> reCreateOwner{};
+    int reCreateDepth = 0; // touched by the owner only
+
     mutable std::mutex serverMutex;
     std::string serverAddr;
     std::string domain;
     uint16_t port = 0;
+};
+
+class ReCreateGuard {
+public:
+    explicit ReCreateGuard(SocketInfo& info) : info(info), owned(info.TryBeginReCreate()) {}
+    ~ReCreateGuard()
+    {
+        if (owned) {
+            info.EndReCreate();
+        }
+    }
+    ReCreateGuard(const ReCreateGuard&) = delete;
+    ReCreateGuard& operator=(const ReCreateGuard&) = delete;
+    explicit operator bool() const { return owned; }
+
+private:
+    SocketInfo& info;
+    const bool owned;
 };
 
 // ", [RECV]: writeBufferErrCount: ..." and ", [SEND]: sendCount: ...": the
@@ -189,7 +218,7 @@ public:
     static std::shared_ptr<SockChannel> FindSockChannelBySock(const std::shared_ptr<SocketInfo>& socketInfo,
                                                               int32_t sock);
     // A copy of one entry of the poll records.
-    MORL_PollFd GetFd(size_t index) const { return fds[index].load(); }
+    MORL_PollFd GetFd(size_t index) const { return UnpackFd(fds[index].load()); }
     // True on this session's receive or send thread.
     bool IsSessionThread() const;
 
@@ -211,6 +240,17 @@ private:
     void ClearFdsOfSock(uint32_t mediaType, int32_t sock);
     void WakeSendThread();
     void IdleWait();
+    // Closes the channel's socket. The descriptor is shut down at once, so
+    // that the peer sees the end, but released only by the receive thread
+    // between two polls: Linux hands a freed number to the next socket at
+    // once, and a round still working on its copy of `fds` would otherwise
+    // read from whatever socket got the number.
+    void CloseChannelSock(const std::shared_ptr<SockChannel>& channel);
+    void CloseDeferredSockets();
+    // Whether `info` is still the published record of its media type.
+    bool IsPublished(const std::shared_ptr<SocketInfo>& info) const;
+    static uint64_t PackFd(const MORL_PollFd& fd);
+    static MORL_PollFd UnpackFd(uint64_t packed);
     // Counting in the records of both the media type and the channel.
     // Receive kinds: 0 a packet (CountPacket), 1 dataLoss, 2 readHeadErrCount,
     // 3 writeBufferErrCount. Send kinds: 5 sendErrCount, 6 sendLenErrorCount,
@@ -223,7 +263,9 @@ private:
     bool SendLogDue(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel,
                     uint32_t countBefore);
 
-    std::array<std::atomic<MORL_PollFd>, kMediaFdCount> fds;
+    // The poll records, each packed into 64 bits so that a whole record is
+    // read or written at once without a lock.
+    std::array<std::atomic<uint64_t>, kMediaFdCount> fds;
     std::atomic<int32_t> errCount{0};
     std::atomic<int32_t> recvErrCount{0};
     std::atomic<uint64_t> lastRecvErrTime{0};
@@ -240,4 +282,7 @@ private:
     std::mutex sendWakeMutex;
     std::condition_variable sendWakeCond;
     bool sendPending = false;
+
+    std::mutex closeMutex;
+    std::vector<int32_t> closePending;
 };
