@@ -1,0 +1,200 @@
+// Self-repair of the media transport: lost channels come back within the
+// limits of rate, a media type with every socket closed is rebuilt by the
+// next send, and a channel that cannot come back leaves the others working.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+#include <thread>
+
+#include "media_harness.h"
+#include "media_peer.h"
+#include "mediaSocket/PrivateHead.h"
+#include "peers.h"
+
+namespace {
+
+using namespace zeph_test;
+using zeph_peers::MediaPeer;
+using zeph_peers::MediaPeerBehaviour;
+
+constexpr uint32_t kAudio = ZEPH_MEDIA_AUDIO;
+constexpr uint32_t kVideo = ZEPH_MEDIA_VIDEO;
+
+bool WaitBody(const MediaSession& s, uint32_t type, const Bytes& body, int timeoutMs = 3000)
+{
+    return wait_until(
+        [&] {
+            for (const auto& p : s.Received(type))
+                if (p.body == body) return true;
+            return false;
+        },
+        timeoutMs);
+}
+
+TEST(MediaRecovery, LostChannelComesBackAtMostOncePerFiveSeconds)
+{
+    MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    MediaSession s(3101);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
+    ASSERT_EQ(s.Send(kVideo, 2, Body(50, 1)), 0);
+    ASSERT_TRUE(WaitBody(s, kVideo, Body(50, 1)));
+
+    // The server drops the connection: the receive side reconnects at once.
+    ASSERT_TRUE(peer.closeNow(0));
+    ASSERT_TRUE(wait_until([&] { return peer.accepted() == 2; }, 3000));
+    const uint64_t firstRepair = now_ms();
+    ASSERT_TRUE(wait_until([&] { return s.Channel(kVideo, 0)->state == 2; }, 3000));
+    ASSERT_EQ(s.Send(kVideo, 2, Body(50, 2)), 0);
+    ASSERT_TRUE(WaitBody(s, kVideo, Body(50, 2)));
+
+    // Dropped again right away: refused until five seconds have passed.
+    ASSERT_TRUE(peer.closeNow(1));
+    ASSERT_TRUE(wait_until([&] { return peer.accepted() == 3; }, 8000));
+    const uint64_t gap = now_ms() - firstRepair;
+    EXPECT_GE(gap, 4900u);
+    EXPECT_LE(gap, 6500u);
+    ASSERT_TRUE(wait_until([&] { return s.Channel(kVideo, 0)->state == 2; }, 3000));
+    ASSERT_EQ(s.Send(kVideo, 2, Body(50, 3)), 0);
+    EXPECT_TRUE(WaitBody(s, kVideo, Body(50, 3)));
+
+    // Repaired inside, never told.
+    EXPECT_EQ(s.EventCount(kVideo, ZEPH_MEDIA_EVENT_CHANNEL_LOST), 0u);
+    EXPECT_EQ(s.Channel(kVideo, 0)->reCreateChannelCount.load(), 2);
+    EXPECT_EQ(s.Info(kVideo)->reCreateChannelCount.load(), 2);
+    EXPECT_EQ(MediaLog::Count({"session id: 3101", "reCreateChannel recv poll recvLen: "}), 2);
+}
+
+TEST(MediaRecovery, SendWithEverySocketClosedRebuildsTheMediaType)
+{
+    // The first server stops listening before it drops the connection, so
+    // that the channel's own repair finds nobody and its socket stays closed.
+    auto first = std::make_unique<BacklogListener>(4);
+    const uint16_t port = first->port();
+    MediaSession s(3111);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    ASSERT_EQ(s.Connect(kVideo, port), 0);
+    ASSERT_EQ(first->AcceptAll(), 1u);
+    first.reset();
+    ASSERT_TRUE(wait_until([&] { return s.Channel(kVideo, 0)->sock == -1 && s.Channel(kVideo, 0)->state == 0; }, 3000));
+
+    // A send tries the whole media type; it fails, and the caller hears nothing.
+    const uint64_t attempt = now_ms();
+    EXPECT_EQ(s.Send(kVideo, 2, Body(20, 1)), MEDIA_SOCKET_ERRCODE_NO_SOCKET);
+    EXPECT_EQ(s.EventCount(kVideo, ZEPH_MEDIA_EVENT_NO_SOCKET), 0u);
+    EXPECT_EQ(s.Stats(kVideo).noConnectSendCount, 1u);
+
+    // The server is back, but within five seconds of that attempt nothing is tried.
+    MediaPeer second;
+    ASSERT_TRUE(second.start("127.0.0.1", port));
+    EXPECT_EQ(s.Send(kVideo, 2, Body(20, 2)), MEDIA_SOCKET_ERRCODE_NO_SOCKET);
+    EXPECT_EQ(second.accepted(), 0u);
+
+    int32_t rc = -1;
+    ASSERT_TRUE(wait_until([&] { return (rc = s.Send(kVideo, 2, Body(20, 3))) == 0; }, 8000, 200));
+    const uint64_t gap = now_ms() - attempt;
+    EXPECT_GE(gap, 4900u);
+    EXPECT_LE(gap, 7000u);
+    // Rebuilt by this very send, told, and the packet queued on the new channel.
+    const auto events = s.Events(kVideo);
+    ASSERT_EQ(s.EventCount(kVideo, ZEPH_MEDIA_EVENT_NO_SOCKET), 1u);
+    for (const auto& e : events) {
+        if (e.eventId == ZEPH_MEDIA_EVENT_NO_SOCKET) {
+            EXPECT_EQ(int32_t(e.errorCode), MEDIA_SOCKET_ERRCODE_NO_SOCKET);
+        }
+    }
+    EXPECT_TRUE(WaitBody(s, kVideo, Body(20, 3)));
+    EXPECT_EQ(second.accepted(), 1u);
+    EXPECT_EQ(s.Info(kVideo)->reCreateChannelCount.load(), 3) << "one channel repair, two of the media type";
+}
+
+TEST(MediaRecovery, ChannelThatCannotConnectLeavesTrafficOnTheOthers)
+{
+    // Three connects fit in the queue of a listener that accepts nothing;
+    // the fourth times out.
+    BacklogListener listener(2);
+    ASSERT_NE(listener.port(), 0);
+    MediaSession s(3121);
+    ASSERT_EQ(s.Create(kAudio, 4), 0);
+    ASSERT_EQ(s.Connect(kAudio, listener.port()), 0) << "one channel up is enough";
+    size_t failed = 4;
+    for (size_t i = 0; i < 4; ++i) {
+        auto ch = s.Channel(kAudio, i);
+        const int32_t fd = s.Object()->GetFd(i).fd;
+        if (ch->state == 0) {
+            failed = i;
+            EXPECT_EQ(ch->connectRet.load(), MEDIA_SOCKET_ERRCODE_CONNECT_TIMEOUT);
+            EXPECT_EQ(ch->sock.load(), -1);
+            EXPECT_EQ(fd, -1);
+        } else {
+            EXPECT_EQ(ch->state.load(), 2u) << i;
+            EXPECT_EQ(fd, ch->sock.load()) << i;
+        }
+    }
+    ASSERT_LT(failed, 4u);
+    ASSERT_EQ(listener.AcceptAll(), 3u);
+    // From now on a connect is refused: the repair tried by the send path fails.
+    listener.StopListening();
+
+    for (uint32_t i = 0; i < 9; ++i) ASSERT_EQ(s.Send(kAudio, 2, Body(20, uint8_t(i)), i), 0);
+    std::set<uint32_t> seen;
+    for (int fd : listener.connections()) {
+        const std::string bytes = recv_exact(fd, 3 * 36, 3000);
+        ASSERT_EQ(bytes.size(), 3u * 36) << "three packets on each live channel";
+        for (size_t k = 0; k < 3; ++k) {
+            const uint8_t* head = reinterpret_cast<const uint8_t*>(bytes.data()) + 36 * k;
+            EXPECT_EQ(head[2], 2);
+            EXPECT_EQ(PrivateHeadLength(head), 36);
+            seen.insert(uint32_t(head[4]) << 24 | uint32_t(head[5]) << 16 | uint32_t(head[6]) << 8 | head[7]);
+        }
+        EXPECT_TRUE(recv_exact(fd, 1, 100).empty());
+    }
+    EXPECT_EQ(seen.size(), 9u);
+    EXPECT_EQ(s.Channel(kAudio, failed)->reCreateChannelCount.load(), 1) << "one attempt, then the time limit";
+    EXPECT_EQ(s.Channel(kAudio, failed)->state.load(), 0u);
+    EXPECT_EQ(s.Stats(kAudio).sendCount, 9u);
+    EXPECT_EQ(s.EventCount(kAudio, ZEPH_MEDIA_EVENT_CHANNEL_LOST), 0u);
+}
+
+TEST(MediaRecovery, WithoutCallbacksPacketsAreDroppedAndRepairsStillHappen)
+{
+    MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    MediaSession s(3131);
+    ASSERT_EQ(s.Create(kVideo, 1, false, false), 0);
+    ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
+
+    // No receive callback: what arrives is consumed, uncounted.
+    ASSERT_EQ(s.Send(kVideo, 2, Body(30)), 0);
+    ASSERT_TRUE(wait_until([&] { return peer.packets(kVideo) == 1; }, 3000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(s.Stats(kVideo).recv.SuccessCount, 0u);
+    ASSERT_EQ(MORL_MediaRegisterRecvCallback(s.id(), kVideo, &MediaSession::RecvCallback), 0);
+
+    // A damaged packet in the send ring: flushed, and sending goes on.
+    ASSERT_EQ(s.Send(kVideo, 2, Body(3000)), 0);
+    ASSERT_TRUE(wait_until([&] { return s.Stats(kVideo).readOnePktErrCount == 1; }, 3000));
+    EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kVideo), 0);
+    ASSERT_EQ(s.Send(kVideo, 2, Body(30, 1)), 0);
+    ASSERT_TRUE(WaitBody(s, kVideo, Body(30, 1)));
+
+    // Noise from the path: dropped, the packet behind it delivered.
+    MediaPeerBehaviour noisy;
+    noisy.noiseBytes = 64;
+    ASSERT_TRUE(peer.setBehaviour(0, noisy));
+    ASSERT_EQ(s.Send(kVideo, 2, Body(30, 2)), 0);
+    ASSERT_TRUE(WaitBody(s, kVideo, Body(30, 2)));
+    EXPECT_GE(s.Stats(kVideo).dataLoss, 1u);
+
+    // A lost channel is repaired all the same.
+    ASSERT_TRUE(peer.closeNow(0));
+    ASSERT_TRUE(wait_until([&] { return peer.accepted() == 2 && s.Channel(kVideo, 0)->state == 2; }, 3000));
+    ASSERT_EQ(s.Send(kVideo, 2, Body(30, 3)), 0);
+    EXPECT_TRUE(WaitBody(s, kVideo, Body(30, 3)));
+    EXPECT_EQ(s.Stats(kVideo).recv.SuccessCount, s.ReceivedCount(kVideo));
+    EXPECT_TRUE(s.Events(kVideo).empty());
+}
+
+} // namespace

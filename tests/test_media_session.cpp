@@ -1,0 +1,376 @@
+// Sessions and channels of the media transport: the session table, how
+// media types and their channels are made, sized, connected (directly and
+// through an HTTP proxy) and closed, also from inside a callback.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/ip.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "media_harness.h"
+#include "media_peer.h"
+#include "peers.h"
+#include "zeph_nettools/settings.h"
+#include "zeph_nettools/stun.h"
+
+namespace {
+
+using namespace zeph_test;
+using zeph_peers::MediaPeer;
+using zeph_peers::MediaPeerMode;
+
+constexpr uint32_t kAudio = ZEPH_MEDIA_AUDIO;
+constexpr uint32_t kVideo = ZEPH_MEDIA_VIDEO;
+constexpr uint32_t kData = ZEPH_MEDIA_DATA;
+
+int SockOpt(int fd, int level, int option)
+{
+    int value = -1;
+    socklen_t len = sizeof value;
+    return getsockopt(fd, level, option, &value, &len) == 0 ? value : -1;
+}
+
+uint16_t LocalPort(int fd)
+{
+    sockaddr_in addr{};
+    socklen_t len = sizeof addr;
+    return getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0 ? ntohs(addr.sin_port) : 0;
+}
+
+int32_t FdOf(const MediaSession& s, size_t index)
+{
+    auto object = s.Object();
+    return object ? object->GetFd(index).fd : -2;
+}
+
+// The proxy setting is process-wide: every test that sets one takes it away.
+struct ProxySetting {
+    ~ProxySetting() { zeph_settings_set_http_proxy(nullptr, 0, nullptr, nullptr); }
+};
+
+TEST(MediaSessionTable, SixSessionsAtMostAndIdsFreeAtOnceOnClose)
+{
+    std::vector<std::unique_ptr<MediaSession>> s;
+    for (uint32_t i = 0; i < 6; ++i) {
+        s.emplace_back(new MediaSession(1101 + i));
+        ASSERT_EQ(s.back()->Create(kData, 1), 0) << i;
+    }
+    EXPECT_EQ(MORL_MediaCreateSocket(1107, kData, 1), MEDIA_SOCKET_ERRCODE_SESSION_TABLE_FULL);
+    EXPECT_EQ(MORL_MediaCreateSocket(0, kData, 1), MEDIA_SOCKET_ERRCODE_SESSION_ID_ZERO);
+    EXPECT_EQ(MORL_MediaCloseSocket(0, kData), MEDIA_SOCKET_ERRCODE_SESSION_ID_ZERO);
+    EXPECT_EQ(MORL_MediaGetFirstSessionId(), 1u);
+
+    // A session in the table takes more media types; closing one of two
+    // leaves it, and its threads, in place.
+    ASSERT_EQ(s[2]->Create(kVideo, 1), 0);
+    EXPECT_EQ(s[2]->Close(kData), 0);
+    EXPECT_NE(s[2]->Object(), nullptr);
+    EXPECT_EQ(s[2]->Send(kVideo, 2, Body(10)), MEDIA_SOCKET_ERRCODE_NO_SOCKET) << "not connected, but found";
+    EXPECT_EQ(MORL_MediaCreateSocket(1107, kData, 1), MEDIA_SOCKET_ERRCODE_SESSION_TABLE_FULL);
+    EXPECT_EQ(MediaLog::Count({"SocketRecvThread leave. session id: 1103"}), 0);
+
+    // The last media type takes the session with it, at once for the caller.
+    EXPECT_EQ(s[2]->Close(kVideo), 0);
+    const uint32_t gone = s[2]->id();
+    const uint8_t byte = 0;
+    MediaStats stats{};
+    EXPECT_EQ(MORL_MediaSend(gone, 2, kVideo, &byte, 1, 0), MEDIA_SOCKET_ERRCODE_NOT_FOUND_MEDIA_SOCKET);
+    EXPECT_EQ(MORL_MediaCreateChannel(gone, kVideo, "127.0.0.1", 1, nullptr), MEDIA_SOCKET_ERRCODE_NOT_FOUND_MEDIA_SOCKET);
+    EXPECT_EQ(MORL_MediaReCreateChannel(gone, kVideo), MEDIA_SOCKET_ERRCODE_NOT_FOUND_MEDIA_SOCKET);
+    EXPECT_EQ(MORL_MediaSetChannelBufSize(gone, kVideo, 1), MEDIA_SOCKET_ERRCODE_NOT_FOUND_MEDIA_SOCKET);
+    EXPECT_EQ(MORL_MediaGetChannelBufSize(gone, kVideo), MEDIA_SOCKET_ERRCODE_NOT_FOUND_MEDIA_SOCKET);
+    EXPECT_EQ(MORL_MediaSetTcpBufSize(gone, kVideo, 1, 1), MEDIA_SOCKET_ERRCODE_NOT_FOUND_MEDIA_SOCKET);
+    EXPECT_EQ(MORL_MediaRegisterRecvCallback(gone, kVideo, nullptr), MEDIA_SOCKET_ERRCODE_NOT_FOUND_MEDIA_SOCKET);
+    EXPECT_EQ(MORL_MediaSetEventCallback(gone, kVideo, nullptr), MEDIA_SOCKET_ERRCODE_NOT_FOUND_MEDIA_SOCKET);
+    EXPECT_EQ(MORL_MediaGetStats(gone, kVideo, &stats), MEDIA_SOCKET_ERRCODE_NOT_FOUND_MEDIA_SOCKET);
+    EXPECT_EQ(MORL_MediaCloseSocket(gone, kVideo), MEDIA_SOCKET_ERRCODE_NOT_FOUND_MEDIA_SOCKET);
+    EXPECT_TRUE(MediaLog::WaitFor({"SocketRecvThread leave. session id: 1103"}, 4000));
+    EXPECT_TRUE(MediaLog::WaitFor({"SocketSendThread leave. session id: 1103"}, 4000));
+
+    // The freed slot serves a new id...
+    MediaSession seventh(1107);
+    EXPECT_EQ(seventh.Create(kData, 1), 0);
+    // ...and an id can come back right after its close, as a new session.
+    EXPECT_EQ(s[3]->Close(kData), 0);
+    EXPECT_EQ(s[3]->Create(kAudio, 2), 0);
+    EXPECT_EQ(MORL_MediaGetStats(s[3]->id(), kData, &stats), MEDIA_SOCKET_ERRCODE_NO_CREATE);
+}
+
+TEST(MediaSessionChannels, CountsRingsAndRepeatedCreates)
+{
+    MediaSession s(1121);
+    ASSERT_EQ(s.Create(kAudio, 2), 0);
+    EXPECT_EQ(s.Info(kAudio)->sockMgr.size(), 2u);
+    EXPECT_EQ(s.Create(kAudio, 2), MEDIA_SOCKET_ERRCODE_ALREADY_CREATED);
+    ASSERT_EQ(s.Create(kVideo, 9), 0);
+    EXPECT_EQ(s.Info(kVideo)->sockMgr.size(), 1u);
+    ASSERT_EQ(s.Create(ZEPH_MEDIA_MS, 1), 0);
+    MediaSession wide(1122);
+    ASSERT_EQ(wide.Create(kAudio, 9), 0);
+    EXPECT_EQ(wide.Info(kAudio)->sockMgr.size(), 4u);
+
+    // Fresh channels: open, distinct sockets, not connected, not polled.
+    std::set<int32_t> socks;
+    for (uint32_t type : {kAudio, kVideo}) {
+        for (const auto& ch : s.Info(type)->sockMgr) {
+            EXPECT_GE(ch->sock.load(), 0);
+            EXPECT_EQ(ch->state.load(), 0u);
+            socks.insert(ch->sock);
+        }
+    }
+    EXPECT_EQ(socks.size(), 3u);
+    for (size_t i = 0; i < 8; ++i) EXPECT_EQ(FdOf(s, i), -1) << i;
+
+    // Rings by media type; the size query tells what waits, not the room.
+    EXPECT_EQ(s.Info(kVideo)->GetSendBuffer()->GetCapacity(), 614400);
+    EXPECT_EQ(s.Info(ZEPH_MEDIA_MS)->GetSendBuffer()->GetCapacity(), 262144);
+    EXPECT_EQ(s.Info(kAudio)->GetSendBuffer()->GetCapacity(), 30720);
+    EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kVideo), 0);
+    auto capacities = [&](uint32_t type) {
+        std::set<int32_t> c{s.Info(type)->GetSendBuffer()->GetCapacity()};
+        for (const auto& ch : s.Info(type)->sockMgr) c.insert(ch->GetRecvBuffer()->GetCapacity());
+        return c;
+    };
+    EXPECT_EQ(MORL_MediaSetChannelBufSize(s.id(), kVideo, 1), 0);
+    EXPECT_EQ(capacities(kVideo), std::set<int32_t>{30720});
+    EXPECT_EQ(MORL_MediaSetChannelBufSize(s.id(), kAudio, 2000000), 0);
+    EXPECT_EQ(capacities(kAudio), std::set<int32_t>{1024000});
+
+    // Socket buffers: the direction flag picks the one that changes.
+    const int32_t sock = s.Channel(kAudio, 1)->sock;
+    const int sndBefore = SockOpt(sock, SOL_SOCKET, SO_SNDBUF);
+    EXPECT_EQ(MORL_MediaSetTcpBufSize(s.id(), kAudio, 65536, 1), 0);
+    EXPECT_EQ(SockOpt(sock, SOL_SOCKET, SO_RCVBUF), 2 * 65536) << "Linux reports twice what was set";
+    EXPECT_EQ(SockOpt(sock, SOL_SOCKET, SO_SNDBUF), sndBefore);
+
+    // Bad media types and types not created.
+    const uint32_t kAux = ZEPH_MEDIA_AUX;
+    MediaStats stats{};
+    EXPECT_EQ(s.Create(5, 1), MEDIA_SOCKET_ERRCODE_INVALID_PARAM);
+    EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), 5), MEDIA_SOCKET_ERRCODE_INVALID_PARAM);
+    EXPECT_EQ(MORL_MediaSetChannelBufSize(s.id(), kAux, 1), MEDIA_SOCKET_ERRCODE_NO_CREATE);
+    EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kAux), MEDIA_SOCKET_ERRCODE_NO_CREATE);
+    EXPECT_EQ(s.Connect(kAux, 5000), MEDIA_SOCKET_ERRCODE_NO_CREATE);
+    EXPECT_EQ(s.Send(kAux, 2, Body(4)), MEDIA_SOCKET_ERRCODE_NO_CREATE);
+    EXPECT_EQ(MORL_MediaGetStats(s.id(), kAux, &stats), MEDIA_SOCKET_ERRCODE_NO_CREATE);
+    EXPECT_EQ(MORL_MediaGetStats(s.id(), kVideo, nullptr), MEDIA_SOCKET_ERRCODE_INVALID_PARAM);
+
+    // Closed and made again: a new record with the default channel count.
+    EXPECT_EQ(s.Close(kAudio), 0);
+    EXPECT_EQ(s.Create(kAudio, 9), 0);
+    EXPECT_EQ(s.Info(kAudio)->sockMgr.size(), 4u);
+
+    // No channel at all: nothing is stored, but the session was made; its
+    // one close lets it go.
+    MediaSession none(1123);
+    EXPECT_EQ(none.Create(kAudio, 0), MEDIA_SOCKET_ERRCODE_CREATE_SOCKET);
+    EXPECT_EQ(none.Info(kAudio), nullptr);
+    ASSERT_NE(none.Object(), nullptr);
+    EXPECT_EQ(none.Close(kAudio), MEDIA_SOCKET_ERRCODE_NO_CREATE);
+    EXPECT_EQ(none.Object(), nullptr);
+}
+
+TEST(MediaSessionConnect, BadTargetsFailEveryChannelAndStartNothing)
+{
+    MediaSession s(1131);
+    auto expectAllDown = [&](int32_t rc) {
+        for (size_t i = 0; i < 4; ++i) {
+            auto ch = s.Channel(kAudio, i);
+            EXPECT_EQ(ch->state.load(), 0u) << i;
+            EXPECT_EQ(ch->sock.load(), -1) << i;
+            EXPECT_EQ(FdOf(s, i), -1) << i;
+        }
+        EXPECT_EQ(rc, s.Channel(kAudio, 3)->connectRet.load()) << "the last channel's failure";
+    };
+    ASSERT_EQ(s.Create(kAudio, 4), 0);
+    int32_t rc = s.Connect(kAudio, 0);
+    EXPECT_EQ(rc, MEDIA_SOCKET_ERRCODE_INVALID_PARAM);
+    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(s.Channel(kAudio, i)->connectRet.load(), MEDIA_SOCKET_ERRCODE_INVALID_PARAM);
+    expectAllDown(rc);
+
+    ASSERT_EQ(s.Close(kAudio), 0);
+    ASSERT_EQ(s.Create(kAudio, 4), 0);
+    EXPECT_EQ(MORL_MediaCreateChannel(s.id(), kAudio, nullptr, 5000, nullptr), MEDIA_SOCKET_ERRCODE_INVALID_PARAM);
+
+    ASSERT_EQ(s.Close(kAudio), 0);
+    ASSERT_EQ(s.Create(kAudio, 4), 0);
+    rc = s.Connect(kAudio, closed_tcp_port());
+    EXPECT_TRUE(rc == MEDIA_SOCKET_ERRCODE_CONNECT_EVENT || rc == MEDIA_SOCKET_ERRCODE_CONNECT_ERROR) << rc;
+    expectAllDown(rc);
+
+    // No slow start ran: with no STUN key it would have said so.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(MediaLog::Count({"MORL_StunGetChannelId error! session id: 1131"}), 0);
+}
+
+TEST(MediaSessionConnect, MarksSocketsFillsThePollTableAndReconnects)
+{
+    MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    MediaSession s(1141);
+    ASSERT_EQ(s.Create(kAudio, 4), 0);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    ASSERT_EQ(s.Connect(kAudio, peer.port()), 0);
+    // A connect by name is told to the caller.
+    ASSERT_EQ(s.Connect(kVideo, peer.port(), "127.0.0.1", "localhost"), 0);
+    EXPECT_TRUE(s.WaitEvent(kVideo, ZEPH_MEDIA_EVENT_CONNECT_DOMAIN, 1000));
+    EXPECT_TRUE(wait_until([&] { return peer.accepted() == 5; }, 2000));
+
+    auto check = [&](uint32_t type, size_t channel, size_t fdIndex, int tos) {
+        auto ch = s.Channel(type, channel);
+        const int32_t sock = ch->sock;
+        EXPECT_EQ(ch->state.load(), 2u);
+        EXPECT_EQ(ch->connectRet.load(), 0);
+        EXPECT_EQ(FdOf(s, fdIndex), sock) << fdIndex;
+        EXPECT_EQ(s.Object()->GetFd(fdIndex).events, 0x300);
+        EXPECT_EQ(SockOpt(sock, IPPROTO_IP, IP_TOS), tos) << "media type " << type;
+        EXPECT_EQ(ch->localPort.load(), LocalPort(sock));
+        return sock;
+    };
+    for (size_t i = 0; i < 4; ++i) check(kAudio, i, i, 184);
+    check(kVideo, 0, 4, 136);
+
+    // Without a STUN key the slow start only says so and sends nothing.
+    EXPECT_TRUE(wait_until([] { return MediaLog::Count({"MORL_StunGetChannelId error! session id: 1141"}) == 2; }, 1000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(peer.totalPackets(), 0u);
+
+    // Reconnecting the media type gives every channel one new connection,
+    // and only one: a new socket may take the number of an old one that the
+    // receive thread still polls, which must not look like a lost channel.
+    EXPECT_EQ(MORL_MediaReCreateChannel(s.id(), kAudio), 0);
+    EXPECT_TRUE(wait_until([&] { return peer.accepted() == 9; }, 2000)) << peer.accepted();
+    for (size_t i = 0; i < 4; ++i) check(kAudio, i, i, 184);
+    EXPECT_EQ(s.Send(kAudio, 2, Body(40), 1), 0);
+    EXPECT_TRUE(s.WaitReceived(kAudio, 1));
+}
+
+TEST(MediaSessionConnect, ThroughHttpProxyAndRefusedAuthentication)
+{
+    MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    TinyProxy open;
+    ASSERT_TRUE(open.start({peer.port()}));
+    TinyProxy strict;
+    ASSERT_TRUE(strict.start({peer.port()}, "media", "secret"));
+    ProxySetting restore;
+
+    ASSERT_EQ(zeph_settings_set_http_proxy("127.0.0.1", open.port(), nullptr, nullptr), 0);
+    MediaSession s(1151);
+    ASSERT_EQ(s.Create(kAudio, 2), 0);
+    ASSERT_EQ(s.Connect(kAudio, peer.port()), 0);
+    for (uint32_t i = 0; i < 4; ++i) ASSERT_EQ(s.Send(kAudio, 2, Body(100, uint8_t(i)), i), 0);
+    ASSERT_TRUE(s.WaitReceived(kAudio, 4));
+    EXPECT_EQ(peer.accepted(), 2u);
+    EXPECT_NE(open.log_text().find(std::to_string(peer.port())), std::string::npos) << open.log_text();
+
+    // Without credentials: refused, and the channel is left connecting.
+    ASSERT_EQ(zeph_settings_set_http_proxy("127.0.0.1", strict.port(), nullptr, nullptr), 0);
+    MediaSession t(1152);
+    ASSERT_EQ(t.Create(kVideo, 1), 0);
+    EXPECT_EQ(t.Connect(kVideo, peer.port()), MEDIA_SOCKET_ERRCODE_PROXY_AUTH);
+    auto ch = t.Channel(kVideo, 0);
+    EXPECT_EQ(ch->connectRet.load(), MEDIA_SOCKET_ERRCODE_PROXY_AUTH);
+    EXPECT_EQ(ch->sock.load(), -1);
+    EXPECT_EQ(ch->state.load(), 1u);
+    EXPECT_EQ(FdOf(t, 4), -1);
+
+    // With them, the same proxy lets the channel through.
+    ASSERT_EQ(zeph_settings_set_http_proxy("127.0.0.1", strict.port(), "media", "secret"), 0);
+    ASSERT_EQ(t.Close(kVideo), 0);
+    MediaSession u(1153);
+    ASSERT_EQ(u.Create(kVideo, 1), 0);
+    EXPECT_EQ(u.Connect(kVideo, peer.port()), 0);
+}
+
+TEST(MediaSessionClose, FromInsideReceiveCallbacks)
+{
+    MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    MediaSession s(1161);
+    ASSERT_EQ(s.Create(kAudio, 1), 0);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    ASSERT_EQ(s.Connect(kAudio, peer.port()), 0);
+    ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
+
+    std::atomic<int32_t> audioClosed{1}, videoClosed{1};
+    s.OnReceive([&](const MediaPacket& p) {
+        if (p.mediaType == kAudio) audioClosed = MORL_MediaCloseSocket(1161, kAudio);
+        if (p.mediaType == kVideo && p.pktType == ZEPH_MEDIA_PKT_ANNO) videoClosed = MORL_MediaCloseSocket(1161, kVideo);
+    });
+    ASSERT_EQ(s.Send(kAudio, 2, Body(50)), 0);
+    ASSERT_TRUE(wait_until([&] { return audioClosed != 1; }, 3000));
+    EXPECT_EQ(audioClosed.load(), 0);
+    EXPECT_EQ(s.Info(kAudio), nullptr);
+    // Video lives on, on the same receive thread.
+    ASSERT_EQ(s.Send(kVideo, 2, Body(60)), 0);
+    ASSERT_TRUE(s.WaitReceived(kVideo, 1));
+
+    ASSERT_EQ(s.Send(kVideo, ZEPH_MEDIA_PKT_ANNO, Body(70)), 0);
+    ASSERT_TRUE(wait_until([&] { return videoClosed != 1; }, 3000));
+    EXPECT_EQ(videoClosed.load(), 0);
+    EXPECT_EQ(s.Send(kVideo, 2, Body(10)), MEDIA_SOCKET_ERRCODE_NOT_FOUND_MEDIA_SOCKET);
+    // The session ends once the callback has returned.
+    EXPECT_TRUE(MediaLog::WaitFor({"SocketRecvThread leave. session id: 1161"}, 4000));
+    EXPECT_TRUE(MediaLog::WaitFor({"SocketSendThread leave. session id: 1161"}, 4000));
+    EXPECT_TRUE(wait_until([&] { return peer.openConnections() == 0; }, 2000));
+}
+
+TEST(MediaSessionClose, EndsARunningSlowStart)
+{
+    const std::string key = "stun_audio_1171";
+    StunIceInfo local{}, remote{};
+    std::strcpy(local.ufrag, "locl");
+    std::strcpy(local.password, "local-password");
+    std::strcpy(remote.ufrag, "remt");
+    std::strcpy(remote.password, "remote-password");
+    ASSERT_EQ(MORL_StunSetLocalIceInfo(key.c_str(), &local), 0u);
+    ASSERT_EQ(MORL_StunSetRemoteIceInfo(key.c_str(), &remote), 0u);
+    ASSERT_EQ(MORL_StunSetChannelId(key.c_str(), 4242), 0u);
+    struct Forget {
+        std::string key;
+        ~Forget() { MORL_StunClearIceInfo(key.c_str()); }
+    } forget{key};
+
+    MediaPeer peer(MediaPeerMode::Sink);
+    ASSERT_TRUE(peer.start());
+    MediaSession s(1171);
+    ASSERT_EQ(s.Create(kVideo, 1), 0); // keeps the session when Audio closes
+    ASSERT_EQ(s.Create(kAudio, 4), 0);
+    ASSERT_EQ(s.Connect(kAudio, peer.port()), 0);
+
+    // STUN requests, one per 50 ms, framed as Keepalive, over every channel.
+    ASSERT_TRUE(wait_until([&] { return peer.stunRequests() >= 12; }, 3000));
+    std::vector<uint32_t> seqs;
+    for (size_t c = 0; c < 4; ++c) {
+        const auto heads = peer.connection(c).heads;
+        EXPECT_GE(heads.size(), 2u) << c;
+        for (const auto& h : heads) {
+            EXPECT_EQ(h.pktType, 128);
+            EXPECT_EQ(h.mediaType, 1);
+            EXPECT_EQ(h.channel, 4242u);
+            seqs.push_back(h.pkgSeq);
+        }
+    }
+    std::sort(seqs.begin(), seqs.end());
+    for (size_t i = 0; i < seqs.size(); ++i) EXPECT_EQ(seqs[i], i + 1);
+
+    ASSERT_EQ(s.Close(kAudio), 0);
+    ASSERT_TRUE(MediaLog::WaitFor({"accelerate slow start end. session id: 1171", "mediaType: Audio"}, 1000));
+    const std::string line =
+        MediaLog::Find({"accelerate slow start end. session id: 1171", "mediaType: Audio"}).front();
+    EXPECT_NE(line.find("time: 5000, intv: 50, count: "), std::string::npos) << line;
+    EXPECT_EQ(line.find("count: -1"), std::string::npos) << "ended at the close, not run out: " << line;
+    const uint64_t requests = peer.stunRequests();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(peer.stunRequests(), requests);
+}
+
+} // namespace

@@ -1,0 +1,417 @@
+// Packets through the media transport: framing on the receive side, the
+// rotation over channels, the send ring under overload, the audio sort on
+// real connections, dirty data from the path, and the counters of it all.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "media_harness.h"
+#include "media_peer.h"
+#include "mediaSocket/PrivateHead.h"
+#include "peers.h"
+
+namespace {
+
+using namespace zeph_test;
+using zeph_peers::MediaPeer;
+using zeph_peers::MediaPeerBehaviour;
+using zeph_peers::MediaPeerMode;
+
+constexpr uint32_t kAudio = ZEPH_MEDIA_AUDIO;
+constexpr uint32_t kVideo = ZEPH_MEDIA_VIDEO;
+constexpr uint32_t kData = ZEPH_MEDIA_DATA;
+
+Bytes Cat(std::initializer_list<Bytes> parts)
+{
+    Bytes out;
+    for (const auto& p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+uint32_t SumOfCodes(const MediaSession& s, uint32_t type, uint32_t eventId)
+{
+    uint32_t sum = 0;
+    for (const auto& e : s.Events(type)) sum += e.eventId == eventId ? e.errorCode : 0;
+    return sum;
+}
+
+// A connected Video channel whose peer never writes, so that the bytes the
+// test hands to the receive path are all that channel ever receives.
+struct QuietChannel {
+    TcpListener quiet{TcpListener::Mode::Keep};
+    MediaSession s;
+    std::shared_ptr<MediaSocket> object;
+    int32_t sock = -1;
+
+    explicit QuietChannel(uint32_t id) : s(id)
+    {
+        EXPECT_EQ(s.Create(kVideo, 1), 0);
+        EXPECT_EQ(s.Connect(kVideo, quiet.port()), 0);
+        object = s.Object();
+        sock = s.Channel(kVideo, 0)->sock;
+    }
+    ~QuietChannel() { object.reset(); }
+    int32_t Feed(const Bytes& bytes) { return object->PutRecvBuffer(sock, bytes.data(), int32_t(bytes.size())); }
+};
+
+TEST(MediaTransportFraming, EveryCutOfTheStreamDeliversEachPacketOnceIntact)
+{
+    QuietChannel q(2101);
+    const Bytes b1 = Body(20, 1), b3 = Body(300, 3);
+    const Bytes stream =
+        Cat({Framed(2, kVideo, b1), Framed(ZEPH_MEDIA_PKT_ANNO, kVideo, {}), Framed(1, kVideo, b3)});
+    auto expectTriples = [&](size_t triples) {
+        const auto got = q.s.Received(kVideo);
+        ASSERT_EQ(got.size(), 3 * triples);
+        for (size_t i = 0; i < got.size(); i += 3) {
+            EXPECT_EQ(got[i].pktType, 2u);
+            EXPECT_EQ(got[i].body, b1);
+            EXPECT_EQ(got[i + 1].pktType, 3u);
+            EXPECT_TRUE(got[i + 1].body.empty());
+            EXPECT_EQ(got[i + 2].pktType, 1u);
+            EXPECT_EQ(got[i + 2].body, b3);
+        }
+    };
+    size_t triples = 0;
+    for (size_t cut = 1; cut < stream.size(); ++cut) {
+        ASSERT_EQ(q.Feed(Bytes(stream.begin(), stream.begin() + long(cut))), 0);
+        ASSERT_EQ(q.Feed(Bytes(stream.begin() + long(cut), stream.end())), 0);
+        ++triples;
+        ASSERT_EQ(q.s.ReceivedCount(kVideo), 3 * triples) << "cut at " << cut;
+    }
+    for (uint8_t byte : stream) q.Feed({byte});
+    expectTriples(++triples);
+    MediaStats st = q.s.Stats(kVideo);
+    EXPECT_EQ(st.recv.SuccessCount, 3 * triples);
+    EXPECT_EQ(st.dataLoss + st.readHeadErrCount + st.recv.ErrCount, 0u);
+
+    // A bare head that ends a read waits for the next read.
+    const Bytes bare = Framed(4, kVideo, {});
+    const size_t before = q.s.ReceivedCount(kVideo);
+    q.Feed(bare);
+    EXPECT_EQ(q.s.ReceivedCount(kVideo), before);
+    q.Feed(Framed(2, kVideo, b1));
+    ASSERT_EQ(q.s.ReceivedCount(kVideo), before + 2);
+    EXPECT_EQ(q.s.Received(kVideo)[before].pktType, 4u);
+}
+
+TEST(MediaTransportFraming, BadLengthAndNoiseAreSkippedToTheNextHead)
+{
+    QuietChannel q(2102);
+    // head_Len 2049 ends this read; the good packet behind the damage waits.
+    Bytes bad(kPrivateHeadSize);
+    BuildPrivateHead(2, kVideo, 0, 1, 2033, bad.data());
+    const Bytes g1 = Body(30, 1), g2 = Body(40, 2), g3 = Body(50, 3);
+    EXPECT_EQ(q.Feed(Cat({bad, Bytes(10, 0), Framed(3, kVideo, g1)})), MEDIA_SOCKET_ERRCODE_PACKET_LENGTH);
+    EXPECT_EQ(q.s.ReceivedCount(kVideo), 0u);
+    MediaStats st = q.s.Stats(kVideo);
+    EXPECT_EQ(st.recv.ErrCount, 1u);
+    EXPECT_EQ(st.recv.SignalErrCount, 1u);
+
+    EXPECT_EQ(q.Feed(Framed(3, kVideo, g2)), 0);
+    auto got = q.s.Received(kVideo);
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0].body, g1);
+    EXPECT_EQ(got[1].body, g2);
+    EXPECT_EQ(q.s.Stats(kVideo).dataLoss, 1u);
+    ASSERT_EQ(q.s.EventCount(kVideo, ZEPH_MEDIA_EVENT_DIRTY_DATA), 1u);
+    EXPECT_EQ(q.s.Events(kVideo).back().errorCode, 10u) << "the dropped bytes";
+
+    // Noise in front of a packet in one read: one run, one event, the packet.
+    Bytes noise(37);
+    for (size_t i = 0; i < noise.size(); ++i) noise[i] = uint8_t('a' + i % 26);
+    EXPECT_EQ(q.Feed(Cat({noise, Framed(3, kVideo, g3)})), 0);
+    got = q.s.Received(kVideo);
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_EQ(got[2].body, g3);
+    EXPECT_EQ(q.s.Stats(kVideo).dataLoss, 2u);
+    EXPECT_EQ(q.s.Channel(kVideo, 0)->stats.dataLoss.load(), 2u);
+    EXPECT_EQ(q.s.Events(kVideo).back().errorCode, 37u);
+    EXPECT_EQ(q.s.Channel(kVideo, 0)->reCreateChannelCount.load(), 0);
+}
+
+TEST(MediaTransportSend, RotatesOverAudioChannels)
+{
+    MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    MediaSession s(2111);
+    ASSERT_EQ(s.Create(kAudio, 4), 0);
+    ASSERT_EQ(s.Connect(kAudio, peer.port()), 0);
+    for (uint32_t i = 0; i < 12; ++i) ASSERT_EQ(s.Send(kAudio, 2, Body(30, uint8_t(i)), i), 0);
+    ASSERT_TRUE(s.WaitReceived(kAudio, 12));
+
+    // Each connection saw every fourth packet, in order.
+    std::set<uint32_t> firsts;
+    for (size_t c = 0; c < 4; ++c) {
+        const auto heads = peer.connection(c).heads;
+        ASSERT_EQ(heads.size(), 3u) << c;
+        firsts.insert(heads[0].channel);
+        for (size_t k = 0; k < heads.size(); ++k) {
+            EXPECT_EQ(heads[k].channel, heads[0].channel + 4 * k);
+            EXPECT_EQ(heads[k].pkgSeq, heads[k].channel + 1);
+        }
+    }
+    EXPECT_EQ(firsts, (std::set<uint32_t>{0, 1, 2, 3}));
+
+    std::set<Bytes> sent, echoed;
+    for (uint32_t i = 0; i < 12; ++i) sent.insert(Body(30, uint8_t(i)));
+    for (const auto& p : s.Received(kAudio)) echoed.insert(p.body);
+    EXPECT_EQ(echoed, sent);
+    // Counted on the channel and on the media type alike.
+    for (size_t c = 0; c < 4; ++c) {
+        auto ch = s.Channel(kAudio, c);
+        EXPECT_EQ(ch->stats.sendCount.load(), 3u) << c;
+        EXPECT_EQ(ch->stats.recv.Get(PacketCounters::SuccessCount), 3u) << c;
+    }
+    EXPECT_EQ(s.Stats(kAudio).sendCount, 12u);
+}
+
+TEST(MediaTransportSend, HeadsCountersAndTheClosingReport)
+{
+    MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    TcpListener raw(TcpListener::Mode::Sink);
+    MediaSession s(2121);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    ASSERT_EQ(s.Create(kData, 1), 0);
+    ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
+    ASSERT_EQ(s.Connect(kData, raw.port()), 0);
+
+    // 8 and 128 draw from one sequence counter; 7 is carried but unknown.
+    const std::vector<uint32_t> types{0, 0, 8, 128, 8, 7, 1, 2, 3, 4};
+    const std::vector<uint32_t> seqs{1, 2, 1, 2, 3, 1, 1, 1, 1, 1};
+    for (uint32_t i = 0; i < types.size(); ++i) ASSERT_EQ(s.Send(kVideo, types[i], Body(24, uint8_t(i)), 100 + i), 0);
+    ASSERT_TRUE(s.WaitReceived(kVideo, types.size()));
+    const auto heads = peer.connection(0).heads;
+    const auto got = s.Received(kVideo);
+    ASSERT_EQ(heads.size(), types.size());
+    for (uint32_t i = 0; i < types.size(); ++i) {
+        EXPECT_EQ(heads[i].pktType, types[i]);
+        EXPECT_EQ(heads[i].pkgSeq, seqs[i]) << i;
+        EXPECT_EQ(heads[i].channel, 100 + i);
+        EXPECT_EQ(heads[i].head_Len, 40);
+        EXPECT_EQ(got[i].pktType, types[i]);
+        EXPECT_EQ(got[i].mediaType, kVideo);
+        EXPECT_EQ(got[i].body, Body(24, uint8_t(i)));
+    }
+    for (const MediaPacketCounts& c : {s.Stats(kVideo).send, s.Stats(kVideo).recv}) {
+        EXPECT_EQ(c.SuccessCount, 10u);
+        EXPECT_EQ(c.RtpSuccessCount, 2u);
+        EXPECT_EQ(c.KeepaliveSuccessCount, 1u);
+        EXPECT_EQ(c.UnknowCount, 3u);
+        EXPECT_EQ(c.RtcpSuccessCount + c.SignalSuccessCount + c.AnnoSuccessCount + c.MouseSuccessCount, 4u);
+        EXPECT_EQ(c.ErrCount, 0u);
+    }
+    const MediaStats st = s.Stats(kVideo);
+    EXPECT_EQ(st.sendCount, 10u);
+    EXPECT_EQ(st.sendSuccessCount, 10u);
+    EXPECT_EQ(st.sendErrCount + st.sendLenErrorCount + st.noConnectSendCount + st.dataLoss, 0u);
+
+    // Exactly these bytes on the wire.
+    const Bytes body = Body(8, 5);
+    ASSERT_EQ(s.Send(kData, 9, body, 0x01020304), 0);
+    ASSERT_TRUE(raw.wait_received(24, 3000));
+    const std::string wire = raw.received();
+    const Bytes expected{0xFF, 0x03, 9, 4, 1, 2, 3, 4, 0, 0, 0, 1, 0, 24, 0, 0};
+    EXPECT_EQ(Bytes(wire.begin(), wire.begin() + 16), expected);
+    EXPECT_EQ(Bytes(wire.begin() + 16, wire.end()), body);
+
+    // After the close the figures live on only in the closing report.
+    ASSERT_EQ(s.Close(kVideo), 0);
+    MediaStats none{};
+    EXPECT_EQ(MORL_MediaGetStats(s.id(), kVideo, &none), MEDIA_SOCKET_ERRCODE_NO_CREATE);
+    EXPECT_TRUE(MediaLog::WaitFor({"~SocketInfo, mediaType: Video; , [RECV]: ", "SuccessCount: 10", "[SEND]: sendCount: 10"},
+                                  3000));
+}
+
+TEST(MediaTransportSend, FullRingRefusesThenFlushesBehindTheLastGoodPacket)
+{
+    MediaPeer peer(MediaPeerMode::Sink);
+    ASSERT_TRUE(peer.start());
+    MediaSession s(2131);
+    ASSERT_EQ(s.Create(kData, 1), 0);
+    ASSERT_EQ(s.Connect(kData, peer.port()), 0);
+
+    // The first flush blocks the send thread in our callback, which holds
+    // no lock of the transport: queuing must go on meanwhile.
+    std::mutex m;
+    std::condition_variable cv;
+    bool blocked = false, release = false, gaveUp = false;
+    s.OnEvent([&](uint32_t, MediaEventInfo e) {
+        if (e.eventId != ZEPH_MEDIA_EVENT_RING_FLUSHED) return;
+        std::unique_lock<std::mutex> lock(m);
+        if (blocked) return;
+        blocked = true;
+        cv.notify_all();
+        gaveUp = !cv.wait_for(lock, std::chrono::seconds(5), [&] { return release; });
+    });
+    // A body above 2032 bytes is queued, and found damaged by the send thread.
+    ASSERT_EQ(s.Send(kData, 2, Body(2100)), 0);
+    {
+        std::unique_lock<std::mutex> lock(m);
+        ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(5), [&] { return blocked; }));
+    }
+    EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kData), 0);
+    EXPECT_EQ(s.Stats(kData).readOnePktErrCount, 1u);
+
+    // A packet type outside every sequence counter carries all ones. No
+    // reader takes such a head: the send thread will pass over it.
+    ASSERT_EQ(s.Send(kData, 200, Body(8, 5), 0x01020304), 0);
+    {
+        auto info = s.Info(kData);
+        Bytes head(kPrivateHeadSize);
+        std::lock_guard<std::mutex> lock(info->mutex);
+        ASSERT_EQ(info->GetSendBuffer()->Peek(head.data(), kPrivateHeadSize), kPrivateHeadSize);
+        EXPECT_EQ(head, (Bytes{0xFF, 0x03, 200, 4, 1, 2, 3, 4, 0xFF, 0xFF, 0xFF, 0xFF, 0, 24, 0, 0}));
+    }
+    // Queued packets count at once (the damaged one too); sending counts
+    // only once sent.
+    ASSERT_EQ(s.Send(kData, ZEPH_MEDIA_PKT_KEEPALIVE, Body(20)), 0);
+    ASSERT_EQ(s.Send(kData, 7, Body(20)), 0);
+    MediaStats st = s.Stats(kData);
+    EXPECT_EQ(st.send.SuccessCount, 4u);
+    EXPECT_EQ(st.send.KeepaliveSuccessCount, 1u);
+    EXPECT_EQ(st.send.UnknowCount, 2u);
+    EXPECT_EQ(st.sendCount, 0u);
+
+    // Fill the 30720-byte ring: the packet that does not fit is refused and
+    // leaves its head and part of its body behind.
+    uint32_t queued = 2;
+    int32_t rc = 0;
+    while ((rc = s.Send(kData, 2, Body(1000, uint8_t(queued)))) == 0 && queued < 100) ++queued;
+    EXPECT_EQ(rc, MEDIA_SOCKET_ERRCODE_WRITE_BUFFER);
+    EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kData), 30720);
+    EXPECT_EQ(s.Send(kData, 2, Body(10)), MEDIA_SOCKET_ERRCODE_WRITE_BUFFER) << "not even a head fits";
+    st = s.Stats(kData);
+    EXPECT_EQ(st.send.ErrCount, 1u) << "a head that did not fit is no packet";
+    EXPECT_EQ(st.send.SuccessCount, 2 + queued);
+    EXPECT_EQ(st.send.SignalErrCount, 1u);
+
+    {
+        std::lock_guard<std::mutex> lock(m);
+        EXPECT_FALSE(gaveUp) << "queuing waited for the callback";
+        release = true;
+    }
+    cv.notify_all();
+    // What was queued in front of the damage goes out; then the ring is flushed.
+    ASSERT_TRUE(wait_until([&] { return s.EventCount(kData, ZEPH_MEDIA_EVENT_RING_FLUSHED) == 2; }, 5000));
+    for (const auto& e : s.Events(kData)) EXPECT_EQ(int32_t(e.errorCode), MEDIA_SOCKET_ERRCODE_READ_HEAD);
+    EXPECT_TRUE(wait_until([&] { return peer.packets(kData) == queued; }, 3000)) << peer.packets(kData);
+    EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kData), 0);
+    st = s.Stats(kData);
+    EXPECT_EQ(st.sendCount, queued);
+    EXPECT_EQ(st.sendSuccessCount, queued);
+    EXPECT_EQ(st.readOnePktErrCount, 2u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(peer.packets(kData), queued);
+    EXPECT_EQ(peer.connection(0).noiseBytes, 0u);
+
+    // The ring works again.
+    ASSERT_EQ(s.Send(kData, 2, Body(10)), 0);
+    EXPECT_TRUE(wait_until([&] { return peer.packets(kData) == queued + 1; }, 3000));
+}
+
+TEST(MediaTransportRecv, PerByteDeliveryAndAudioOrderAcrossChannels)
+{
+    MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    MediaPeerBehaviour dribble;
+    dribble.splitPerByte = true;
+    peer.setNextBehaviour(dribble);
+    MediaSession s(2141);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
+    const std::vector<size_t> sizes{0, 1, 15, 16, 500, 2032};
+    for (size_t i = 0; i < sizes.size(); ++i) ASSERT_EQ(s.Send(kVideo, 2, Body(sizes[i], uint8_t(i))), 0);
+    ASSERT_TRUE(s.WaitReceived(kVideo, sizes.size(), 10000));
+    auto got = s.Received(kVideo);
+    for (size_t i = 0; i < sizes.size(); ++i) EXPECT_EQ(got[i].body, Body(sizes[i], uint8_t(i))) << i;
+    EXPECT_EQ(s.Stats(kVideo).dataLoss, 0u);
+
+    // Audio RTP echoed out of order over four connections comes out sorted.
+    MediaPeer audioPeer;
+    ASSERT_TRUE(audioPeer.start());
+    ASSERT_EQ(s.Create(kAudio, 4), 0);
+    ASSERT_EQ(s.Connect(kAudio, audioPeer.port()), 0);
+    const uint32_t ssrc = 0xCAFEF00D;
+    ASSERT_EQ(s.Send(kAudio, 0, RtpBody(100, ssrc)), 0); // opens the stream
+    ASSERT_TRUE(wait_until([&] { return s.Stats(kAudio).recv.SuccessCount == 1; }, 3000));
+    EXPECT_EQ(s.ReceivedCount(kAudio), 0u);
+    ASSERT_TRUE(audioPeer.reorderAudio({3, 0, 5, 1, 4, 2}));
+    for (uint16_t seq = 101; seq <= 106; ++seq) ASSERT_EQ(s.Send(kAudio, 0, RtpBody(seq, ssrc)), 0);
+    ASSERT_TRUE(s.WaitReceived(kAudio, 6));
+    got = s.Received(kAudio);
+    for (uint16_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(got[i].pktType, 0u);
+        EXPECT_EQ(got[i].body, RtpBody(uint16_t(101 + i), ssrc)) << i;
+    }
+    size_t channelsUsed = 0;
+    for (size_t c = 0; c < 4; ++c) channelsUsed += s.Channel(kAudio, c)->stats.recv.Get(PacketCounters::SuccessCount) > 0;
+    EXPECT_GE(channelsUsed, 3u);
+}
+
+TEST(MediaTransportDirtyData, RefusalBeforeAnyPacketIsToldAndNoiseIsReported)
+{
+    MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    MediaPeerBehaviour refuse;
+    refuse.forbidden = MediaPeerBehaviour::Forbidden::BeforeEcho;
+    peer.setNextBehaviour(refuse);
+    MediaSession s(2151);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
+    ASSERT_EQ(s.Send(kVideo, 2, Body(40, 1)), 0);
+    ASSERT_TRUE(s.WaitEvent(kVideo, ZEPH_MEDIA_EVENT_REFUSED));
+    EXPECT_EQ(SumOfCodes(s, kVideo, ZEPH_MEDIA_EVENT_REFUSED), 403u);
+    ASSERT_TRUE(s.WaitReceived(kVideo, 1));
+    EXPECT_EQ(s.Received(kVideo)[0].body, Body(40, 1));
+
+    // Unknown bytes are told with their count; the channel stays as it is.
+    const uint32_t dirtyBefore = SumOfCodes(s, kVideo, ZEPH_MEDIA_EVENT_DIRTY_DATA);
+    MediaPeerBehaviour noisy;
+    noisy.noiseBytes = 100;
+    ASSERT_TRUE(peer.setBehaviour(0, noisy));
+    ASSERT_EQ(s.Send(kVideo, 2, Body(40, 2)), 0);
+    ASSERT_TRUE(s.WaitReceived(kVideo, 2));
+    EXPECT_EQ(s.Received(kVideo)[1].body, Body(40, 2));
+    EXPECT_TRUE(wait_until([&] { return SumOfCodes(s, kVideo, ZEPH_MEDIA_EVENT_DIRTY_DATA) - dirtyBefore == 100; }, 2000));
+    EXPECT_GE(s.Stats(kVideo).dataLoss, 2u);
+    EXPECT_EQ(s.EventCount(kVideo, ZEPH_MEDIA_EVENT_REFUSED), 1u);
+    EXPECT_EQ(peer.accepted(), 1u);
+    EXPECT_EQ(s.Channel(kVideo, 0)->reCreateChannelCount.load(), 0);
+}
+
+TEST(MediaTransportDirtyData, RefusalAfterTrafficRepairsTheChannelSilently)
+{
+    MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    MediaSession s(2161);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
+    ASSERT_EQ(s.Send(kVideo, 2, Body(40, 1)), 0);
+    ASSERT_TRUE(s.WaitReceived(kVideo, 1));
+
+    MediaPeerBehaviour refuse;
+    refuse.forbidden = MediaPeerBehaviour::Forbidden::BeforeEcho;
+    ASSERT_TRUE(peer.setBehaviour(0, refuse));
+    ASSERT_EQ(s.Send(kVideo, 2, Body(40, 2)), 0);
+    ASSERT_TRUE(wait_until([&] { return peer.accepted() == 2; }, 3000));
+    ASSERT_TRUE(wait_until([&] { return s.Channel(kVideo, 0)->state == 2; }, 3000));
+    ASSERT_EQ(s.Send(kVideo, 2, Body(40, 3)), 0);
+    ASSERT_TRUE(wait_until(
+        [&] {
+            const auto got = s.Received(kVideo);
+            return !got.empty() && got.back().body == Body(40, 3);
+        },
+        3000));
+    EXPECT_EQ(s.EventCount(kVideo, ZEPH_MEDIA_EVENT_REFUSED), 0u);
+    EXPECT_EQ(s.Channel(kVideo, 0)->reCreateChannelCount.load(), 1);
+    EXPECT_EQ(s.Info(kVideo)->reCreateChannelCount.load(), 1);
+}
+
+} // namespace
