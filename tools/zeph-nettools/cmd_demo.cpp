@@ -7,15 +7,21 @@
 //   2. single net detections over udp, tcp, a refusing tcp port and icmp;
 //   3. the three-port detection and 4. the seven-measurement plan, which use
 //      fixed ports (10002, 443, 1124), on loopback addresses of their own
-//      (127.0.0.201-202 and 127.0.0.211-216).
+//      (127.0.0.201-202 and 127.0.0.211-216);
+//   5. a media session against an echoing media peer: audio over four
+//      channels at 50 packets/s and video over one at 30 packets/s.
 // What needs privileges (raw ICMP sockets, ports below 1024) is skipped with
 // a one-line reason when they are missing.
 #include <map>
 #include <memory>
 
+#include <zeph_nettools/media_socket.h>
+
 #include "cli_common.h"
+#include "cmd_media.h"
 #include "commands.h"
 #include "demo_peers.h"
+#include "media_peer.h"
 
 namespace cli {
 namespace {
@@ -27,8 +33,10 @@ const char kDemoHelp[] =
     "port) and runs against them: an any-port detection, single net detections\n"
     "(udp, tcp, icmp) and, when the fixed ports 10002, 443 and 1124 can be bound\n"
     "on 127.0.0.201-216 (root), the three-port detection and the plan of seven\n"
-    "measurements. ICMP needs raw sockets (root or CAP_NET_RAW). What cannot run\n"
-    "is skipped with a one-line reason. Takes about 10 seconds.\n"
+    "measurements; last, a media session against an echoing media peer (audio\n"
+    "over 4 channels, video over 1, 3 seconds). ICMP needs raw sockets (root or\n"
+    "CAP_NET_RAW). What cannot run is skipped with a one-line reason. Takes\n"
+    "about 15 seconds.\n"
     "\n"
     "  --json        one JSON object per result on stdout (reasons for skips\n"
     "                then go to stderr)\n"
@@ -69,6 +77,7 @@ private:
     bool single_net();
     bool three_port();
     bool plan();
+    bool media();
 
     const CommonOptions& m_opt;
     bool m_icmp = false;
@@ -77,6 +86,7 @@ private:
     zeph_peers::StunResponder m_stun;
     zeph_peers::TcpAcceptor m_tcp;
     zeph_peers::ClosedTcpPort m_closed;
+    zeph_peers::MediaPeer m_media{zeph_peers::MediaPeerMode::Echo};
     std::vector<std::unique_ptr<zeph_peers::StunResponder>> m_fixed_stun;
     std::vector<std::unique_ptr<zeph_peers::TcpAcceptor>> m_fixed_tcp;
 };
@@ -230,6 +240,24 @@ bool Demo::plan() {
     return true;
 }
 
+bool Demo::media() {
+    title("media session (audio over 4 channels, video over 1, echoed)");
+    std::string error;
+    if (!m_media.start("127.0.0.1", 0, &error)) return fail("cannot start the media peer: " + error);
+    MediaPlan plan;
+    plan.session = MORL_MediaGetFirstSessionId();
+    plan.host = "127.0.0.1";
+    plan.port = m_media.port();
+    plan.streams = {{ZEPH_MEDIA_AUDIO, 4, 50}, {ZEPH_MEDIA_VIDEO, 1, 30}};
+    plan.size = 200;
+    plan.duration = 3;
+    if (run_media_session("demo", plan, m_opt.json, "media") != kExitOk) {
+        m_failed = true;
+        return false;
+    }
+    return true;
+}
+
 int Demo::run() {
     std::string error;
     if (!m_stun.start("127.0.0.1", 0, &error) || !m_tcp.start("127.0.0.1", 0, &error) ||
@@ -244,6 +272,7 @@ int Demo::run() {
     single_net();
     three_port();
     plan();
+    media();
     return m_failed ? kExitNotStarted : kExitOk;
 }
 
@@ -265,6 +294,7 @@ int cmd_demo(int argc, char** argv) {
     }
     std::string problem = apply_common(opt);
     if (!problem.empty()) return usage_error("demo", problem);
+    set_media_log(opt.verbose);
     Demo demo(opt);
     return demo.run();
 }

@@ -7,5 +7,6 @@ namespace cli {
 int cmd_port(int argc, char** argv);
 int cmd_net(int argc, char** argv);
 int cmd_demo(int argc, char** argv);
+int cmd_media(int argc, char** argv);
 
 } // namespace cli

@@ -1,5 +1,6 @@
-// zeph-nettools: runs the library's port and net detections from the
-// command line, and a demo against peers it starts itself on loopback.
+// zeph-nettools: runs the library's port and net detections and a media
+// session from the command line, and a demo against peers it starts itself
+// on loopback.
 //
 // Results arrive through callbacks on library threads; they are handed to
 // main through an inbox (mutex + condition variable) and printed there.
@@ -20,17 +21,18 @@ const char kHelp[] =
     "commands:\n"
     "  port   which targets can be reached (any-port or three-port detection)\n"
     "  net    delay, loss and quality class of one target or of a server plan\n"
-    "  demo   runs the detections against peers started on loopback\n"
+    "  media  a media session: streams packets to a server, tells what came back\n"
+    "  demo   runs the detections and a media session against peers on loopback\n"
     "\n"
     "`zeph-nettools <command> --help` tells more. Common options: --json (one\n"
     "JSON object per result on stdout), -v / -vv (the library's log lines on\n"
     "stderr, hidden by default).\n"
-    "Exit status: 0 done, 1 a detection could not start, 2 bad arguments.\n";
+    "Exit status: 0 done, 1 a detection or session could not start, 2 bad arguments.\n";
 
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) return cli::usage_error("", "missing command (port, net, demo)");
+    if (argc < 2) return cli::usage_error("", "missing command (port, net, media, demo)");
     const std::string cmd = argv[1];
     if (cmd == "-h" || cmd == "--help" || cmd == "help") {
         cli::out(kHelp);
@@ -38,6 +40,7 @@ int main(int argc, char** argv) {
     }
     if (cmd == "port") return cli::cmd_port(argc - 2, argv + 2);
     if (cmd == "net") return cli::cmd_net(argc - 2, argv + 2);
+    if (cmd == "media") return cli::cmd_media(argc - 2, argv + 2);
     if (cmd == "demo") return cli::cmd_demo(argc - 2, argv + 2);
     return cli::usage_error("", "unknown command '" + cmd + "'");
 }

@@ -1,0 +1,293 @@
+// `zeph-nettools media` run as a process against a media peer on loopback:
+// what it reports must agree with what the peer saw, and failures must come
+// out as the documented exit codes. JSON lines are parsed by python3's json
+// module, not by our own code.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <zeph_nettools/media_socket.h>
+
+#include <algorithm>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "media_peer.h"
+#include "peers.h"
+
+using zeph_peers::MediaPeer;
+using zeph_peers::MediaPeerBehaviour;
+using zeph_peers::MediaPeerMode;
+using zeph_test::Process;
+
+namespace {
+
+struct ToolRun {
+    int status = -1;
+    bool exited = false;
+    std::string out, err;
+    uint64_t ms = 0;
+    int code() const { return exited && WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
+    std::string what() const { return "status " + std::to_string(code()) + "\nstdout:\n" + out + "stderr:\n" + err; }
+};
+
+ToolRun run_media(const std::vector<std::string>& args, int timeout_ms = 20000) {
+    ToolRun r;
+    Process p;
+    std::vector<std::string> argv = {zeph_test::tool_path("zeph-nettools"), "media"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    const uint64_t t0 = zeph_test::now_ms();
+    if (!p.start(argv)) {
+        ADD_FAILURE() << p.error();
+        return r;
+    }
+    r.exited = zeph_test::wait_until([&] { return !p.running(); }, timeout_ms, 5);
+    r.ms = zeph_test::now_ms() - t0;
+    r.status = p.stop();
+    r.out = p.stdout_text();
+    r.err = p.stderr_text();
+    return r;
+}
+
+// Every stdout line as JSON, flattened to "LINE:path.to.key" -> value as JSON
+// text ("1", "\"Audio\"", "null").
+std::map<std::string, std::string> parse_json_lines(const std::string& text) {
+    zeph_test::TempDir dir;
+    dir.write("lines", text);
+    dir.write("flat.py",
+              "import json, sys\n"
+              "def flat(n, path, v):\n"
+              "    if isinstance(v, dict):\n"
+              "        for k in v: flat(n, path + [k], v[k])\n"
+              "    elif isinstance(v, list):\n"
+              "        for i, x in enumerate(v): flat(n, path + [str(i)], x)\n"
+              "    else: print('%d:%s=%s' % (n, '.'.join(path), json.dumps(v)))\n"
+              "for n, line in enumerate(open(sys.argv[1])):\n"
+              "    flat(n, [], json.loads(line))\n");
+    Process py;
+    std::map<std::string, std::string> m;
+    if (!py.start({"python3", dir.file("flat.py"), dir.file("lines")})) {
+        ADD_FAILURE() << py.error();
+        return m;
+    }
+    zeph_test::wait_until([&] { return !py.running(); }, 10000);
+    const int st = py.stop();
+    if (!WIFEXITED(st) || WEXITSTATUS(st) != 0) {
+        ADD_FAILURE() << "not JSON lines:\n" << text << py.stderr_text();
+        return m;
+    }
+    std::istringstream in(py.stdout_text());
+    for (std::string line; std::getline(in, line);) {
+        const auto eq = line.find('=');
+        if (eq != std::string::npos) m[line.substr(0, eq)] = line.substr(eq + 1);
+    }
+    return m;
+}
+
+std::string at(const std::map<std::string, std::string>& m, const std::string& key) {
+    auto it = m.find(key);
+    return it == m.end() ? "<missing " + key + ">" : it->second;
+}
+
+double number(const std::map<std::string, std::string>& m, const std::string& key) {
+    const std::string v = at(m, key);
+    try {
+        return std::stod(v);
+    } catch (...) {
+        ADD_FAILURE() << key << " is " << v;
+        return -1;
+    }
+}
+
+// The (eventId, errorCode) pairs of one JSON line.
+std::vector<std::pair<int, int>> events_of(const std::map<std::string, std::string>& m, int line) {
+    std::vector<std::pair<int, int>> ev;
+    for (int i = 0;; ++i) {
+        const std::string k = std::to_string(line) + ":events." + std::to_string(i);
+        if (!m.count(k + ".id")) return ev;
+        ev.emplace_back(std::stoi(m.at(k + ".id")), std::stoi(m.at(k + ".code")));
+    }
+}
+
+std::string server(const MediaPeer& peer) { return "127.0.0.1:" + std::to_string(peer.port()); }
+
+// The data row of the table that starts with the media type's name.
+std::vector<std::string> table_row(const std::string& out, const std::string& name) {
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream words(line);
+        std::vector<std::string> w;
+        for (std::string x; words >> x;) w.push_back(x);
+        if (!w.empty() && w[0] == name && w.size() >= 13) return w;
+    }
+    return {};
+}
+
+} // namespace
+
+// Full-size bodies on audio (four channels, through the receive sort) and
+// video: every packet reaches the peer once, comes back intact and in order,
+// and the tool's figures agree with the transport's counters and the peer's.
+TEST(CliMedia, EchoPeerReturnsEveryPacketIntactAndTheFiguresAgree) {
+    MediaPeer peer(MediaPeerMode::Echo);
+    ASSERT_TRUE(peer.start());
+    ToolRun r = run_media(
+        {"--server", server(peer), "--types", "audio,video", "--rate", "100", "--duration", "1", "--size", "2032", "--json"});
+    ASSERT_EQ(r.code(), 0) << r.what();
+    auto j = parse_json_lines(r.out);
+    ASSERT_EQ(at(j, "0:media_name"), "\"Audio\"") << r.out;
+    ASSERT_EQ(at(j, "1:media_name"), "\"Video\"") << r.out;
+    EXPECT_EQ(at(j, "0:channels"), "4");
+    EXPECT_EQ(at(j, "1:channels"), "1");
+    for (int line : {0, 1}) {
+        const std::string l = std::to_string(line) + ":";
+        EXPECT_EQ(at(j, l + "sent"), "100") << r.out;
+        EXPECT_EQ(at(j, l + "accepted"), "100") << r.out;
+        EXPECT_EQ(at(j, l + "refused"), "0") << r.out;
+        EXPECT_EQ(at(j, l + "corrupt"), "0") << r.out;
+        EXPECT_EQ(at(j, l + "reordered"), "0") << r.out;
+        EXPECT_EQ(at(j, l + "bytes_sent"), "203200") << r.out;
+        EXPECT_EQ(at(j, l + "stats_result"), "0") << r.out;
+        EXPECT_EQ(at(j, l + "stats.send.SuccessCount"), "100") << r.out;
+        EXPECT_EQ(at(j, l + "stats.send.RtpSuccessCount"), "100") << r.out;
+        EXPECT_EQ(at(j, l + "stats.sendCount"), "100") << r.out;
+        EXPECT_EQ(at(j, l + "stats.sendSuccessCount"), "100") << r.out;
+        // The transport counts the audio packet that only opens the sort.
+        EXPECT_EQ(at(j, l + "stats.recv.SuccessCount"), "100") << r.out;
+        EXPECT_EQ(at(j, l + "stats.dataLoss"), "0") << r.out;
+        EXPECT_TRUE(events_of(j, line).empty()) << r.out;
+        EXPECT_GT(number(j, l + "rtt_p50_ms"), 0.0) << r.out;
+        EXPECT_GE(number(j, l + "rtt_p99_ms"), number(j, l + "rtt_p50_ms")) << r.out;
+    }
+    EXPECT_EQ(at(j, "0:received"), "99") << "the first audio RTP packet only opens the sort\n" << r.out;
+    EXPECT_EQ(at(j, "1:received"), "100") << r.out;
+    EXPECT_EQ(peer.packets(ZEPH_MEDIA_AUDIO), 100u);
+    EXPECT_EQ(peer.packets(ZEPH_MEDIA_VIDEO), 100u);
+    EXPECT_EQ(peer.accepted(), 5u) << "four audio channels and one video channel";
+
+    // The table says the same; the session id is the one asked for.
+    ToolRun t = run_media({"--server", server(peer), "--session", "7", "--types", "video", "--rate", "50", "--duration",
+                           "0.4"});
+    ASSERT_EQ(t.code(), 0) << t.what();
+    EXPECT_NE(t.out.find("media session 7 with " + server(peer)), std::string::npos) << t.out;
+    auto row = table_row(t.out, "Video");
+    ASSERT_FALSE(row.empty()) << t.out;
+    // type chan rate sent accepted refused received corrupt reordered ...
+    EXPECT_EQ(row[1], "1") << t.out;
+    EXPECT_EQ(row[3], "20") << t.out;
+    EXPECT_EQ(row[4], "20") << t.out;
+    EXPECT_EQ(row[5], "0") << t.out;
+    EXPECT_EQ(row[6], "20") << t.out;
+    EXPECT_EQ(row[7], "0") << t.out;
+    EXPECT_NE(t.out.find("events: none"), std::string::npos) << t.out;
+    EXPECT_NE(t.out.find("sent 20, failed 0"), std::string::npos) << t.out;
+}
+
+// A sink sends nothing back: the tool says so and does not sit out its whole
+// wait for echoes. The packet type reaches the wire as given.
+TEST(CliMedia, SinkPeerGetsEverythingAndTheToolDoesNotWaitForEchoes) {
+    MediaPeer peer(MediaPeerMode::Sink);
+    ASSERT_TRUE(peer.start());
+    ToolRun r = run_media({"--server", server(peer), "--types", "video,data", "--rate", "200", "--duration", "0.5",
+                           "--pkt-type", "2", "--size", "24", "--json"});
+    ASSERT_EQ(r.code(), 0) << r.what();
+    auto j = parse_json_lines(r.out);
+    EXPECT_EQ(at(j, "1:media_name"), "\"DATA\"") << r.out;
+    for (int line : {0, 1}) {
+        const std::string l = std::to_string(line) + ":";
+        EXPECT_EQ(at(j, l + "accepted"), "100") << r.out;
+        EXPECT_EQ(at(j, l + "received"), "0") << r.out;
+        EXPECT_EQ(at(j, l + "rtt_p50_ms"), "null") << r.out;
+        EXPECT_EQ(at(j, l + "stats.send.SignalSuccessCount"), "100") << r.out;
+    }
+    EXPECT_TRUE(zeph_test::wait_until([&] { return peer.totalPackets() == 200; }, 2000)) << peer.totalPackets();
+    const auto c = peer.connection(0);
+    ASSERT_FALSE(c.heads.empty());
+    EXPECT_EQ(c.heads[0].pktType, 2);
+    EXPECT_EQ(c.heads[0].head_Len, 16 + 24);
+    // Connects, 0.5 s of sending, 0.5 s of silence: far below the 3 s that
+    // an echo would be awaited.
+    EXPECT_LT(r.ms, 2500u) << r.what();
+}
+
+// A 403 page where the echo should be: the session tells it as event 4 with
+// code 403 on that media type, and goes on.
+TEST(CliMedia, ForbiddenPageShowsAsAnEventOfItsMediaType) {
+    MediaPeer peer(MediaPeerMode::Echo);
+    ASSERT_TRUE(peer.start());
+    MediaPeerBehaviour forbidden;
+    forbidden.forbidden = MediaPeerBehaviour::Forbidden::InsteadOfEcho;
+    peer.setNextBehaviour(forbidden);
+    ToolRun r = run_media({"--server", server(peer), "--types", "video", "--rate", "50", "--duration", "1", "--json"});
+    ASSERT_EQ(r.code(), 0) << r.what();
+    auto j = parse_json_lines(r.out);
+    const auto ev = events_of(j, 0);
+    EXPECT_NE(std::find(ev.begin(), ev.end(), std::make_pair(4, 403)), ev.end()) << r.out;
+    EXPECT_EQ(at(j, "0:corrupt"), "0") << r.out;
+}
+
+TEST(CliMedia, ProxyCredentialsDecideWhetherTheChannelsConnect) {
+    MediaPeer peer(MediaPeerMode::Echo);
+    ASSERT_TRUE(peer.start());
+    zeph_test::TinyProxy proxy;
+    ASSERT_TRUE(proxy.start({peer.port()}, "zeph", "s3cret"));
+    const std::string at_proxy = "127.0.0.1:" + std::to_string(proxy.port());
+    ToolRun good = run_media({"--server", server(peer), "--types", "video", "--rate", "50", "--duration", "0.3",
+                              "--proxy", at_proxy, "--proxy-user", "zeph", "--proxy-pass", "s3cret", "--json"});
+    ASSERT_EQ(good.code(), 0) << good.what();
+    auto j = parse_json_lines(good.out);
+    EXPECT_EQ(at(j, "0:received"), at(j, "0:accepted")) << good.out;
+    EXPECT_EQ(peer.accepted(), 1u);
+
+    ToolRun none = run_media({"--server", server(peer), "--proxy", at_proxy});
+    EXPECT_EQ(none.code(), 1) << none.what();
+    EXPECT_NE(none.err.find("MEDIA_SOCKET_ERRCODE_PROXY_AUTH (-992)"), std::string::npos) << none.what();
+    EXPECT_TRUE(none.out.empty()) << none.what();
+}
+
+TEST(CliMedia, BadArgumentsExitTwoAndAnUnreachableServerExitsOne) {
+    const std::string ok = "127.0.0.1:" + std::to_string(zeph_test::closed_tcp_port());
+    const std::vector<std::vector<std::string>> bad = {
+        {},
+        {"--server"},
+        {"--server", "127.0.0.1"},
+        {"--server", "127.0.0.1:0"},
+        {"--server", "127.0.0.1:65536"},
+        {"--server", ok, "--types", "audio,radio"},
+        {"--server", ok, "--types", ""},
+        {"--server", ok, "--channels", "0"},
+        {"--server", ok, "--channels", "5"},
+        {"--server", ok, "--size", "23"},
+        {"--server", ok, "--size", "2033"},
+        {"--server", ok, "--rate", "0"},
+        {"--server", ok, "--rate", "1e3"},
+        {"--server", ok, "--duration", "0"},
+        {"--server", ok, "--duration", "nan"},
+        {"--server", ok, "--pkt-type", "256"},
+        {"--server", ok, "--session", "0"},
+        {"--server", ok, "--session", "4294967296"},
+        {"--server", ok, "--proxy-user", "u"},
+        {"--server", ok, "--proxy-user", "u", "--proxy-pass", "p"},
+        {"--server", ok, "--proxy", "127.0.0.1:3128,a:b", "--proxy-user", "u", "--proxy-pass", "p"},
+        {"--server", ok, "--frobnicate"},
+        {"--server", ok, "stray"},
+    };
+    for (const auto& args : bad) {
+        ToolRun r = run_media(args, 5000);
+        std::string cmd;
+        for (auto& a : args) cmd += " " + a;
+        EXPECT_EQ(r.code(), 2) << cmd << "\n" << r.what();
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << cmd << "\n" << r.what();
+        EXPECT_TRUE(r.out.empty()) << cmd << "\n" << r.what();
+    }
+    ToolRun help = run_media({"--help"}, 5000);
+    EXPECT_EQ(help.code(), 0) << help.what();
+    EXPECT_EQ(help.out.rfind("usage: zeph-nettools media", 0), 0u) << help.out;
+
+    ToolRun down = run_media({"--server", ok, "--types", "video,audio"});
+    EXPECT_EQ(down.code(), 1) << down.what();
+    EXPECT_NE(down.err.find("cannot connect Video to " + ok + ": MEDIA_SOCKET_ERRCODE_"), std::string::npos)
+        << down.what();
+    EXPECT_TRUE(down.out.empty()) << down.what();
+}
