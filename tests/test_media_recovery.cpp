@@ -1,8 +1,15 @@
 // Self-repair of the media transport: lost channels come back within the
 // limits of rate, a media type with every socket closed is rebuilt by the
-// next send, and a channel that cannot come back leaves the others working.
+// next send, a channel that cannot come back leaves the others working, and
+// a peer that stops reading or goes away costs neither sockets nor callers.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <set>
 #include <thread>
@@ -158,9 +165,114 @@ TEST(MediaRecovery, ChannelThatCannotConnectLeavesTrafficOnTheOthers)
     }
     EXPECT_EQ(seen.size(), 9u);
     EXPECT_EQ(s.Channel(kAudio, failed)->reCreateChannelCount.load(), 1) << "one attempt, then the time limit";
+    EXPECT_EQ(MediaLog::Count({"MediaCreateChannelOfSockChan! session id: 3121", "eventId: 1",
+                               "errorCode: " + std::to_string(MEDIA_SOCKET_ERRCODE_CHANNEL_DOWN)}),
+              1)
+        << "the send path found the channel down";
     EXPECT_EQ(s.Channel(kAudio, failed)->state.load(), 0u);
     EXPECT_EQ(s.Stats(kAudio).sendCount, 9u);
     EXPECT_EQ(s.EventCount(kAudio, ZEPH_MEDIA_EVENT_CHANNEL_LOST), 0u);
+}
+
+// Descriptors of this process connected to 127.0.0.1:port.
+size_t SocketsTo(uint16_t port)
+{
+    size_t n = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int fd = std::atoi(entry.path().filename().c_str());
+        sockaddr_in peer{};
+        socklen_t len = sizeof peer;
+        if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &len) == 0 && peer.sin_family == AF_INET &&
+            ntohs(peer.sin_port) == port && ntohl(peer.sin_addr.s_addr) == INADDR_LOOPBACK) {
+            ++n;
+        }
+    }
+    return n;
+}
+
+TEST(MediaRecovery, PeerThatStopsReadingGetsItsChannelReplacedAndNoSocketLeaks)
+{
+    BacklogListener stuck(4);
+    ASSERT_NE(stuck.port(), 0);
+    {
+        MediaSession s(3141);
+        ASSERT_EQ(s.Create(kVideo, 1), 0);
+        ASSERT_EQ(s.Connect(kVideo, stuck.port()), 0);
+        ASSERT_EQ(stuck.AcceptAll(), 1u);
+
+        // Nobody reads: once the kernel's buffers are full a send would block,
+        // and the channel is replaced by a new connection.
+        size_t accepted = 0;
+        size_t refused = 0;
+        const bool replaced = wait_until(
+            [&] {
+                for (int i = 0; i < 64; ++i) {
+                    const int32_t rc = s.Send(kVideo, 2, Body(1200, uint8_t(i)));
+                    if (rc == 0) {
+                        ++accepted;
+                    } else {
+                        // The ring is full, or the only socket is being replaced.
+                        EXPECT_TRUE(rc == MEDIA_SOCKET_ERRCODE_WRITE_BUFFER || rc == MEDIA_SOCKET_ERRCODE_NOT_CONNECTED ||
+                                    rc == MEDIA_SOCKET_ERRCODE_NO_SOCKET)
+                            << rc;
+                        ++refused;
+                    }
+                }
+                return s.Channel(kVideo, 0)->reCreateChannelCount.load() == 1;
+            },
+            10000, 1);
+        ASSERT_TRUE(replaced) << accepted << " accepted, " << refused << " refused";
+        const MediaStats stats = s.Stats(kVideo);
+        EXPECT_GE(stats.sendErrCount + stats.sendLenErrorCount, 1u);
+        EXPECT_EQ(MediaLog::Count({"MediaCreateChannelOfSockChan! session id: 3141", "eventId: 2",
+                                   "errorCode: " + std::to_string(MEDIA_SOCKET_ERRCODE_WOULD_BLOCK)}),
+                  1);
+        EXPECT_TRUE(wait_until([&] { return s.Channel(kVideo, 0)->state == 2; }, 3000));
+        EXPECT_TRUE(wait_until([&] { return SocketsTo(stuck.port()) == 1; }, 3000)) << "the stuck socket is let go";
+        EXPECT_GT(accepted, 0u);
+        EXPECT_EQ(s.EventCount(kVideo, ZEPH_MEDIA_EVENT_SEND_FAILED), 0u) << "repaired inside, never told";
+    }
+    // Closed: every socket the session opened is released, the replaced one too.
+    EXPECT_TRUE(wait_until([&] { return SocketsTo(stuck.port()) == 0; }, 10000))
+        << SocketsTo(stuck.port()) << " sockets still open to the peer";
+}
+
+TEST(MediaRecovery, SendsIntoAConnectionThePeerClosedFailUntilTheRepairIsAllowed)
+{
+    MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    MediaSession s(3151);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
+    ASSERT_EQ(s.Send(kVideo, 2, Body(40, 0)), 0);
+    ASSERT_TRUE(WaitBody(s, kVideo, Body(40, 0)));
+
+    // A first repair, so that the next one must wait five seconds.
+    ASSERT_TRUE(peer.closeNow(0));
+    ASSERT_TRUE(wait_until([&] { return peer.accepted() == 2 && s.Channel(kVideo, 0)->state == 2; }, 3000));
+    ASSERT_EQ(s.Send(kVideo, 2, Body(40, 1)), 0);
+    ASSERT_TRUE(WaitBody(s, kVideo, Body(40, 1)));
+
+    // The peer goes away again. Until the repair is allowed the packets go
+    // to a connection the peer has closed: the kernel refuses them after its
+    // reset, and the caller still hears nothing.
+    ASSERT_TRUE(peer.closeNow(1));
+    EXPECT_TRUE(wait_until(
+        [&] {
+            EXPECT_EQ(s.Send(kVideo, 2, Body(40, 2)), 0);
+            return s.Stats(kVideo).sendErrCount >= 2;
+        },
+        3000, 20));
+    EXPECT_TRUE(MediaLog::WaitFor({"send data EWOULDBLOCK error! session id: 3151",
+                                   "ret: " + std::to_string(MEDIA_SOCKET_ERRCODE_NOT_CONNECTED)},
+                                  1000));
+    EXPECT_EQ(peer.accepted(), 2u);
+
+    // Then the channel comes back and carries packets again.
+    ASSERT_TRUE(wait_until([&] { return peer.accepted() == 3 && s.Channel(kVideo, 0)->state == 2; }, 8000));
+    ASSERT_EQ(s.Send(kVideo, 2, Body(40, 3)), 0);
+    EXPECT_TRUE(WaitBody(s, kVideo, Body(40, 3)));
+    EXPECT_TRUE(s.Events(kVideo).empty());
 }
 
 TEST(MediaRecovery, WithoutCallbacksPacketsAreDroppedAndRepairsStillHappen)

@@ -133,6 +133,12 @@ TEST(MediaTransportFraming, BadLengthAndNoiseAreSkippedToTheNextHead)
     EXPECT_EQ(q.s.Channel(kVideo, 0)->stats.dataLoss.load(), 2u);
     EXPECT_EQ(q.s.Events(kVideo).back().errorCode, 37u);
     EXPECT_EQ(q.s.Channel(kVideo, 0)->reCreateChannelCount.load(), 0);
+
+    // Bytes of a socket that is no channel's (one closed between poll and read).
+    const Bytes stray = Framed(3, kVideo, g1);
+    EXPECT_EQ(q.object->PutRecvBuffer(q.sock + 1000, stray.data(), int32_t(stray.size())),
+              MEDIA_SOCKET_ERRCODE_NOT_FOUND_SOCKET);
+    EXPECT_EQ(q.s.ReceivedCount(kVideo), 3u);
 }
 
 TEST(MediaTransportSend, RotatesOverAudioChannels)
