@@ -275,6 +275,41 @@ TEST(MediaRecovery, SendsIntoAConnectionThePeerClosedFailUntilTheRepairIsAllowed
     EXPECT_TRUE(s.Events(kVideo).empty());
 }
 
+TEST(MediaRecovery, ChannelRepairedAThousandTimesIsClosedForGood)
+{
+    MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    MediaSession s(3161);
+    ASSERT_EQ(s.Create(kAudio, 2), 0);
+    ASSERT_EQ(s.Connect(kAudio, peer.port()), 0);
+    for (uint32_t i = 0; i < 4; ++i) ASSERT_EQ(s.Send(kAudio, 2, Body(30, uint8_t(i)), i), 0);
+    ASSERT_TRUE(s.WaitReceived(kAudio, 4));
+
+    // Both channels have used up their repairs; the server drops one of them.
+    for (size_t c = 0; c < 2; ++c) s.Channel(kAudio, c)->reCreateChannelCount = 1000;
+    ASSERT_TRUE(peer.closeNow(0));
+    size_t lost = 2;
+    ASSERT_TRUE(wait_until(
+        [&] {
+            for (size_t c = 0; c < 2; ++c)
+                if (s.Channel(kAudio, c)->state == 0 && s.Channel(kAudio, c)->sock == -1) lost = c;
+            return lost < 2;
+        },
+        3000));
+    const size_t alive = 1 - lost;
+    EXPECT_EQ(s.Channel(kAudio, alive)->state.load(), 2u);
+    EXPECT_TRUE(MediaLog::WaitFor({"close socket start. session id: 3161"}, 1000));
+
+    // Out of the rotation from now on: everything goes over the other channel.
+    for (uint32_t i = 4; i < 10; ++i) ASSERT_EQ(s.Send(kAudio, 2, Body(30, uint8_t(i)), i), 0);
+    ASSERT_TRUE(s.WaitReceived(kAudio, 10));
+    EXPECT_EQ(peer.accepted(), 2u) << "no connect was tried";
+    EXPECT_EQ(s.Channel(kAudio, lost)->state.load(), 0u);
+    EXPECT_EQ(s.Channel(kAudio, lost)->reCreateChannelCount.load(), 1000);
+    EXPECT_EQ(s.Channel(kAudio, alive)->stats.sendCount.load(), 2u + 6u);
+    EXPECT_TRUE(s.Events(kAudio).empty());
+}
+
 TEST(MediaRecovery, WithoutCallbacksPacketsAreDroppedAndRepairsStillHappen)
 {
     MediaPeer peer;

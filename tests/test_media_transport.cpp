@@ -322,6 +322,54 @@ TEST(MediaTransportSend, FullRingRefusesThenFlushesBehindTheLastGoodPacket)
     EXPECT_TRUE(wait_until([&] { return peer.packets(kData) == queued + 1; }, 3000));
 }
 
+TEST(MediaTransportSend, ReconnectDropsWhatWasQueuedForTheOldConnectionAndSaysSo)
+{
+    MediaPeer peer(MediaPeerMode::Sink);
+    ASSERT_TRUE(peer.start());
+    MediaSession s(2171);
+    ASSERT_EQ(s.Create(kData, 1), 0);
+    ASSERT_EQ(s.Connect(kData, peer.port()), 0);
+
+    // Hold the send thread in a callback so that packets stay queued.
+    std::mutex m;
+    std::condition_variable cv;
+    bool held = false, release = false;
+    s.OnEvent([&](uint32_t, MediaEventInfo e) {
+        if (e.eventId != ZEPH_MEDIA_EVENT_RING_FLUSHED || int32_t(e.errorCode) != MEDIA_SOCKET_ERRCODE_READ_HEAD) return;
+        std::unique_lock<std::mutex> lock(m);
+        held = true;
+        cv.notify_all();
+        cv.wait_for(lock, std::chrono::seconds(5), [&] { return release; });
+    });
+    ASSERT_EQ(s.Send(kData, 2, Body(2100)), 0);
+    {
+        std::unique_lock<std::mutex> lock(m);
+        ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(5), [&] { return held; }));
+    }
+    for (uint8_t i = 0; i < 3; ++i) ASSERT_EQ(s.Send(kData, 2, Body(100, i)), 0);
+    ASSERT_EQ(MORL_MediaGetChannelBufSize(s.id(), kData), 3 * 116);
+
+    // New connections: what was meant for the old one is dropped, and the
+    // caller is told so on its own thread, before the call returns.
+    ASSERT_EQ(MORL_MediaReCreateChannel(s.id(), kData), 0);
+    EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kData), 0);
+    ASSERT_EQ(s.EventCount(kData, ZEPH_MEDIA_EVENT_RING_FLUSHED), 2u);
+    EXPECT_EQ(s.Events(kData).back().errorCode, 0u);
+    {
+        std::lock_guard<std::mutex> lock(m);
+        release = true;
+    }
+    cv.notify_all();
+
+    ASSERT_EQ(s.Send(kData, 2, Body(100, 9)), 0);
+    ASSERT_TRUE(wait_until([&] { return peer.packets(kData) == 1; }, 3000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(peer.packets(kData), 1u) << "nothing stale was sent";
+    ASSERT_EQ(peer.accepted(), 2u);
+    EXPECT_EQ(peer.connection(0).packets, 0u);
+    EXPECT_EQ(peer.connection(1).packets, 1u);
+}
+
 TEST(MediaTransportRecv, PerByteDeliveryAndAudioOrderAcrossChannels)
 {
     MediaPeer peer;

@@ -168,7 +168,9 @@ ZEPH_API int32_t MORL_MediaCloseSocket(uint32_t sessionId, uint32_t mediaType);
 /* Connects every channel of the media type to serverAddr:port (dotted IPv4),
  * in parallel, directly or through the HTTP proxy of settings.h. Blocks for
  * the connect, 2 s at most per channel beyond the proxy's own time. 0 when at
- * least one channel is up. `domain` may be null or empty. */
+ * least one channel is up. `domain` may be null or empty. Channels already
+ * connected stay on their connections, whatever the address: to move a media
+ * type to another server, close it and create it again. */
 ZEPH_API int32_t MORL_MediaCreateChannel(uint32_t sessionId, uint32_t mediaType, const char* serverAddr, uint16_t port,
                                          const char* domain);
 /* Closes and reconnects every channel of the media type. Only one connect or
