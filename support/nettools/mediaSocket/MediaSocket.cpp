@@ -514,17 +514,23 @@ int32_t MediaSocket::MediaConnect(int32_t sock, const std::string& address, uint
     return MEDIA_SOCKET_ERRCODE_FAILED;
 }
 
+int MediaSocket::MarkConnectedSock(const std::shared_ptr<SockChannel>& ch, int32_t sock)
+{
+    zeph_set_socket_dscp(static_cast<uint32_t>(sock), GetMediaDscpLevel(ch->mediaType), nullptr);
+    MORL_SockAddrIn local{};
+    int len = sizeof(local);
+    const int nameRet = MORL_GetSockName(sock, &local, &len);
+    ch->localPort = PortOf(local);
+    return nameRet;
+}
+
 void MediaSocket::ConnectChannel(const std::shared_ptr<SocketInfo>& info, const std::shared_ptr<SockChannel>& ch,
                                  std::string address, uint16_t port, std::string domain)
 {
     const uint32_t mediaType = info->mediaType;
     const int32_t sock = ch->sock;
     int32_t r = MediaConnect(sock, address, port, domain);
-    zeph_set_socket_dscp(static_cast<uint32_t>(sock), GetMediaDscpLevel(mediaType), nullptr);
-    MORL_SockAddrIn local{};
-    int len = sizeof(local);
-    int nameRet = MORL_GetSockName(sock, &local, &len);
-    ch->localPort = PortOf(local);
+    const int nameRet = MarkConnectedSock(ch, sock);
     MEDIA_LOGI << ", session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType)
                << ", port: " << ch->localPort.load() << ", sockNameRet: " << nameRet
                << ", lastError: " << MORL_GetLastSocketErr();
@@ -1542,6 +1548,21 @@ void MediaSocket::CheckAndReCreateChannel(int32_t sock, int16_t revents, int32_t
     }
 }
 
+std::shared_ptr<SocketInfo> MediaSocket::SocketInfoToReCreate(uint32_t mediaType, int32_t& refused) const
+{
+    if (mediaType >= kMediaTypeCount) {
+        MEDIA_LOGE << "Invalid param! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
+        refused = MEDIA_SOCKET_ERRCODE_INVALID_PARAM;
+        return nullptr;
+    }
+    auto info = GetSocketInfo(mediaType);
+    if (!info) {
+        MEDIA_LOGE << "no create! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
+        refused = MEDIA_SOCKET_ERRCODE_NO_CREATE;
+    }
+    return info;
+}
+
 int32_t MediaSocket::MediaReCreateChannelOfSockChan(const std::shared_ptr<SockChannel>& ch)
 {
     if (!ch) {
@@ -1551,14 +1572,10 @@ int32_t MediaSocket::MediaReCreateChannelOfSockChan(const std::shared_ptr<SockCh
     const uint32_t mediaType = ch->mediaType;
     MEDIA_LOGI << "MediaReCreateChannelOfSockChan start. session id: " << sessionId
                << ", mediaType: " << GetMediaTypeName(mediaType);
-    if (mediaType >= kMediaTypeCount) {
-        MEDIA_LOGE << "Invalid param! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_INVALID_PARAM;
-    }
-    auto info = GetSocketInfo(mediaType);
+    int32_t refused = 0;
+    auto info = SocketInfoToReCreate(mediaType, refused);
     if (!info) {
-        MEDIA_LOGE << "no create! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_NO_CREATE;
+        return refused;
     }
     ReCreateGuard guard(*info);
     if (!guard) {
@@ -1613,11 +1630,7 @@ int32_t MediaSocket::MediaCreateChannelOfSockChan(const std::shared_ptr<SockChan
     ch->state = SockChannel::Connecting;
     const int32_t sock = ch->sock;
     const int32_t r = MediaConnect(sock, address, port, domain);
-    zeph_set_socket_dscp(static_cast<uint32_t>(sock), GetMediaDscpLevel(mediaType), nullptr);
-    MORL_SockAddrIn local{};
-    int len = sizeof(local);
-    const int nameRet = MORL_GetSockName(sock, &local, &len);
-    ch->localPort = PortOf(local);
+    const int nameRet = MarkConnectedSock(ch, sock);
     MEDIA_LOGI << ", session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType)
                << ", port: " << ch->localPort.load() << ", sockNameRet: " << nameRet
                << ", lastError: " << MORL_GetLastSocketErr() << ", sock: " << sock;
@@ -1672,14 +1685,10 @@ void MediaSocket::MediaCloseSocketOfSockChan(const std::shared_ptr<SockChannel>&
 int32_t MediaSocket::MediaReCreateChannel(uint32_t mediaType, bool makeSockets)
 {
     MEDIA_LOGI << "ReCreate channel start. session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-    if (mediaType >= kMediaTypeCount) {
-        MEDIA_LOGE << "Invalid param! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_INVALID_PARAM;
-    }
-    auto info = GetSocketInfo(mediaType);
+    int32_t refused = 0;
+    auto info = SocketInfoToReCreate(mediaType, refused);
     if (!info) {
-        MEDIA_LOGE << "no create! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_NO_CREATE;
+        return refused;
     }
     ReCreateGuard guard(*info);
     if (!guard) {

@@ -234,6 +234,12 @@ private:
     int32_t SendData(int32_t sock, const uint8_t* data, int32_t length);
     void ConnectChannel(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel,
                         std::string address, uint16_t port, std::string domain);
+    // After a connect, successful or not: the socket's traffic class is
+    // marked and its local port noted. Returns what MORL_GetSockName did.
+    int MarkConnectedSock(const std::shared_ptr<SockChannel>& channel, int32_t sock);
+    // The SocketInfo a re-creation works on, or null with the code that
+    // refuses it (a bad media type, or one not created).
+    std::shared_ptr<SocketInfo> SocketInfoToReCreate(uint32_t mediaType, int32_t& refused) const;
     void DeliverPacket(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel);
     void ClearSendBuffer(const std::shared_ptr<SocketInfo>& socketInfo);
     void SetFd(size_t index, int32_t sock, int16_t events);
