@@ -2,108 +2,25 @@
 // loopback, judged by its exit status, its output and how fast it leaves.
 // JSON output is parsed by python3's json module, not by our own code.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "peers.h"
+#include "tool_run.h"
 
 using zeph_test::CoturnServer;
 using zeph_test::Process;
+using zeph_test::ToolRun;
+using zeph_test::at;
+using zeph_test::parse_json_lines;
+using zeph_test::run_tool;
 using zeph_test::TcpListener;
 
 namespace {
-
-struct ToolRun {
-    int status = -1;
-    std::string out, err;
-    uint64_t started_ms = 0, last_output_ms = 0, ended_ms = 0;
-    bool exited = false;
-    int code() const { return exited && WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
-    size_t lines() const { return size_t(std::count(out.begin(), out.end(), '\n')); }
-    std::string what() const { return "status " + std::to_string(code()) + "\nstdout:\n" + out + "stderr:\n" + err; }
-};
-
-// Runs the tool with `args` until it exits or `timeout_ms` pass, noting when
-// stdout last grew.
-ToolRun run_tool(const std::vector<std::string>& args, int timeout_ms) {
-    ToolRun r;
-    Process p;
-    std::vector<std::string> argv = {zeph_test::tool_path("zeph-nettools")};
-    argv.insert(argv.end(), args.begin(), args.end());
-    r.started_ms = zeph_test::now_ms();
-    if (!p.start(argv)) {
-        ADD_FAILURE() << p.error();
-        return r;
-    }
-    const std::string out_file = p.dir().file("stdout");
-    off_t last_size = 0;
-    r.last_output_ms = r.started_ms;
-    for (;;) {
-        struct stat st {};
-        if (stat(out_file.c_str(), &st) == 0 && st.st_size != last_size) {
-            last_size = st.st_size;
-            r.last_output_ms = zeph_test::now_ms();
-        }
-        if (!p.running()) {
-            r.exited = true;
-            break;
-        }
-        if (zeph_test::now_ms() - r.started_ms > uint64_t(timeout_ms)) break;
-        usleep(5000);
-    }
-    r.ended_ms = zeph_test::now_ms();
-    r.status = p.stop();
-    r.out = p.stdout_text();
-    r.err = p.stderr_text();
-    return r;
-}
-
-// Every stdout line parsed as JSON and flattened to "LINE:path.to.key" ->
-// value as JSON text ("1", "\"udp\""). Empty when a line does not parse.
-std::map<std::string, std::string> parse_json_lines(const std::string& text) {
-    zeph_test::TempDir dir;
-    dir.write("lines", text);
-    dir.write("flat.py",
-              "import json, sys\n"
-              "def flat(n, path, v):\n"
-              "    if isinstance(v, dict):\n"
-              "        for k in v: flat(n, path + [k], v[k])\n"
-              "    elif isinstance(v, list):\n"
-              "        for i, x in enumerate(v): flat(n, path + [str(i)], x)\n"
-              "    else: print('%d:%s=%s' % (n, '.'.join(path), json.dumps(v)))\n"
-              "for n, line in enumerate(open(sys.argv[1])):\n"
-              "    flat(n, [], json.loads(line))\n");
-    Process py;
-    std::map<std::string, std::string> m;
-    if (!py.start({"python3", dir.file("flat.py"), dir.file("lines")})) {
-        ADD_FAILURE() << py.error();
-        return m;
-    }
-    zeph_test::wait_until([&] { return !py.running(); }, 10000);
-    int st = py.stop();
-    if (!WIFEXITED(st) || WEXITSTATUS(st) != 0) {
-        ADD_FAILURE() << "not JSON lines:\n" << text << py.stderr_text();
-        return m;
-    }
-    std::istringstream in(py.stdout_text());
-    for (std::string line; std::getline(in, line);) {
-        auto eq = line.find('=');
-        if (eq != std::string::npos) m[line.substr(0, eq)] = line.substr(eq + 1);
-    }
-    return m;
-}
-
-std::string at(const std::map<std::string, std::string>& m, const std::string& key) {
-    auto it = m.find(key);
-    return it == m.end() ? "<missing " + key + ">" : it->second;
-}
 
 std::string endpoint(uint16_t port, const char* proto, const std::string& ip = "127.0.0.1") {
     return ip + ":" + std::to_string(port) + "/" + proto;

@@ -4,7 +4,6 @@
 // module, not by our own code.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
 #include <zeph_nettools/media_socket.h>
 
 #include <algorithm>
@@ -15,79 +14,22 @@
 
 #include "media_peer.h"
 #include "peers.h"
+#include "tool_run.h"
 
 using zeph_peers::MediaPeer;
 using zeph_peers::MediaPeerBehaviour;
 using zeph_peers::MediaPeerMode;
-using zeph_test::Process;
+using zeph_test::ToolRun;
+using zeph_test::at;
+using zeph_test::parse_json_lines;
+using zeph_test::run_tool;
 
 namespace {
 
-struct ToolRun {
-    int status = -1;
-    bool exited = false;
-    std::string out, err;
-    uint64_t ms = 0;
-    int code() const { return exited && WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
-    std::string what() const { return "status " + std::to_string(code()) + "\nstdout:\n" + out + "stderr:\n" + err; }
-};
-
 ToolRun run_media(const std::vector<std::string>& args, int timeout_ms = 20000) {
-    ToolRun r;
-    Process p;
-    std::vector<std::string> argv = {zeph_test::tool_path("zeph-nettools"), "media"};
-    argv.insert(argv.end(), args.begin(), args.end());
-    const uint64_t t0 = zeph_test::now_ms();
-    if (!p.start(argv)) {
-        ADD_FAILURE() << p.error();
-        return r;
-    }
-    r.exited = zeph_test::wait_until([&] { return !p.running(); }, timeout_ms, 5);
-    r.ms = zeph_test::now_ms() - t0;
-    r.status = p.stop();
-    r.out = p.stdout_text();
-    r.err = p.stderr_text();
-    return r;
-}
-
-// Every stdout line as JSON, flattened to "LINE:path.to.key" -> value as JSON
-// text ("1", "\"Audio\"", "null").
-std::map<std::string, std::string> parse_json_lines(const std::string& text) {
-    zeph_test::TempDir dir;
-    dir.write("lines", text);
-    dir.write("flat.py",
-              "import json, sys\n"
-              "def flat(n, path, v):\n"
-              "    if isinstance(v, dict):\n"
-              "        for k in v: flat(n, path + [k], v[k])\n"
-              "    elif isinstance(v, list):\n"
-              "        for i, x in enumerate(v): flat(n, path + [str(i)], x)\n"
-              "    else: print('%d:%s=%s' % (n, '.'.join(path), json.dumps(v)))\n"
-              "for n, line in enumerate(open(sys.argv[1])):\n"
-              "    flat(n, [], json.loads(line))\n");
-    Process py;
-    std::map<std::string, std::string> m;
-    if (!py.start({"python3", dir.file("flat.py"), dir.file("lines")})) {
-        ADD_FAILURE() << py.error();
-        return m;
-    }
-    zeph_test::wait_until([&] { return !py.running(); }, 10000);
-    const int st = py.stop();
-    if (!WIFEXITED(st) || WEXITSTATUS(st) != 0) {
-        ADD_FAILURE() << "not JSON lines:\n" << text << py.stderr_text();
-        return m;
-    }
-    std::istringstream in(py.stdout_text());
-    for (std::string line; std::getline(in, line);) {
-        const auto eq = line.find('=');
-        if (eq != std::string::npos) m[line.substr(0, eq)] = line.substr(eq + 1);
-    }
-    return m;
-}
-
-std::string at(const std::map<std::string, std::string>& m, const std::string& key) {
-    auto it = m.find(key);
-    return it == m.end() ? "<missing " + key + ">" : it->second;
+    std::vector<std::string> all = {"media"};
+    all.insert(all.end(), args.begin(), args.end());
+    return run_tool(all, timeout_ms);
 }
 
 double number(const std::map<std::string, std::string>& m, const std::string& key) {
@@ -208,7 +150,7 @@ TEST(CliMedia, SinkPeerGetsEverythingAndTheToolDoesNotWaitForEchoes) {
     EXPECT_EQ(c.heads[0].head_Len, 16 + 24);
     // Connects, 0.5 s of sending, 0.5 s of silence: far below the 3 s that
     // an echo would be awaited.
-    EXPECT_LT(r.ms, 2500u) << r.what();
+    EXPECT_LT(r.ms(), 2500u) << r.what();
 }
 
 // A 403 page where the echo should be: the session tells it as event 4 with
