@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <mutex>
-#include <set>
 
 #include "mediaSocket/MediaLog.h"
 #include "mediaSocket/MediaVocabulary.h"
@@ -47,32 +46,19 @@ TEST(MediaFraming, HeadCodecAndHeadTest)
     }
 }
 
-TEST(MediaFraming, NamesAndTexts)
+TEST(MediaFraming, HeadAndPacketTextsReadOnlyWhatIsThere)
 {
-    EXPECT_STREQ(GetMediaTypeName(3), "MS");
-    EXPECT_STREQ(GetMediaTypeName(7), "Unknow");
-    std::set<std::string> names;
-    for (int32_t code = -1000; code <= -974; ++code) names.insert(GetMediaErrorName(code));
-    EXPECT_EQ(names.size(), 27u); // 26 names, and "Unknow" for the unused -991
-    EXPECT_TRUE(names.count("MEDIA_SOCKET_ERRCODE_NOT_FOUND_MEDIA_SOCKET"));
-
     EXPECT_EQ(GetHeadText(Head(0, 1, 7, 1, 200).data()),
               ", tag: 255, version: 3, pktType: 0, mediaType: Audio, channel: 7, pkgSeq: 1, head_Len: 216");
     EXPECT_EQ(GetHeadText(nullptr), "ph is nul");
-
     const uint8_t rtp[12] = {0x80, 0xE0, 0x12, 0x34, 0x01, 0x02, 0x03, 0x04, 0xDE, 0xAD, 0xBE, 0xEF};
-    EXPECT_EQ(GetPacketText(0, rtp, sizeof rtp),
-              " 0000 0001 0000 0111 rtp, bit2V: 2, bit1P: 0, bit1X: 0, bit4CC: 0, bit1M: 1, bit7PT: 96, "
-              "usSeq: 4660, ulTimeStamp: 16909060, ulSsrc: 3735928559");
-    uint8_t rtcp[36] = {0x81, 200, 0x00, 0x0C};
-    rtcp[27] = 3; // lastSR
-    rtcp[35] = 4; // SSRC_2
-    EXPECT_NE(GetPacketText(1, rtcp, sizeof rtcp).find(" rtcp, bit2V: 2, bit1P: 0, bit5RC: 1, bitPTRR: 200, length: 12, "
-                                                       "ulSsrc: 0, SSRC_1: 0, lastSR: 3, SSRC_2: 4"),
+    EXPECT_NE(GetPacketText(0, rtp, sizeof rtp).find("bit7PT: 96, usSeq: 4660, ulTimeStamp: 16909060"),
               std::string::npos);
     // A short body renders zeros where bytes are missing (ASan would see an overread).
+    uint8_t rtcp[36] = {0x81, 200, 0x00, 0x0C};
+    rtcp[35] = 4;
+    EXPECT_NE(GetPacketText(1, rtcp, sizeof rtcp).find("SSRC_2: 4"), std::string::npos);
     EXPECT_NE(GetPacketText(1, rtcp, 2).find("SSRC_2: 0"), std::string::npos);
-    EXPECT_EQ(GetPacketText(3, rtp, sizeof rtp), " 0000 0001 0000 0111, not found pktType; pktType: 3");
     EXPECT_EQ(GetPacketText(0, nullptr, 0), "buf is null");
 }
 
