@@ -51,18 +51,19 @@ const auto on_result = &record<PortDetectResult>;
 const auto on_any = &record<AnyPortResult>;
 const auto on_info = &record<PortDetectInfo>;
 
-bool called(uint32_t num) {
+int calls(uint32_t num) {
     std::lock_guard<std::mutex> lock(g_mutex);
-    return g_calls.count(num) && g_calls[num].calls > 0;
+    const auto it = g_calls.find(num);
+    return it == g_calls.end() ? 0 : it->second.calls;
 }
 
-Call wait_call(uint32_t num, int timeout_ms = 6000) {
-    wait_until([&] { return called(num); }, timeout_ms);
+Call wait_call(uint32_t num) {
+    wait_until([&] { return calls(num) > 0; }, 6000);
     std::lock_guard<std::mutex> lock(g_mutex);
     return g_calls[num];
 }
 
-PortDetectEntry entry(const std::string& ip, uint16_t port, uint8_t protocol, uint8_t reached = 0) {
+PortDetectEntry entry(uint16_t port, uint8_t protocol, uint8_t reached = 0, const std::string& ip = "127.0.0.1") {
     PortDetectEntry e;
     std::memset(&e, 0, sizeof e);
     e.addr = ipv4_be(ip);
@@ -86,7 +87,7 @@ PortDetectInfo make_info(const std::vector<std::vector<PortDetectEntry>>& groups
 
 // The three entries of a three-port group on ip.
 std::vector<PortDetectEntry> three_ports(const std::string& ip) {
-    return {entry(ip, 10002, ZEPH_TRANS_UDP), entry(ip, 443, ZEPH_TRANS_TCP), entry(ip, 1124, ZEPH_TRANS_TCP)};
+    return {entry(10002, ZEPH_TRANS_UDP, 0, ip), entry(443, ZEPH_TRANS_TCP, 0, ip), entry(1124, ZEPH_TRANS_TCP, 0, ip)};
 }
 
 } // namespace
@@ -95,87 +96,63 @@ std::vector<PortDetectEntry> three_ports(const std::string& ip) {
 // what the code is built from.
 TEST(PortDetectCodes, ThreePortTable) {
     auto g = [](uint16_t p0, int r0, uint16_t p1, int r1, uint16_t p2, int r2) {
-        return std::vector<PortDetectEntry>{entry("10.0.0.1", p0, 0, uint8_t(r0)),
-                                            entry("10.0.0.1", p1, 0, uint8_t(r1)),
-                                            entry("10.0.0.1", p2, 0, uint8_t(r2))};
+        return std::vector<PortDetectEntry>{entry(p0, 0, uint8_t(r0)), entry(p1, 0, uint8_t(r1)), entry(p2, 0, uint8_t(r2))};
     };
-    struct Case {
+    const struct {
         const char* what;
         std::vector<std::vector<PortDetectEntry>> groups;
         uint32_t ret;
-    };
-    const Case cases[] = {
-        {"all three", {g(10002, 1, 443, 1, 1124, 1)}, 0x0202},
+    } cases[] = {
         {"udp alone gives media 2", {g(10002, 1, 443, 0, 1124, 0)}, 0x0200},
         {"443 only", {g(10002, 0, 443, 1, 1124, 0)}, 0x0100},
-        {"share only", {g(10002, 0, 443, 0, 1124, 1)}, 0x0002},
-        {"nothing", {g(10002, 0, 443, 0, 1124, 0), g(10002, 0, 443, 0, 1124, 0)}, 0},
         {"other port in entry 0 never gives 2", {g(443, 1, 443, 1, 1124, 0)}, 0x0100},
         {"ports out of place count nothing", {g(9999, 1, 80, 1, 1125, 1)}, 0},
         {"ties keep the lower index", {g(10002, 0, 443, 1, 1124, 0), g(10002, 0, 443, 1, 1124, 0)}, 0x0100},
-        {"a strictly better later group wins",
+        {"a strictly better later group wins, media over share",
          {g(10002, 0, 443, 0, 1124, 1), g(10002, 0, 443, 1, 1124, 0), g(10002, 1, 443, 0, 1124, 0),
           g(10002, 1, 443, 0, 1124, 0)},
          0x02000200},
-        {"media outweighs share", {g(10002, 0, 443, 1, 1124, 0), g(10002, 0, 443, 0, 1124, 1)}, 0x0100},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         PortDetectInfo info = make_info(c.groups, ZEPH_PORT_DETECT_THREE);
-        info.num = 77;
         PortDetect detect(&info, on_result);
         PortDetectResult result{};
         detect.calc_3_port(result);
         EXPECT_EQ(result.ret, c.ret) << c.what;
-        EXPECT_EQ(result.num, 77u);
-        EXPECT_EQ(result.type, 1u);
     }
 }
 
-// Group 0 (127.0.0.21): 443 and 1124 listen, 10002 is silent -> 0x102.
-// Group 1 (127.0.0.22): all three answer -> 0x202, the best. The silent
-// port holds the result for the second after the first answer only.
-TEST(PortDetect, ThreePortCodeFromRealGroups) {
+// Every mode against real peers, all at once. Three-port: group 0
+// (127.0.0.21) has 443 and 1124 listening and 10002 silent -> 0x102; group 1
+// (127.0.0.22) answers on all three -> 0x202, the best; a silent port holds
+// the result for the second after the first answer only, and a detection of
+// group 1 alone ends as soon as all have answered. Without any answer every
+// mode reports after the full three seconds. One-port mode reads only the
+// first destination; an unknown mode, or a detection without a callback,
+// calls nobody. Any-port mode gives open flags, or with `notify` the
+// caller's own record with the marks filled in, where an entry without a
+// probe keeps the caller's mark. Every detection and probe is freed 20 s
+// after its end.
+TEST(PortDetect, EachModeReportsOnceOnTimeThenIsFreed) {
+    EXPECT_EQ(1, zeph_3port_detect(1, nullptr, on_result));
+    EXPECT_EQ(1, zeph_any_port_detect(1, nullptr, on_any));
     TcpListener a443("127.0.0.21", 443), a1124("127.0.0.21", 1124), b443("127.0.0.22", 443), b1124("127.0.0.22", 1124);
-    ASSERT_TRUE(a443.ok() && a1124.ok() && b443.ok() && b1124.ok());
-    CoturnServer stun;
-    ASSERT_TRUE(stun.start("127.0.0.22", 10002));
-
-    PortDetectInfo info = make_info({three_ports("127.0.0.21"), three_ports("127.0.0.22")}, 7);
-    const uint64_t t0 = now_ms();
-    ASSERT_EQ(0, zeph_3port_detect(301, &info, on_result));
-    EXPECT_EQ(info.type, 1u); // set by the export
-    const Call c = wait_call(301);
-    ASSERT_EQ(c.calls, 1);
-    const auto r = c.as<PortDetectResult>();
-    EXPECT_EQ(r.type, 1u);
-    EXPECT_EQ(r.ret, 0x01000202u);
-    EXPECT_GE(c.at_ms - t0, 900u);
-    EXPECT_LT(c.at_ms - t0, 2700u);
-}
-
-TEST(PortDetect, AllAnswerEndsEarly) {
-    TcpListener l443("127.0.0.23", 443), l1124("127.0.0.23", 1124);
-    ASSERT_TRUE(l443.ok() && l1124.ok());
-    CoturnServer stun;
-    ASSERT_TRUE(stun.start("127.0.0.23", 10002));
-    PortDetectInfo info = make_info({three_ports("127.0.0.23")});
-    const uint64_t t0 = now_ms();
-    ASSERT_EQ(0, zeph_3port_detect(302, &info, on_result));
-    const Call c = wait_call(302);
-    EXPECT_EQ(c.as<PortDetectResult>().ret, 0x0202u);
-    EXPECT_LT(c.at_ms - t0, 600u);
-}
-
-// Without any answer every mode reports after the full three seconds. Mode
-// 0 reads only the first destination; an unknown mode calls nobody.
-TEST(PortDetect, NoAnswerAndOnePortModes) {
-    UdpSocket silent;
     TcpListener open;
-    ASSERT_TRUE(silent.ok() && open.ok());
+    UdpSocket silent;
+    CoturnServer stun;
+    ASSERT_TRUE(a443.ok() && a1124.ok() && b443.ok() && b1124.ok() && open.ok() && silent.ok());
+    ASSERT_TRUE(stun.start("127.0.0.22", 10002));
     const uint16_t closed = closed_tcp_port();
-    PortDetectInfo three = make_info({three_ports("127.0.0.24")});
-    PortDetectInfo any =
-        make_info({{entry("127.0.0.1", silent.port(), ZEPH_TRANS_UDP), entry("127.0.0.1", closed, ZEPH_TRANS_TCP, 1)}});
+    const PortDetectEntry tcp_open = entry(open.port(), ZEPH_TRANS_TCP), tcp_closed = entry(closed, ZEPH_TRANS_TCP),
+                          udp_silent = entry(silent.port(), ZEPH_TRANS_UDP);
+    PortDetectInfo both = make_info({three_ports("127.0.0.21"), three_ports("127.0.0.22")});
+    PortDetectInfo all_answer = make_info({three_ports("127.0.0.22")});
+    PortDetectInfo no_answer = make_info({three_ports("127.0.0.24")});
+    PortDetectInfo none = make_info({{udp_silent, entry(closed, ZEPH_TRANS_TCP, 1)}});
+    PortDetectInfo flags = make_info({{tcp_closed, tcp_open}, {udp_silent, entry(closed_udp_port(), ZEPH_TRANS_UDP)}});
+    PortDetectInfo whole = make_info({{tcp_open, entry(closed, ZEPH_TRANS_TCP, 1), entry(99, 7, 1), entry(98, 7)}});
+    whole.notify = 1;
+    std::strcpy(whole.groups[0].entries[0].text + 4, "caller text");
     auto start = [](uint32_t num, uint32_t type, const std::vector<PortDetectEntry>& entries) {
         PortDetectInfo info = make_info({entries}, type);
         auto detect = std::make_shared<PortDetect>(&info, on_result);
@@ -183,97 +160,42 @@ TEST(PortDetect, NoAnswerAndOnePortModes) {
     };
 
     const uint64_t t0 = now_ms();
-    ASSERT_EQ(0, zeph_3port_detect(303, &three, on_result));
-    ASSERT_EQ(0, zeph_any_port_detect(304, &any, on_any));
-    ASSERT_EQ(0, start(305, ZEPH_PORT_DETECT_ONE, {entry("127.0.0.1", open.port(), ZEPH_TRANS_TCP)}));
-    ASSERT_EQ(0, start(306, ZEPH_PORT_DETECT_ONE,
-                       {entry("127.0.0.1", closed, ZEPH_TRANS_TCP), entry("127.0.0.1", open.port(), ZEPH_TRANS_TCP)}));
-    ASSERT_EQ(0, start(307, 5, {entry("127.0.0.1", open.port(), ZEPH_TRANS_TCP)}));
-
-    const Call one_open = wait_call(305);
-    EXPECT_EQ(one_open.as<PortDetectResult>().ret, 1u);
-    EXPECT_LT(one_open.at_ms - t0, 600u);
-    for (uint32_t num : {303u, 304u, 306u}) {
-        const Call c = wait_call(num);
-        EXPECT_GE(c.at_ms - t0, 2900u) << num;
-        EXPECT_LT(c.at_ms - t0, 4500u) << num;
-    }
-    EXPECT_EQ(wait_call(303).as<PortDetectResult>().ret, 0u);
-    EXPECT_EQ(wait_call(306).as<PortDetectResult>().ret, 0u); // the open second one doesn't count
-    const auto a = wait_call(304).as<AnyPortResult>();
-    EXPECT_EQ(a.group_num, 1u);
-    EXPECT_EQ(a.groups[0].detect_num, 2u);
-    EXPECT_EQ(a.groups[0].open[0] + a.groups[0].open[1], 0u);
-    EXPECT_FALSE(called(307));
-}
-
-// One answer of four: the results follow about a second later. Without
-// `notify` the caller gets open flags; with it, its own record with the
-// marks filled in, where an entry without a probe keeps the caller's mark.
-TEST(PortDetect, AnyPortResultsAndRecord) {
-    TcpListener open;
-    UdpSocket silent;
-    ASSERT_TRUE(open.ok() && silent.ok());
-    const uint16_t closed = closed_tcp_port();
-    PortDetectInfo flags = make_info(
-        {{entry("127.0.0.1", closed, ZEPH_TRANS_TCP), entry("127.0.0.1", open.port(), ZEPH_TRANS_TCP)},
-         {entry("127.0.0.1", silent.port(), ZEPH_TRANS_UDP), entry("127.0.0.1", closed_udp_port(), ZEPH_TRANS_UDP)}});
-    PortDetectInfo whole =
-        make_info({{entry("127.0.0.1", open.port(), ZEPH_TRANS_TCP), entry("127.0.0.1", closed, ZEPH_TRANS_TCP, 1),
-                    entry("127.0.0.1", 99, 7, 1), entry("127.0.0.1", 98, 7, 0)}});
-    whole.notify = 1;
-    std::strcpy(whole.groups[0].entries[0].text + 4, "caller text");
-
-    const uint64_t t0 = now_ms();
+    ASSERT_EQ(0, zeph_3port_detect(301, &both, on_result));
+    ASSERT_EQ(0, zeph_3port_detect(302, &all_answer, on_result));
+    ASSERT_EQ(0, zeph_3port_detect(303, &no_answer, on_result));
+    ASSERT_EQ(0, zeph_any_port_detect(304, &none, on_any));
+    ASSERT_EQ(0, start(305, ZEPH_PORT_DETECT_ONE, {tcp_open}));
+    ASSERT_EQ(0, start(306, ZEPH_PORT_DETECT_ONE, {tcp_closed, tcp_open}));
+    ASSERT_EQ(0, start(307, 5, {tcp_open}));
     ASSERT_EQ(0, zeph_any_port_detect(308, &flags, on_any));
     ASSERT_EQ(0, zeph_any_port_detect(309, &whole, on_info));
-    EXPECT_EQ(flags.type, 2u);
+    ASSERT_EQ(0, zeph_any_port_detect(310, &flags, nullptr));
 
-    const Call c = wait_call(308);
-    EXPECT_GE(c.at_ms - t0, 950u);
-    EXPECT_LT(c.at_ms - t0, 2200u);
-    const auto a = c.as<AnyPortResult>();
-    EXPECT_EQ(a.type, 2u);
+    // When each reports, and the code of those with a PortDetectResult (-1: other records).
+    const struct {
+        uint32_t num, from_ms, to_ms;
+        int64_t ret;
+    } when[] = {{302, 0, 600, 0x0202}, {305, 0, 600, 1}, {301, 900, 2700, 0x01000202}, {308, 950, 2200, -1},
+                {309, 950, 2200, -1}, {303, 2900, 4500, 0}, {304, 2900, 4500, -1}, {306, 2900, 4500, 0}};
+    for (const auto& w : when) {
+        const Call c = wait_call(w.num);
+        EXPECT_TRUE(c.at_ms - t0 >= w.from_ms && c.at_ms - t0 < w.to_ms) << w.num << " after " << c.at_ms - t0 << " ms";
+        EXPECT_TRUE(w.ret < 0 || c.as<PortDetectResult>().ret == w.ret)
+            << w.num << ": code " << std::hex << c.as<PortDetectResult>().ret;
+    }
+    const auto a = wait_call(308).as<AnyPortResult>();
     EXPECT_EQ(a.group_num, 2u);
     const uint32_t want[2][4] = {{0, 1, 0, 0}, {0, 0, 0, 0}};
     for (int g = 0; g < 2; ++g)
         for (int e = 0; e < 4; ++e) EXPECT_EQ(a.groups[g].open[e], want[g][e]) << g << "," << e;
-
-    const auto rec = wait_call(309).as<PortDetectInfo>();
-    EXPECT_EQ(rec.num, 309u);
-    EXPECT_EQ(rec.notify, 1u);
+    EXPECT_EQ(wait_call(304).as<AnyPortResult>().groups[0].detect_num, 2u);
+    const PortDetectInfo rec = wait_call(309).as<PortDetectInfo>();
     const PortDetectEntry* e = rec.groups[0].entries;
-    EXPECT_EQ(e[0].reached, 1);
-    EXPECT_EQ(e[1].reached, 0); // written: the probe failed
-    EXPECT_EQ(e[2].reached, 1); // no probe: as given
-    EXPECT_EQ(e[3].reached, 0);
+    // Probed: open 1, refused 0 over the caller's 1. Not probed: as given.
+    EXPECT_EQ((std::vector<int>{e[0].reached, e[1].reached, e[2].reached, e[3].reached}), (std::vector<int>{1, 0, 1, 0}));
     EXPECT_STREQ(e[0].text + 4, "caller text");
-}
 
-// After the callback the detection and its probes stay for the delayed
-// free (20 s), then all go, probe threads included. A detection without a
-// callback does nothing and goes the same way.
-TEST(PortDetect, FreedTwentySecondsAfterResult) {
-    EXPECT_EQ(1, zeph_3port_detect(1, nullptr, on_result));
-    EXPECT_EQ(1, zeph_any_port_detect(1, nullptr, on_any));
-
-    TcpListener open;
-    UdpSocket silent;
-    ASSERT_TRUE(open.ok() && silent.ok());
-    PortDetectInfo info = make_info(
-        {{entry("127.0.0.1", open.port(), ZEPH_TRANS_TCP), entry("127.0.0.1", silent.port(), ZEPH_TRANS_UDP)}});
-    PortDetectInfo no_callback = info;
-    ASSERT_EQ(0, zeph_any_port_detect(310, &info, on_any));
-    ASSERT_EQ(0, zeph_any_port_detect(311, &no_callback, nullptr));
-    ASSERT_EQ(wait_call(310).calls, 1);
-
-    MORL_SleepMs(2000);
-    EXPECT_GE(PortDetect::live_count(), 2);
-    EXPECT_GE(PortDetectBase::live_count(), 2);
-    EXPECT_TRUE(wait_until([] { return PortDetect::live_count() == 0; }, 25000, 50))
-        << PortDetect::live_count() << " detections left";
-    EXPECT_TRUE(wait_until([] { return PortDetectBase::live_count() == 0; }, 1000, 10))
-        << PortDetectBase::live_count() << " probes left";
-    EXPECT_FALSE(called(311));
-    EXPECT_EQ(wait_call(310).calls, 1);
+    EXPECT_TRUE(wait_until([] { return PortDetect::live_count() + PortDetectBase::live_count() == 0; }, 25000, 50))
+        << PortDetect::live_count() << " detections and " << PortDetectBase::live_count() << " probes left";
+    for (uint32_t num = 301; num <= 310; ++num) EXPECT_EQ(calls(num), num == 307 || num == 310 ? 0 : 1) << num;
 }

@@ -23,10 +23,6 @@ std::atomic<bool> g_watch{false};
 std::atomic<int> g_leaks{0};
 void* volatile g_escape = nullptr;
 
-} // namespace
-
-namespace {
-
 void Release(void* p)
 {
     if (p != nullptr && g_watch.load(std::memory_order_relaxed)) {
@@ -37,22 +33,18 @@ void Release(void* p)
     std::free(p);
 }
 
-void* Allocate(size_t n)
+} // namespace
+
+void* operator new(size_t n)
 {
     if (void* p = std::malloc(n ? n : 1)) return p;
     throw std::bad_alloc();
 }
-
-} // namespace
-
-void* operator new(size_t n) { return Allocate(n); }
-void* operator new[](size_t n) { return Allocate(n); }
+void* operator new[](size_t n) { return operator new(n); }
 void operator delete(void* p) noexcept { Release(p); }
 void operator delete[](void* p) noexcept { Release(p); }
 void operator delete(void* p, size_t) noexcept { Release(p); }
 void operator delete[](void* p, size_t) noexcept { Release(p); }
-
-namespace {
 
 TEST(StunWipe, EveryPathThatDropsAPasswordWipesIt)
 {
@@ -81,7 +73,7 @@ TEST(StunWipe, EveryPathThatDropsAPasswordWipesIt)
     // of our own destroyed with its records.
     EXPECT_EQ(MORL_StunClearIceInfo("wipe_a"), 0u);
     StunManager::Instance().StunClearAll();
-    EXPECT_EQ(StunManager::Instance().Size(), 0u);
+    EXPECT_EQ(StunManager::Instance().Size(), 0u); // dropped, not merely kept out of the watch
     {
         StunManager own;
         ASSERT_EQ(own.StunSetIceInfo("own", "uf", kSecrets[2], StunManager::kLocal), 0u);
@@ -90,5 +82,3 @@ TEST(StunWipe, EveryPathThatDropsAPasswordWipesIt)
     g_watch = false;
     EXPECT_EQ(g_leaks.load(), 0);
 }
-
-} // namespace
