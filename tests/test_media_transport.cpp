@@ -59,6 +59,49 @@ struct QuietChannel {
     int32_t Feed(const Bytes& bytes) { return object->PutRecvBuffer(sock, bytes.data(), int32_t(bytes.size())); }
 };
 
+// Holds the send thread inside the callback of the first ring flush until
+// released, so that packets queued meanwhile stay in the ring. The callback
+// holds no lock of the transport, so queuing goes on meanwhile.
+class FirstFlushHold {
+public:
+    explicit FirstFlushHold(MediaSession& s) : state_(std::make_shared<State>())
+    {
+        s.OnEvent([st = state_](uint32_t, MediaEventInfo e) {
+            if (e.eventId != ZEPH_MEDIA_EVENT_RING_FLUSHED) return;
+            std::unique_lock<std::mutex> lock(st->m);
+            if (st->held) return;
+            st->held = true;
+            st->cv.notify_all();
+            st->gaveUp = !st->cv.wait_for(lock, std::chrono::seconds(5), [&] { return st->release; });
+        });
+    }
+    bool WaitHeld()
+    {
+        std::unique_lock<std::mutex> lock(state_->m);
+        return state_->cv.wait_for(lock, std::chrono::seconds(5), [&] { return state_->held; });
+    }
+    // Lets the send thread go on; false when it had already stopped waiting.
+    bool Release()
+    {
+        bool waited = false;
+        {
+            std::lock_guard<std::mutex> lock(state_->m);
+            waited = !state_->gaveUp;
+            state_->release = true;
+        }
+        state_->cv.notify_all();
+        return waited;
+    }
+
+private:
+    struct State {
+        std::mutex m;
+        std::condition_variable cv;
+        bool held = false, release = false, gaveUp = false;
+    };
+    std::shared_ptr<State> state_;
+};
+
 TEST(MediaTransportFraming, EveryCutOfTheStreamDeliversEachPacketOnceIntact)
 {
     QuietChannel q(2101);
@@ -243,25 +286,11 @@ TEST(MediaTransportSend, FullRingRefusesThenFlushesBehindTheLastGoodPacket)
     ASSERT_EQ(s.Create(kData, 1), 0);
     ASSERT_EQ(s.Connect(kData, peer.port()), 0);
 
-    // The first flush blocks the send thread in our callback, which holds
-    // no lock of the transport: queuing must go on meanwhile.
-    std::mutex m;
-    std::condition_variable cv;
-    bool blocked = false, release = false, gaveUp = false;
-    s.OnEvent([&](uint32_t, MediaEventInfo e) {
-        if (e.eventId != ZEPH_MEDIA_EVENT_RING_FLUSHED) return;
-        std::unique_lock<std::mutex> lock(m);
-        if (blocked) return;
-        blocked = true;
-        cv.notify_all();
-        gaveUp = !cv.wait_for(lock, std::chrono::seconds(5), [&] { return release; });
-    });
-    // A body above 2032 bytes is queued, and found damaged by the send thread.
+    // A body above 2032 bytes is queued, and found damaged by the send
+    // thread, which the flush then holds in our callback.
+    FirstFlushHold hold(s);
     ASSERT_EQ(s.Send(kData, 2, Body(2100)), 0);
-    {
-        std::unique_lock<std::mutex> lock(m);
-        ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(5), [&] { return blocked; }));
-    }
+    ASSERT_TRUE(hold.WaitHeld());
     EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kData), 0);
     EXPECT_EQ(s.Stats(kData).readOnePktErrCount, 1u);
 
@@ -298,12 +327,7 @@ TEST(MediaTransportSend, FullRingRefusesThenFlushesBehindTheLastGoodPacket)
     EXPECT_EQ(st.send.SuccessCount, 2 + queued);
     EXPECT_EQ(st.send.SignalErrCount, 1u);
 
-    {
-        std::lock_guard<std::mutex> lock(m);
-        EXPECT_FALSE(gaveUp) << "queuing waited for the callback";
-        release = true;
-    }
-    cv.notify_all();
+    EXPECT_TRUE(hold.Release()) << "queuing waited for the callback";
     // What was queued in front of the damage goes out; then the ring is flushed.
     ASSERT_TRUE(wait_until([&] { return s.EventCount(kData, ZEPH_MEDIA_EVENT_RING_FLUSHED) == 2; }, 5000));
     for (const auto& e : s.Events(kData)) EXPECT_EQ(int32_t(e.errorCode), MEDIA_SOCKET_ERRCODE_READ_HEAD);
@@ -331,21 +355,9 @@ TEST(MediaTransportSend, ReconnectDropsWhatWasQueuedForTheOldConnectionAndSaysSo
     ASSERT_EQ(s.Connect(kData, peer.port()), 0);
 
     // Hold the send thread in a callback so that packets stay queued.
-    std::mutex m;
-    std::condition_variable cv;
-    bool held = false, release = false;
-    s.OnEvent([&](uint32_t, MediaEventInfo e) {
-        if (e.eventId != ZEPH_MEDIA_EVENT_RING_FLUSHED || int32_t(e.errorCode) != MEDIA_SOCKET_ERRCODE_READ_HEAD) return;
-        std::unique_lock<std::mutex> lock(m);
-        held = true;
-        cv.notify_all();
-        cv.wait_for(lock, std::chrono::seconds(5), [&] { return release; });
-    });
+    FirstFlushHold hold(s);
     ASSERT_EQ(s.Send(kData, 2, Body(2100)), 0);
-    {
-        std::unique_lock<std::mutex> lock(m);
-        ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(5), [&] { return held; }));
-    }
+    ASSERT_TRUE(hold.WaitHeld());
     for (uint8_t i = 0; i < 3; ++i) ASSERT_EQ(s.Send(kData, 2, Body(100, i)), 0);
     ASSERT_EQ(MORL_MediaGetChannelBufSize(s.id(), kData), 3 * 116);
 
@@ -355,11 +367,7 @@ TEST(MediaTransportSend, ReconnectDropsWhatWasQueuedForTheOldConnectionAndSaysSo
     EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kData), 0);
     ASSERT_EQ(s.EventCount(kData, ZEPH_MEDIA_EVENT_RING_FLUSHED), 2u);
     EXPECT_EQ(s.Events(kData).back().errorCode, 0u);
-    {
-        std::lock_guard<std::mutex> lock(m);
-        release = true;
-    }
-    cv.notify_all();
+    hold.Release();
 
     ASSERT_EQ(s.Send(kData, 2, Body(100, 9)), 0);
     ASSERT_TRUE(wait_until([&] { return peer.packets(kData) == 1; }, 3000));
