@@ -125,11 +125,18 @@ enum : int16_t {
 // count or -1. The error of the last failed call is MORL_GetLastSocketErr().
 int MORL_InitSocket();
 MORL_SOCKET MORL_Socket(int family, int type, int protocol);
+// A non-blocking connect under way gives -1 with 10035. One that fails at
+// once (no route, address not available, 0.0.0.0, which Windows refuses with
+// 10049) gives -1 with its error and, as on Windows, leaves that error with
+// the socket until it is closed or connects again: the socket is never
+// writable, stands in select's error set, polls as POLLERR|POLLHUP and
+// reads the error through SO_ERROR.
 int MORL_Connect(MORL_SOCKET s, const MORL_SockAddrIn* addr, int len);
 int MORL_Bind(MORL_SOCKET s, const MORL_SockAddrIn* addr, int len);
 int MORL_Listen(MORL_SOCKET s, int backlog);
 MORL_SOCKET MORL_Accept(MORL_SOCKET s, MORL_SockAddrIn* addr, int* len);
 int MORL_Send(MORL_SOCKET s, const void* buf, int len, int flags);
+// A destination of 0.0.0.0 is refused with 10049, as on Windows.
 int MORL_Sendto(MORL_SOCKET s, const void* buf, int len, int flags, const MORL_SockAddrIn* to, int tolen);
 int MORL_Recv(MORL_SOCKET s, void* buf, int len, int flags);
 int MORL_Recvfrom(MORL_SOCKET s, void* buf, int len, int flags, MORL_SockAddrIn* from, int* fromlen);

@@ -15,7 +15,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstring>
+#include <mutex>
+#include <unordered_map>
 #include <vector>
 
 #include "os_adapter/morl_errno.h"
@@ -209,6 +212,67 @@ bool read_int_arg(const void* optval, int optlen, int* out) {
     return false;
 }
 
+// ---- connects that failed at once -------------------------------------------------------
+// On Windows a non-blocking connect that fails at once (no route, address
+// not available, refused by policy) leaves its error with the socket: the
+// socket never turns writable, select reports it in the error set, WSAPoll
+// reports POLLERR|POLLHUP, and SO_ERROR gives the error. Linux hands the
+// error to the connect call alone; afterwards the socket polls as writable
+// (and hung up) with SO_ERROR 0, which a caller waiting for writability
+// would read as a connection made. The adapter therefore keeps such errors
+// itself, per socket, until the socket is closed or connects again.
+class FailedConnects {
+public:
+    void remember(int s, int wsa) {
+        std::lock_guard<std::mutex> lock(mu_);
+        errors_[s] = wsa;
+    }
+    void forget(int s) {
+        std::lock_guard<std::mutex> lock(mu_);
+        errors_.erase(s);
+    }
+    // The error a failed connect left with s, 0 if none.
+    int error_of(int s) {
+        std::lock_guard<std::mutex> lock(mu_);
+        auto it = errors_.find(s);
+        return it == errors_.end() ? 0 : it->second;
+    }
+    bool any() {
+        std::lock_guard<std::mutex> lock(mu_);
+        return !errors_.empty();
+    }
+
+private:
+    std::mutex mu_;
+    std::unordered_map<int, int> errors_; // socket -> WSA code; bounded by the open descriptors
+};
+
+FailedConnects& failed_connects() {
+    static FailedConnects& table = *new FailedConnects; // sockets may be closed during process exit
+    return table;
+}
+
+// Errors of a connect that are its final outcome; the others (under way,
+// interrupted, already connected, bad arguments) leave nothing behind.
+bool is_connect_outcome(int err) {
+    switch (err) {
+    case ENETUNREACH:
+    case EHOSTUNREACH:
+    case ENETDOWN:
+    case EHOSTDOWN:
+    case ECONNREFUSED:
+    case ECONNRESET:
+    case ETIMEDOUT:
+    case EADDRNOTAVAIL:
+    case EADDRINUSE:
+    case EACCES:
+    case EPERM:
+        return true;
+    default:
+        return false;
+    }
+}
+
 } // namespace
 
 // ---- life of a socket ----------------------------------------------------------------
@@ -230,6 +294,7 @@ MORL_SOCKET MORL_Socket(int family, int type, int protocol) {
     if (fd < 0) {
         return fail_errno();
     }
+    failed_connects().forget(fd); // a number closed behind the adapter's back may come again
     return fd;
 }
 
@@ -242,6 +307,7 @@ int MORL_Shutdown(MORL_SOCKET s, int how) {
 }
 
 int MORL_CloseSocket(MORL_SOCKET s) {
+    failed_connects().forget(s); // before the number can be handed out again
     // A close interrupted by a signal has still released the descriptor on
     // Linux; retrying could close a descriptor another thread just opened.
     if (::close(s) != 0 && errno != EINTR) {
@@ -266,12 +332,22 @@ int MORL_Connect(MORL_SOCKET s, const MORL_SockAddrIn* addr, int len) {
     if (!to_linux(addr, len, &sin)) {
         return fail(MORL_WSAEFAULT);
     }
+    failed_connects().forget(s);
+    // Linux takes 0.0.0.0 as "this machine"; Windows refuses it.
+    if (sin.sin_addr.s_addr == htonl(INADDR_ANY)) {
+        failed_connects().remember(s, MORL_WSAEADDRNOTAVAIL);
+        return fail(MORL_WSAEADDRNOTAVAIL);
+    }
     if (::connect(s, reinterpret_cast<const sockaddr*>(&sin), sizeof(sin)) != 0) {
+        const int err = errno;
         // A non-blocking connect under way reads "would block" on Windows.
-        if (errno == EINPROGRESS) {
+        if (err == EINPROGRESS) {
             return fail(MORL_WSAEWOULDBLOCK);
         }
-        return fail_errno();
+        if (is_connect_outcome(err)) {
+            failed_connects().remember(s, errno_to_wsa(err));
+        }
+        return fail(errno_to_wsa(err));
     }
     return 0;
 }
@@ -290,6 +366,7 @@ MORL_SOCKET MORL_Accept(MORL_SOCKET s, MORL_SockAddrIn* addr, int* len) {
     if (fd < 0) {
         return fail_errno();
     }
+    failed_connects().forget(fd);
     if (give_addr(ss, addr, len) != 0) {
         int err = MORL_GetLastSocketErr();
         ::close(fd);
@@ -321,6 +398,9 @@ int MORL_Sendto(MORL_SOCKET s, const void* buf, int len, int flags, const MORL_S
     sockaddr_in sin;
     if (!to_linux(to, tolen, &sin)) {
         return fail(MORL_WSAEFAULT);
+    }
+    if (sin.sin_addr.s_addr == htonl(INADDR_ANY)) {
+        return fail(MORL_WSAEADDRNOTAVAIL); // as Windows: 0.0.0.0 is no destination
     }
     ssize_t n = ::sendto(s, buf, static_cast<size_t>(len), to_linux_msg_flags(flags) | MSG_NOSIGNAL,
                          reinterpret_cast<const sockaddr*>(&sin), sizeof(sin));
@@ -442,6 +522,9 @@ int MORL_GetSockOpt(MORL_SOCKET s, int level, int optname, void* optval, int* op
         }
         if (m->kind == OptKind::Error) {
             v = errno_to_wsa(v); // pending socket errors read as WSA codes
+            if (v == 0) {
+                v = failed_connects().error_of(s);
+            }
         }
         std::memcpy(optval, &v, sizeof(v));
         *optlen = sizeof(int);
@@ -581,10 +664,21 @@ int MORL_Poll(MORL_PollFd* fds, uint32_t count, int timeout_ms) {
         heap.resize(count);
         pf = heap.data();
     }
+    // A socket whose connect failed at once is ready with POLLERR|POLLHUP
+    // and never writable; it is left out of the kernel's poll.
+    const bool check_failed = failed_connects().any();
+    bool any_failed = false;
     for (uint32_t i = 0; i < count; ++i) {
         pf[i].fd = fds[i].fd;
         pf[i].events = to_linux_events(fds[i].events);
         pf[i].revents = 0;
+        if (check_failed && fds[i].fd >= 0 && failed_connects().error_of(fds[i].fd) != 0) {
+            pf[i].fd = -1; // told apart from a caller's -1 below by fds[i].fd
+            any_failed = true;
+        }
+    }
+    if (any_failed) {
+        timeout_ms = 0;
     }
     int rc = poll_retry(pf, count, timeout_ms);
     if (rc < 0) {
@@ -592,6 +686,9 @@ int MORL_Poll(MORL_PollFd* fds, uint32_t count, int timeout_ms) {
     }
     int ready = 0;
     for (uint32_t i = 0; i < count; ++i) {
+        if (fds[i].fd >= 0 && pf[i].fd < 0) {
+            pf[i].revents = POLLERR | POLLHUP;
+        }
         fds[i].revents = fds[i].fd < 0 ? 0 : from_linux_revents(pf[i].revents, fds[i].events);
         if (fds[i].revents != 0) {
             ++ready;
@@ -644,16 +741,22 @@ int MORL_FD_ISSET(MORL_SOCKET s, const MORL_FdSet* set) {
     return 0;
 }
 
-// select() over poll(). Readiness follows the Linux select rules: a failed
-// non-blocking connect shows as writable (and in the error set), SO_ERROR
-// then tells why. Each set is cut to its ready sockets and the result is
-// the sum over the sets, as on Windows.
+// select() over poll(). A non-blocking connect that fails later shows as
+// writable (and in the error set), SO_ERROR then tells why; one that failed
+// at once stands in the error set only, as on Windows. Each set is cut to
+// its ready sockets and the result is the sum over the sets, as on Windows.
 int MORL_Select(int /*nfds*/, MORL_FdSet* readfds, MORL_FdSet* writefds, MORL_FdSet* exceptfds,
                 const MORL_TimeVal* timeout) {
     MORL_FdSet* sets[3] = {readfds, writefds, exceptfds};
     const short want[3] = {POLLIN, POLLOUT, POLLPRI};
+    constexpr int kExceptSet = 2;
     std::vector<pollfd> pf;
     pf.reserve(3 * MORL_FD_SETSIZE);
+    // Sockets whose connect failed at once stand only in the error set and
+    // are not given to the kernel, which would call them writable.
+    const bool check_failed = failed_connects().any();
+    std::vector<MORL_SOCKET> failed;
+    bool has_sockets = false;
     for (int k = 0; k < 3; ++k) {
         if (sets[k] == nullptr) {
             continue;
@@ -663,6 +766,11 @@ int MORL_Select(int /*nfds*/, MORL_FdSet* readfds, MORL_FdSet* writefds, MORL_Fd
         }
         for (uint32_t i = 0; i < sets[k]->fd_count; ++i) {
             MORL_SOCKET s = sets[k]->fd_array[i];
+            has_sockets = true;
+            if (check_failed && failed_connects().error_of(s) != 0) {
+                failed.push_back(s);
+                continue;
+            }
             bool found = false;
             for (pollfd& p : pf) {
                 if (p.fd == s) {
@@ -676,8 +784,17 @@ int MORL_Select(int /*nfds*/, MORL_FdSet* readfds, MORL_FdSet* writefds, MORL_Fd
             }
         }
     }
-    if (pf.empty()) {
+    if (!has_sockets) {
         return fail(MORL_WSAEINVAL); // Windows refuses a select without sockets
+    }
+    auto is_failed = [&failed](MORL_SOCKET s) {
+        return std::find(failed.begin(), failed.end(), s) != failed.end();
+    };
+    bool failed_in_error_set = false;
+    if (exceptfds != nullptr) {
+        for (uint32_t i = 0; i < exceptfds->fd_count; ++i) {
+            failed_in_error_set = failed_in_error_set || is_failed(exceptfds->fd_array[i]);
+        }
     }
     int timeout_ms = -1;
     if (timeout != nullptr) {
@@ -687,6 +804,9 @@ int MORL_Select(int /*nfds*/, MORL_FdSet* readfds, MORL_FdSet* writefds, MORL_Fd
         // Round up so that a short positive wait does not become a busy poll.
         int64_t ms = static_cast<int64_t>(timeout->tv_sec) * 1000 + (timeout->tv_usec + 999) / 1000;
         timeout_ms = ms > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int>(ms);
+    }
+    if (failed_in_error_set) {
+        timeout_ms = 0;
     }
     int rc = poll_retry(pf.data(), pf.size(), timeout_ms);
     if (rc < 0) {
@@ -706,6 +826,12 @@ int MORL_Select(int /*nfds*/, MORL_FdSet* readfds, MORL_FdSet* writefds, MORL_Fd
         uint32_t kept = 0;
         for (uint32_t i = 0; i < sets[k]->fd_count; ++i) {
             MORL_SOCKET s = sets[k]->fd_array[i];
+            if (is_failed(s)) {
+                if (k == kExceptSet) {
+                    sets[k]->fd_array[kept++] = s;
+                }
+                continue;
+            }
             for (const pollfd& p : pf) {
                 if (p.fd == s) {
                     if (p.revents & ready_as[k]) {

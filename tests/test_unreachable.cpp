@@ -1,0 +1,248 @@
+// Destinations that cannot be reached must read as unreachable.
+//
+// A machine with no network at all: each OfflineMachine test moves its
+// process into a network namespace of its own in which even loopback is
+// down (needs root; skipped otherwise). There every connect fails at once,
+// which Linux reports to the connect call alone, while the library waits
+// for the socket to turn writable.
+//
+// 0.0.0.0: Linux connects it to this machine; the library must refuse it,
+// so that an unresolved name (address 0) never probes the local host.
+#include <gtest/gtest.h>
+
+#include <sched.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "os_adapter/morl_os.h"
+#include "peers.h"
+#include "zeph_nettools/media_socket.h"
+#include "zeph_nettools/net_tools.h"
+
+using namespace zeph_test;
+
+namespace {
+
+// Moves the calling process into a new, empty network namespace: loopback
+// exists but is down, no route leads anywhere.
+bool go_offline() {
+    return ::geteuid() == 0 && ::unshare(CLONE_NEWNET) == 0;
+}
+
+#define REQUIRE_OFFLINE() \
+    if (!go_offline()) GTEST_SKIP() << "needs root to make a network namespace without network"
+
+MORL_SockAddrIn to(const char* ip, uint16_t port) {
+    MORL_SockAddrIn a{};
+    a.sin_family = MORL_AF_INET;
+    a.sin_port = static_cast<uint16_t>((port >> 8) | (port << 8));
+    a.sin_addr = ipv4_be(ip);
+    return a;
+}
+
+MORL_SOCKET nonblocking_socket(int type) {
+    MORL_SOCKET s = MORL_Socket(MORL_AF_INET, type, 0);
+    uint32_t on = 1;
+    if (s >= 0) MORL_IoctlSocket(s, MORL_FIONBIO, &on);
+    return s;
+}
+
+int so_error(MORL_SOCKET s) {
+    int err = -1;
+    int len = sizeof err;
+    return MORL_GetSockOpt(s, MORL_SOL_SOCKET, MORL_SO_ERROR, &err, &len) == 0 ? err : -1;
+}
+
+// What a caller waiting for a connect sees of s: select's write and error
+// sets (after a wait of wait_ms), poll's events, SO_ERROR.
+struct ConnectView {
+    int writable = -1;
+    int in_error_set = -1;
+    int16_t poll_events = 0;
+    int error = -1;
+};
+
+ConnectView view(MORL_SOCKET s, int wait_ms) {
+    ConnectView v;
+    MORL_FdSet w, e;
+    MORL_FD_ZERO(&w);
+    MORL_FD_SET(s, &w);
+    MORL_TimeVal tv{0, wait_ms * 1000L};
+    MORL_Select(s + 1, nullptr, &w, nullptr, &tv);
+    v.writable = MORL_FD_ISSET(s, &w);
+    MORL_FD_ZERO(&e);
+    MORL_FD_SET(s, &e);
+    MORL_TimeVal zero{0, 0};
+    MORL_Select(s + 1, nullptr, nullptr, &e, &zero);
+    v.in_error_set = MORL_FD_ISSET(s, &e);
+    MORL_PollFd pfd{s, MORL_POLLWRNORM, 0};
+    MORL_Poll(&pfd, 1, wait_ms);
+    v.poll_events = pfd.revents;
+    v.error = so_error(s);
+    return v;
+}
+
+void expect_failed_connect(const ConnectView& v, int wsa) {
+    EXPECT_EQ(v.writable, 0);
+    EXPECT_EQ(v.in_error_set, 1);
+    EXPECT_EQ(v.poll_events & MORL_POLLWRNORM, 0);
+    EXPECT_EQ(v.poll_events & (MORL_POLLERR | MORL_POLLHUP), MORL_POLLERR | MORL_POLLHUP);
+    EXPECT_EQ(v.error, wsa);
+}
+
+// Records of the detections' callbacks, by serial number.
+std::mutex& g_mutex = *new std::mutex;
+std::vector<AnyPortResult>& g_any = *new std::vector<AnyPortResult>;
+std::vector<NetDetectResult>& g_net = *new std::vector<NetDetectResult>;
+
+void on_any(void* p) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_any.push_back(*static_cast<AnyPortResult*>(p));
+}
+void on_net(NetDetectResult* r) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_net.push_back(*r);
+}
+
+bool any_result(uint32_t num, AnyPortResult* out) {
+    bool found = wait_until(
+        [&] {
+            std::lock_guard<std::mutex> lock(g_mutex);
+            for (const auto& r : g_any) {
+                if (r.num == num) {
+                    *out = r;
+                    return true;
+                }
+            }
+            return false;
+        },
+        10000, 10);
+    return found;
+}
+
+bool net_result(uint32_t num, NetDetectResult* out) {
+    return wait_until(
+        [&] {
+            std::lock_guard<std::mutex> lock(g_mutex);
+            for (const auto& r : g_net) {
+                if (r.num == num) {
+                    *out = r;
+                    return true;
+                }
+            }
+            return false;
+        },
+        10000, 10);
+}
+
+PortDetectInfo any_port_info(const char* ip, const std::vector<std::pair<uint16_t, uint8_t>>& targets) {
+    PortDetectInfo info;
+    std::memset(&info, 0, sizeof info);
+    info.group_num = 1;
+    info.groups[0].detect_num = static_cast<int32_t>(targets.size());
+    for (size_t i = 0; i < targets.size(); ++i) {
+        info.groups[0].entries[i].addr = ipv4_be(ip);
+        info.groups[0].entries[i].port = targets[i].first;
+        info.groups[0].entries[i].protocol = targets[i].second;
+    }
+    return info;
+}
+
+} // namespace
+
+// The adapter keeps a failed connect's error with the socket, as Windows
+// does, until the socket connects again or is closed.
+TEST(OfflineMachine, ConnectFailureStaysWithTheSocketUntilItIsClosed) {
+    REQUIRE_OFFLINE();
+    MORL_SOCKET s = nonblocking_socket(MORL_SOCK_STREAM);
+    ASSERT_GE(s, 0);
+    MORL_SockAddrIn dst = to("127.0.0.1", 443);
+    EXPECT_EQ(MORL_Connect(s, &dst, sizeof dst), -1);
+    EXPECT_EQ(MORL_GetLastSocketErr(), MORL_WSAENETUNREACH);
+    expect_failed_connect(view(s, 30), MORL_WSAENETUNREACH);
+    // Still so on a second look: reading SO_ERROR does not clear it.
+    EXPECT_EQ(so_error(s), MORL_WSAENETUNREACH);
+    ASSERT_EQ(MORL_CloseSocket(s), 0);
+
+    // The number comes again for the next socket, which owes nothing to the old one.
+    MORL_SOCKET again = nonblocking_socket(MORL_SOCK_STREAM);
+    ASSERT_EQ(again, s);
+    EXPECT_EQ(so_error(again), 0);
+    MORL_FdSet e;
+    MORL_FD_ZERO(&e);
+    MORL_FD_SET(again, &e);
+    MORL_TimeVal zero{0, 0};
+    EXPECT_EQ(MORL_Select(again + 1, nullptr, nullptr, &e, &zero), 0);
+    MORL_CloseSocket(again);
+}
+
+TEST(OfflineMachine, NoDetectionReachesAnything) {
+    REQUIRE_OFFLINE();
+    // Port detection: TCP, UDP and ICMP to this machine's own address.
+    PortDetectInfo info = any_port_info("127.0.0.1", {{443, ZEPH_TRANS_TCP}, {3478, ZEPH_TRANS_UDP}, {1, ZEPH_TRANS_ICMP}});
+    ASSERT_EQ(zeph_any_port_detect(0x0FF1, &info, on_any), 0);
+    AnyPortResult any{};
+    ASSERT_TRUE(any_result(0x0FF1, &any));
+    EXPECT_EQ(any.groups[0].open[0], 0u) << "TCP 443 read as open with no network";
+    EXPECT_EQ(any.groups[0].open[1], 0u) << "UDP read as open with no network";
+    EXPECT_EQ(any.groups[0].open[2], 0u) << "ICMP read as open with no network";
+
+    // Net detection, one destination per transport: the failure record.
+    const uint8_t transports[] = {ZEPH_TRANS_TCP, ZEPH_TRANS_UDP};
+    for (uint8_t t : transports) {
+        const uint32_t num = 0x0FF10 + t;
+        ASSERT_EQ(zeph_single_net_detect(num, "127.0.0.1", 443, t, on_net), 0);
+        NetDetectResult r{};
+        ASSERT_TRUE(net_result(num, &r)) << "transport " << int(t);
+        EXPECT_EQ(r.qos, 3u) << "transport " << int(t);
+        EXPECT_EQ(r.discard, 100) << "transport " << int(t);
+        EXPECT_EQ(r.average, 1000) << "transport " << int(t);
+    }
+}
+
+TEST(OfflineMachine, MediaChannelDoesNotComeUp) {
+    REQUIRE_OFFLINE();
+    const uint32_t session = 0x0FF1;
+    ASSERT_EQ(MORL_MediaCreateSocket(session, ZEPH_MEDIA_AUDIO, 2), 0);
+    EXPECT_NE(MORL_MediaCreateChannel(session, ZEPH_MEDIA_AUDIO, "127.0.0.1", 443, nullptr), 0);
+    EXPECT_EQ(MORL_MediaSend(session, ZEPH_MEDIA_PKT_RTP, ZEPH_MEDIA_AUDIO, reinterpret_cast<const uint8_t*>("x"), 1, 0),
+              MEDIA_SOCKET_ERRCODE_NO_SOCKET);
+    EXPECT_EQ(MORL_MediaCloseSocket(session, ZEPH_MEDIA_AUDIO), 0);
+}
+
+// Linux would connect 0.0.0.0 to a listener of this machine.
+TEST(ZeroAddress, IsRefusedAndNeverProbesThisMachine) {
+    TcpListener local("127.0.0.1");
+    ASSERT_TRUE(local.ok());
+
+    MORL_SOCKET s = nonblocking_socket(MORL_SOCK_STREAM);
+    ASSERT_GE(s, 0);
+    MORL_SockAddrIn any = to("0.0.0.0", local.port());
+    EXPECT_EQ(MORL_Connect(s, &any, sizeof any), -1);
+    EXPECT_EQ(MORL_GetLastSocketErr(), MORL_WSAEADDRNOTAVAIL);
+    expect_failed_connect(view(s, 30), MORL_WSAEADDRNOTAVAIL);
+    MORL_CloseSocket(s);
+
+    MORL_SOCKET u = nonblocking_socket(MORL_SOCK_DGRAM);
+    ASSERT_GE(u, 0);
+    EXPECT_EQ(MORL_Sendto(u, "x", 1, 0, &any, sizeof any), -1);
+    EXPECT_EQ(MORL_GetLastSocketErr(), MORL_WSAEADDRNOTAVAIL);
+    MORL_CloseSocket(u);
+
+    // The same listener by its own address is open; by 0.0.0.0 it is not.
+    PortDetectInfo info = any_port_info("127.0.0.1", {{local.port(), ZEPH_TRANS_TCP}});
+    PortDetectInfo zero = any_port_info("0.0.0.0", {{local.port(), ZEPH_TRANS_TCP}});
+    ASSERT_EQ(zeph_any_port_detect(0x0A11, &info, on_any), 0);
+    ASSERT_EQ(zeph_any_port_detect(0x0A12, &zero, on_any), 0);
+    AnyPortResult open{}, closed{};
+    ASSERT_TRUE(any_result(0x0A11, &open));
+    ASSERT_TRUE(any_result(0x0A12, &closed));
+    EXPECT_EQ(open.groups[0].open[0], 1u);
+    EXPECT_EQ(closed.groups[0].open[0], 0u);
+    EXPECT_TRUE(local.wait_accepts(1, 2000));
+    EXPECT_EQ(local.accepts(), 1);
+}
