@@ -33,4 +33,13 @@ ProxySetting proxy_setting();
 // Dotted text of a network-order address.
 std::string ipv4_text(uint32_t be_addr);
 
+// Caller text checked before it may enter a protocol line or a resolver.
+// A host: a name or dotted address of 1 to 253 bytes of letters, digits,
+// '.', '-' and '_' (no blank, no control byte, no ':' or '/').
+constexpr size_t kMaxHostText = 253;
+bool is_host_text(const char* text);
+// A credential: at most 255 bytes, no control byte (CR, LF, NUL...).
+constexpr size_t kMaxCredentialText = 255;
+bool is_credential_text(const char* text);
+
 } // namespace zeph_commonlib

@@ -49,7 +49,9 @@ uint16_t zeph_get_proxy_port(); // host order
 // the socket beyond the answer's header. 0 when the proxy answered 2xx; 16
 // when it demanded authentication (407); the HTTP status for other answers
 // (403, 401, 502...); -1 on I/O failure or time-out; -2 for an answer that
-// is not HTTP. `reserved` is 0.
+// is not HTTP; -3, with nothing sent, when ip is not a host name or dotted
+// address (control bytes, blanks, ':' or '/', over 253 bytes).
+// `reserved` is 0.
 int zeph_http_proxy_connect_ex(int reserved, MORL_SOCKET sock, const char* ip, uint16_t port);
 // Result of zeph_http_proxy_connect_asyn: the socket and the result that
 // zeph_http_proxy_connect_ex gave (-1 when the proxy could not be reached).
@@ -64,6 +66,7 @@ int zeph_http_proxy_connect_asyn(MORL_SOCKET sock, const char* ip, uint16_t port
 // the connect is under way or done. With a proxy it waits for the proxy's
 // connect and the CONNECT answer (3 s at most each) and returns 0 when the
 // tunnel is open, 16 when the proxy refused authentication, the HTTP status
-// or another non-zero value otherwise. The socket is left non-blocking.
+// or another non-zero value otherwise (-3 at once for a domain that is not
+// a host name). The socket is left non-blocking.
 // Sets *is_domain to 1 when the domain was used.
 int zeph_tcp_over_http_proxy(MORL_SOCKET sock, uint32_t address, uint16_t port, const char* domain, int* is_domain);

@@ -114,7 +114,9 @@ int parse_status_line(const std::string& header)
     return code < 100 ? -1 : code;
 }
 
-enum : int { kIoFailure = -1, kMalformed = -2 };
+// Results besides 0, 16 and HTTP statuses. kRefusedTarget: the caller's
+// host text could have changed the request's lines; nothing was sent.
+enum : int { kIoFailure = -1, kMalformed = -2, kRefusedTarget = -3 };
 
 // Reads the answer header up to and including its blank line, and not one
 // byte more: what follows already belongs to the tunnel. Bytes are peeked
@@ -168,21 +170,27 @@ bool set_nonblocking(int fd)
     return flags >= 0 && (flags & O_NONBLOCK ? true : fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0);
 }
 
-// Starts a connect of fd to addr:port. 0 when connected or under way.
+// Starts a connect of fd to addr:port through the OS adapter, which
+// refuses 0.0.0.0 and keeps an immediate failure with the socket. 0 when
+// connected or under way, else the WSA error.
 int start_connect(int fd, uint32_t be_addr, uint16_t port)
 {
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
+    MORL_SockAddrIn to{};
+    to.sin_family = MORL_AF_INET;
     to.sin_port = htons(port);
-    to.sin_addr.s_addr = be_addr;
-    int r;
-    do {
-        r = connect(fd, reinterpret_cast<const sockaddr*>(&to), sizeof to);
-    } while (r < 0 && errno == EINTR);
-    if (r == 0 || errno == EINPROGRESS || errno == EALREADY || errno == EISCONN) {
+    to.sin_addr = be_addr;
+    if (MORL_Connect(fd, &to, sizeof to) == 0) {
         return 0;
     }
-    return errno;
+    const int err = MORL_GetLastSocketErr();
+    return err == MORL_WSAEWOULDBLOCK || err == MORL_WSAEALREADY || err == MORL_WSAEISCONN ? 0 : err;
+}
+
+std::string error_text(int wsa)
+{
+    char text[128] = {};
+    MORL_StrError_S(text, sizeof text, wsa);
+    return text;
 }
 
 // Connects fd to the proxy and waits for the connect to finish.
@@ -191,19 +199,21 @@ int connect_to_proxy(int fd, const zeph_commonlib::ProxySetting& proxy)
     std::string proxy_text = zeph_commonlib::ipv4_text(proxy.addr);
     int err = start_connect(fd, proxy.addr, proxy.port);
     if (err == 0) {
-        short revents = 0;
-        int r = wait_fd(fd, POLLOUT, monotonic_ms() + kProxyTimeoutMs, &revents);
+        MORL_PollFd p{fd, MORL_POLLWRNORM, 0};
+        int r = MORL_Poll(&p, 1, kProxyTimeoutMs);
         if (r == 0) {
             CL_LOGW("connect to proxy %s:%u timed out", proxy_text.c_str(), proxy.port);
             return -1;
         }
-        socklen_t len = sizeof err;
-        if (r < 0 || getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) {
-            err = errno;
+        int len = sizeof err;
+        if (r < 0 || MORL_GetSockOpt(fd, MORL_SOL_SOCKET, MORL_SO_ERROR, &err, &len) != 0) {
+            err = MORL_GetLastSocketErr();
+        } else if (err == 0 && (p.revents & MORL_POLLWRNORM) == 0) {
+            err = MORL_WSAECONNABORTED; // hung up without an error to tell
         }
     }
     if (err != 0) {
-        CL_LOGW("connect to proxy %s:%u failed: %s", proxy_text.c_str(), proxy.port, std::strerror(err));
+        CL_LOGW("connect to proxy %s:%u failed: %s", proxy_text.c_str(), proxy.port, error_text(err).c_str());
         return -1;
     }
     return 0;
@@ -225,6 +235,10 @@ int zeph_http_proxy_connect_ex(int /*reserved*/, MORL_SOCKET sock, const char* i
     if (sock < 0 || ip == nullptr || ip[0] == '\0' || port == 0) {
         CL_LOGW("bad arguments: sock %d port %u", sock, port);
         return kIoFailure;
+    }
+    if (!zeph_commonlib::is_host_text(ip)) {
+        CL_LOGW("CONNECT refused: the target (%zu bytes) is not a host name or address", std::strlen(ip));
+        return kRefusedTarget;
     }
     const int64_t deadline = monotonic_ms() + kProxyTimeoutMs;
     zeph_commonlib::ProxySetting proxy = zeph_commonlib::proxy_setting();
@@ -274,6 +288,10 @@ int zeph_tcp_over_http_proxy(MORL_SOCKET sock, uint32_t address, uint16_t port, 
         CL_LOGW("bad arguments: sock %d port %u", sock, port);
         return -1;
     }
+    if (use_domain && !zeph_commonlib::is_host_text(domain)) {
+        CL_LOGW("connect refused: the domain (%zu bytes) is not a host name", std::strlen(domain));
+        return kRefusedTarget;
+    }
     if (use_domain && is_domain != nullptr) {
         *is_domain = 1;
     }
@@ -293,7 +311,7 @@ int zeph_tcp_over_http_proxy(MORL_SOCKET sock, uint32_t address, uint16_t port, 
         }
         int err = start_connect(sock, to, port);
         if (err != 0) {
-            CL_LOGW("connect to %s:%u failed: %s", zeph_commonlib::ipv4_text(to).c_str(), port, std::strerror(err));
+            CL_LOGW("connect to %s:%u failed: %s", zeph_commonlib::ipv4_text(to).c_str(), port, error_text(err).c_str());
             return -1;
         }
         return 0;
@@ -308,7 +326,7 @@ int zeph_tcp_over_http_proxy(MORL_SOCKET sock, uint32_t address, uint16_t port, 
 
 int zeph_http_proxy_connect_asyn(MORL_SOCKET sock, const char* ip, uint16_t port, zeph_http_proxy_connect_cb callback)
 {
-    if (sock < 0 || ip == nullptr || ip[0] == '\0' || port == 0 || callback == nullptr) {
+    if (sock < 0 || !zeph_commonlib::is_host_text(ip) || port == 0 || callback == nullptr) {
         return -1;
     }
     std::string target(ip);

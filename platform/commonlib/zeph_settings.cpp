@@ -72,6 +72,38 @@ ProxySetting proxy_setting()
     return st.proxy;
 }
 
+bool is_host_text(const char* text)
+{
+    if (text == nullptr) {
+        return false;
+    }
+    size_t n = 0;
+    for (; text[n] != '\0'; ++n) {
+        const char c = text[n];
+        const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+                        c == '-' || c == '_';
+        if (!ok || n + 1 > kMaxHostText) {
+            return false;
+        }
+    }
+    return n > 0;
+}
+
+bool is_credential_text(const char* text)
+{
+    if (text == nullptr) {
+        return true;
+    }
+    size_t n = 0;
+    for (; text[n] != '\0'; ++n) {
+        const unsigned char c = static_cast<unsigned char>(text[n]);
+        if (c < 0x20 || c == 0x7F || n + 1 > kMaxCredentialText) {
+            return false;
+        }
+    }
+    return true;
+}
+
 std::string ipv4_text(uint32_t be_addr)
 {
     char text[INET_ADDRSTRLEN] = {};
@@ -87,7 +119,7 @@ using zeph_commonlib::settings;
 
 uint32_t get_addr_ipv4(const char* text)
 {
-    if (text == nullptr || text[0] == '\0') {
+    if (!zeph_commonlib::is_host_text(text)) {
         return 0;
     }
     uint32_t addr = 0;
@@ -154,6 +186,15 @@ int zeph_settings_set_http_proxy(const char* host, uint16_t port, const char* us
     }
     // Basic credentials: a user name is needed for a password to mean
     // anything, and a colon would end the user name early on the wire.
+    if (!zeph_commonlib::is_host_text(host)) {
+        CL_LOGW("http proxy not changed: the host is not a host name or address");
+        return -1;
+    }
+    if (!zeph_commonlib::is_credential_text(user) || !zeph_commonlib::is_credential_text(password)) {
+        CL_LOGW("http proxy not changed: credentials hold control bytes or are longer than %zu bytes",
+                zeph_commonlib::kMaxCredentialText);
+        return -1;
+    }
     bool has_user = user != nullptr && user[0] != '\0';
     if ((!has_user && password != nullptr && password[0] != '\0') || (has_user && std::strchr(user, ':') != nullptr)) {
         CL_LOGW("http proxy not changed: bad credentials");
