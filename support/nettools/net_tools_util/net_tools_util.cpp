@@ -1,12 +1,34 @@
 #include "net_tools_util/net_tools_util.h"
 
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
 
 #include "inc/net_tools_log.h"
 #include "securec/securec.h"
 
 namespace {
+
+constexpr int64_t kMsPerSecond = 1000;
+constexpr int64_t kUsPerSecond = 1000000;
+
+// ticks / freq seconds in units of 1/unit second. The remainder is below
+// freq, so remainder * unit stays in range for any counter of up to
+// 9.2e12 ticks a second; faster (or bogus) counters are first divided down
+// to a microsecond rate, which costs nothing that a millisecond clock shows.
+int64_t counter_to_unit(int64_t ticks, int64_t freq, int64_t unit) {
+    if (freq < 1) return 0;
+    const int64_t max_exact_freq = INT64_MAX / unit;
+    if (freq > max_exact_freq) {
+        const int64_t divisor = freq / kUsPerSecond;
+        ticks /= divisor;
+        freq /= divisor;
+    }
+    const int64_t seconds = ticks / freq;
+    const int64_t rest = ticks % freq;
+    return seconds * unit + rest * unit / freq;
+}
+
 // Both hold 0xFFFFFFFF until the first init_runtime_clock, so the clock is
 // usable (with a meaningless origin) before the runtime is started.
 std::atomic<int64_t> m_freq_time{0xFFFFFFFFLL};
@@ -30,8 +52,14 @@ int64_t get_runtime_current() {
         NT_LOGE("get_runtime_current: m_freq_time is null");
         return 0xFFFFFFFFLL;
     }
-    return (now - m_start_time.load()) * 1000 / freq;
+    return counter_to_ms(now - m_start_time.load(), freq);
 }
+
+void set_runtime_clock_origin(int64_t start) { m_start_time.store(start); }
+
+int64_t counter_to_ms(int64_t ticks, int64_t freq) { return counter_to_unit(ticks, freq, kMsPerSecond); }
+
+int64_t counter_to_us(int64_t ticks, int64_t freq) { return counter_to_unit(ticks, freq, kUsPerSecond); }
 
 void ipv4_int2str(char* out, uint32_t size, uint32_t addr) {
     const int ret = sprintf_s(out, size, "%u.%u.%u.%u", addr & 0xFF, (addr >> 8) & 0xFF, (addr >> 16) & 0xFF,

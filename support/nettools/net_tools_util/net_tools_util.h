@@ -10,6 +10,16 @@ void init_runtime_clock();
 // Milliseconds since init_runtime_clock (signed 64 bits); 0xFFFFFFFF when
 // the frequency is 0.
 int64_t get_runtime_current();
+// Moves the module clock's origin to a counter value of the caller's, so that
+// a test can read the clock as if the process had run for months.
+void set_runtime_clock_origin(int64_t start);
+
+// `ticks` of a counter running at `freq` ticks per second, in milliseconds
+// or microseconds. Whole seconds and the remainder are scaled apart, so the
+// result is exact (rounded down) and never overflows: a nanosecond counter
+// multiplied by 1000 would after 106 days. A `freq` below 1 gives 0.
+int64_t counter_to_ms(int64_t ticks, int64_t freq);
+int64_t counter_to_us(int64_t ticks, int64_t freq);
 // Dotted text of an address in network byte order into out (callers give 32 bytes).
 void ipv4_int2str(char* out, uint32_t size, uint32_t addr);
 
