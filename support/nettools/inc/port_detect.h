@@ -51,6 +51,8 @@ public:
 
     // Milliseconds since construction, by the probe's own counter.
     int64_t get_runtime_win() const;
+    // The same clock in microseconds, for delays measured to the millisecond.
+    int64_t get_runtime_us() const;
 
     void create_socket();
     static void close_socket(MORL_SOCKET* holder);
@@ -63,9 +65,28 @@ public:
     static int live_count();
 
 protected:
+    // What a readiness handler of wait_socket tells it.
+    enum class WaitStep {
+        kDone, // the answer is in: the wait ends
+        kMore, // something was read, nothing final: wait on until the end
+        kIdle, // ready, but nothing could be read: sleep out the rest
+    };
+
     MORL_SOCKET socket_fd() const { return m_socket ? *m_socket : MORL_INVALID_SOCKET; }
-    // MORL_Connect to m_addr:m_port, 10 ms pause, local name read back.
+    bool stop_requested() const { return m_finish.load() != 0 || m_exit.load() != 0; }
+    // MORL_Connect to m_addr:m_port (the moment of the call is kept in
+    // m_sent_us), 10 ms pause, local name read back.
     void connect_and_read_name();
+    // One poll of a probe thread: waits up to wait_ms for `events` on the
+    // socket, and on each readiness calls on_ready(revents, at_us), at_us
+    // being the moment the wait returned (probe clock). True when on_ready
+    // said kDone. Never waits past wait_ms, so the caller sees its stop flags
+    // once per poll; without a socket it is a plain sleep.
+    template <class OnReady>
+    bool wait_socket(int16_t events, uint32_t wait_ms, OnReady&& on_ready);
+    // Whole milliseconds from `from_us` to `at_us`, rounded; at least 1, so
+    // a measured delay never reads as "not measured".
+    static uint32_t delay_ms(int64_t from_us, int64_t at_us);
 
     uint32_t m_sleep_ms = 10;
     uint32_t m_resend_ms = 300;
@@ -85,6 +106,9 @@ protected:
     uint8_t m_buf[1024] = {};
     int64_t m_start_time = 0;
     int64_t m_freq_time = 0;
+    // When the probe left (probe clock, microseconds): the last connect call
+    // for TCP, the last request's send call for UDP.
+    std::atomic<int64_t> m_sent_us{0};
 
     friend struct PortDetectTestAccess;
 };
@@ -102,6 +126,9 @@ public:
     void stun_request_send();
     // Checks the datagram of `length` bytes in m_buf against the requests sent.
     bool is_stun_response(int length);
+    // Reads the datagrams waiting; when one answers a request, *answer_us
+    // gets the moment it was read and the reading stops.
+    WaitStep drain_stun(int64_t* answer_us);
     void detect_recv_thread();
     void net_detect_recv_thread();
 
@@ -137,6 +164,11 @@ public:
     void detect_recv_proxy_thread();
 
 private:
+    // Waits up to wait_ms for the connect under way to end, either way
+    // (writable, or an error). True when it did; *end_us (if given) gets the
+    // moment.
+    bool wait_connect_end(uint32_t wait_ms, int64_t* end_us);
+
     std::string m_type = "tcp";
     uint32_t m_tcp_resend_ms = 1000;
     uint32_t m_proxy_dst_addr = 0;
@@ -164,8 +196,13 @@ public:
     void net_detect_recv_thread();
 
 private:
+    // Reads the datagrams waiting and books each echo reply on its echo;
+    // stops once `accepted` reaches the six.
+    WaitStep drain_icmp(uint32_t& accepted);
+
     std::shared_ptr<PortDetectBase> m_slots[6];
-    std::atomic<uint32_t> m_send_times[6] = {};
+    // When echo i was handed to the socket (probe clock, microseconds).
+    std::atomic<int64_t> m_send_times[6] = {};
     std::string m_type = "icmp";
     uint16_t m_req_id = 0;
     uint16_t m_seq_base = 0;

@@ -43,9 +43,17 @@ constexpr int64_t kProxyClockLimitMs = 2000;
 constexpr uint32_t kIcmpSleepMs = 2;
 constexpr uint32_t kIcmpPolls = 1000;
 constexpr uint32_t kIcmpSoftCheckFrom = 250;
+constexpr uint32_t kIcmpSoftCheckEvery = 8;
 constexpr int64_t kIcmpSoftLimitMs = 2000;
 constexpr int kIcmpEchoes = 6;
 constexpr uint32_t kIcmpSendGapMs = 30;
+// Each readiness reads at most this many datagrams before the wait looks at
+// its clock again; the rest are read at the next readiness, at once.
+constexpr int kMaxReadsPerWake = 64;
+
+constexpr int64_t kUsPerMs = 1000;
+// Pause after a connect call, before the local name is read back.
+constexpr uint32_t kConnectPauseMs = 10;
 
 MORL_SockAddrIn make_sockaddr(uint32_t addr, uint16_t port) {
     MORL_SockAddrIn sa{};
@@ -61,17 +69,6 @@ uint16_t sockaddr_port(const MORL_SockAddrIn& sa) {
     uint16_t port = 0;
     r.get_be16(port);
     return port;
-}
-
-// Zero-timeout check for a finished connect: the socket turns writable when
-// the connection is up and also when it failed.
-bool is_writable(MORL_SOCKET s) {
-    if (s == MORL_INVALID_SOCKET) return false;
-    MORL_FdSet wset;
-    MORL_FD_ZERO(&wset);
-    MORL_FD_SET(s, &wset);
-    const MORL_TimeVal zero{0, 0};
-    return MORL_Select(s + 1, nullptr, &wset, nullptr, &zero) > 0;
 }
 
 int read_so_error(MORL_SOCKET s, int& err) {
@@ -131,7 +128,47 @@ int64_t PortDetectBase::get_runtime_win() const {
         NT_LOGE("get_runtime_win: m_freq_time is null");
         return 0xFFFFFFFFLL;
     }
-    return (now - m_start_time) * 1000 / m_freq_time;
+    return counter_to_ms(now - m_start_time, m_freq_time);
+}
+
+int64_t PortDetectBase::get_runtime_us() const {
+    int64_t now = 0;
+    MORL_QueryPerformanceCounter(&now);
+    return counter_to_us(now - m_start_time, m_freq_time);
+}
+
+uint32_t PortDetectBase::delay_ms(int64_t from_us, int64_t at_us) {
+    const int64_t ms = (at_us - from_us + kUsPerMs / 2) / kUsPerMs;
+    return ms < 1 ? 1 : static_cast<uint32_t>(ms);
+}
+
+// The socket's readiness ends a wait for an answer (a datagram, or the end
+// of a connect: writable when it succeeded, an error when it failed).
+template <class OnReady>
+bool PortDetectBase::wait_socket(int16_t events, uint32_t wait_ms, OnReady&& on_ready) {
+    const int64_t until_us = get_runtime_us() + static_cast<int64_t>(wait_ms) * kUsPerMs;
+    for (;;) {
+        const int64_t left_us = until_us - get_runtime_us();
+        // Rounded up: a wait never ends before its time.
+        const int left_ms = left_us > 0 ? static_cast<int>((left_us + kUsPerMs - 1) / kUsPerMs) : 0;
+        MORL_PollFd pfd{socket_fd(), events, 0};
+        const int ready = MORL_Poll(&pfd, 1, left_ms);
+        const int64_t at_us = get_runtime_us();
+        if (ready > 0 && pfd.revents != 0) {
+            const WaitStep step = on_ready(pfd.revents, at_us);
+            if (step == WaitStep::kDone) return true;
+            if (step == WaitStep::kIdle) {
+                // Ready again at once would make this spin: the rest of the
+                // wait is slept instead.
+                if (until_us > at_us) MORL_SleepMs(static_cast<uint32_t>((until_us - at_us) / kUsPerMs));
+                return false;
+            }
+        } else if (ready < 0) {
+            if (until_us > at_us) MORL_SleepMs(static_cast<uint32_t>((until_us - at_us) / kUsPerMs));
+            return false;
+        }
+        if (at_us >= until_us) return false;
+    }
 }
 
 void PortDetectBase::close_socket(MORL_SOCKET* holder) {
@@ -177,8 +214,9 @@ void PortDetectBase::connect_and_read_name() {
     const MORL_SockAddrIn dst = make_sockaddr(m_addr, m_port);
     // A non-blocking connect is under way when this returns; its outcome is
     // read by the thread.
+    m_sent_us.store(get_runtime_us());
     MORL_Connect(s, &dst, sizeof dst);
-    MORL_SleepMs(10);
+    MORL_SleepMs(kConnectPauseMs);
     MORL_SockAddrIn local{};
     int len = sizeof local;
     if (MORL_GetSockName(s, &local, &len) == 0) {
@@ -276,6 +314,9 @@ void PortDetectUDP::stun_request_send() {
     if (memcpy_s(head.txid, sizeof head.txid, id, zeph::stun::kTxIdSize) != 0) NT_LOGE("secure function return error");
     zeph::ByteWriter w(m_buf, sizeof m_buf);
     zeph::stun::write_header(w, head);
+    // Taken before the call, so that an answer read on another thread
+    // before the call returns still finds its start.
+    m_sent_us.store(get_runtime_us());
     MORL_Send(socket_fd(), m_buf, static_cast<int>(w.size()), 0);
 
     ++m_trans_index;
@@ -328,7 +369,8 @@ void PortDetectUDP::detect_recv_thread() {
         stun_request_send();
         NT_LOGI("[udp_detect] port=%d send times=%d...", m_port, cycle + 1);
         for (uint32_t poll = 0; poll < polls; ++poll) {
-            MORL_SleepMs(m_sleep_ms);
+            int64_t answer_us = -1;
+            wait_socket(MORL_POLLIN, m_sleep_ms, [&](int16_t, int64_t) { return drain_stun(&answer_us); });
             const int64_t span = time_spent(*this, start);
             if (span > 2 * static_cast<int64_t>(m_time_out)) {
                 set_result(PROBE_TIMEOUT);
@@ -336,13 +378,12 @@ void PortDetectUDP::detect_recv_thread() {
                         static_cast<int>(span));
                 return;
             }
-            if (m_finish.load() || m_exit.load()) {
+            if (stop_requested()) {
                 set_result(PROBE_TIMEOUT);
                 NT_LOGI("[udp_detect] port=%d to be finished result=%d", m_port, get_result());
                 return;
             }
-            const int len = MORL_Recv(socket_fd(), m_buf, sizeof m_buf, 0);
-            if (len > 0 && is_stun_response(len)) {
+            if (answer_us >= 0) {
                 NT_LOGI("[udp_detect] port=%d success", m_port);
                 set_result(PROBE_REACHED);
                 return;
@@ -351,6 +392,19 @@ void PortDetectUDP::detect_recv_thread() {
     }
     NT_LOGI("[udp_detect] port=%d timeout", m_port);
     set_result(PROBE_TIMEOUT);
+}
+
+PortDetectBase::WaitStep PortDetectUDP::drain_stun(int64_t* answer_us) {
+    for (int n = 0; n < kMaxReadsPerWake; ++n) {
+        const int64_t at_us = get_runtime_us();
+        const int len = MORL_Recv(socket_fd(), m_buf, sizeof m_buf, 0);
+        if (len <= 0) return n == 0 ? WaitStep::kIdle : WaitStep::kMore;
+        if (is_stun_response(len)) {
+            *answer_us = at_us;
+            return WaitStep::kDone;
+        }
+    }
+    return WaitStep::kMore;
 }
 
 void PortDetectUDP::net_detect_recv_thread() {
@@ -365,7 +419,10 @@ void PortDetectUDP::net_detect_recv_thread() {
 
     const uint32_t polls = kNetPollMs / m_sleep_ms;
     for (uint32_t poll = 0; poll < polls; ++poll) {
-        MORL_SleepMs(m_sleep_ms);
+        // The answer is timed when it is read, from the send call: no poll
+        // interval is added to it.
+        int64_t answer_us = -1;
+        wait_socket(MORL_POLLIN, m_sleep_ms, [&](int16_t, int64_t) { return drain_stun(&answer_us); });
         const int64_t span = time_spent(*this, start);
         if (span > kNetClockLimitMs) {
             set_result(PROBE_TIMEOUT);
@@ -373,14 +430,13 @@ void PortDetectUDP::net_detect_recv_thread() {
                     static_cast<int>(span));
             return;
         }
-        if (m_finish.load() || m_exit.load()) {
+        if (stop_requested()) {
             set_result(PROBE_TIMEOUT);
             NT_LOGI("[net_udp]leave_thread[%s:%d] to be finished result=%d", m_addr_str.c_str(), m_port, get_result());
             return;
         }
-        const int len = MORL_Recv(socket_fd(), m_buf, sizeof m_buf, 0);
-        if (len > 0 && is_stun_response(len)) {
-            set_delay(static_cast<uint32_t>(time_spent(*this, start)));
+        if (answer_us >= 0) {
+            set_delay(delay_ms(m_sent_us.load(), answer_us));
             set_result(PROBE_REACHED);
             NT_LOGI("[net_udp]leave_thread spend_time [%s:%d] delay=%d(ms) success", m_addr_str.c_str(), m_port,
                     get_delay());
@@ -408,6 +464,13 @@ void PortDetectTCP::set_bind_port(uint16_t port) { g_tcp_bind_port.store(port); 
 void PortDetectTCP::resend() {
     create_socket();
     connect_and_read_name();
+}
+
+bool PortDetectTCP::wait_connect_end(uint32_t wait_ms, int64_t* end_us) {
+    return wait_socket(MORL_POLLOUT, wait_ms, [end_us](int16_t, int64_t at_us) {
+        if (end_us) *end_us = at_us;
+        return WaitStep::kDone;
+    });
 }
 
 int PortDetectTCP::http_proxy_connect() {
@@ -438,16 +501,15 @@ void PortDetectTCP::detect_recv_thread() {
         const uint32_t polls = m_tcp_resend_ms / m_sleep_ms;
         NT_LOGI("[tcp_detect][%s:%d] send times=%d...", m_addr_str.c_str(), m_port, cycle + 1);
         for (uint32_t poll = 0; polls <= kMaxPolls && poll < polls; ++poll) {
-            if (m_finish.load() || m_exit.load()) {
+            if (stop_requested()) {
                 set_result(PROBE_FAILED);
                 NT_LOGI("[tcp_detect]leave_thread[%s:%d] to be finished result=%d", m_addr_str.c_str(), m_port,
                         get_result());
                 return;
             }
-            const MORL_SOCKET s = socket_fd();
-            if (is_writable(s)) {
+            if (wait_connect_end(m_sleep_ms, nullptr)) {
                 int err = 0;
-                const int ret = read_so_error(s, err);
+                const int ret = read_so_error(socket_fd(), err);
                 if (ret < 0 || err != 0) {
                     set_result(PROBE_FAILED);
                     NT_LOGE("[tcp_detect]leave_thread[%s:%d] MORL_GetSockOpt failed ret=%d error=%d",
@@ -458,7 +520,6 @@ void PortDetectTCP::detect_recv_thread() {
                 }
                 return;
             }
-            MORL_SleepMs(m_sleep_ms);
             const int64_t span = time_spent(*this, start);
             if (span > 2 * static_cast<int64_t>(m_time_out)) {
                 set_result(PROBE_TIMEOUT);
@@ -492,27 +553,28 @@ void PortDetectTCP::net_detect_recv_thread() {
 
     const uint32_t polls = kNetPollMs / m_sleep_ms;
     for (uint32_t poll = 0; poll < polls; ++poll) {
-        if (m_finish.load() || m_exit.load()) {
+        if (stop_requested()) {
             set_result(PROBE_FAILED);
             NT_LOGI("[net_tcp]leave_thread [%s:%d] to be finished result=%d", m_addr_str.c_str(), m_port, get_result());
             return;
         }
-        const MORL_SOCKET s = socket_fd();
-        if (is_writable(s)) {
+        // The handshake is timed from the connect call to the moment the
+        // socket turned writable.
+        int64_t end_us = 0;
+        if (wait_connect_end(m_sleep_ms, &end_us)) {
             int err = 0;
-            const int ret = read_so_error(s, err);
+            const int ret = read_so_error(socket_fd(), err);
             if (ret < 0 || err != 0) {
                 set_result(PROBE_FAILED);
                 NT_LOGE("[net_tcp]leave_thread [%s:%d] MORL_GetSockOpt failed ret=%d error=%d", m_addr_str.c_str(),
                         m_port, ret, err);
             } else {
-                set_delay(static_cast<uint32_t>(time_spent(*this, start)));
+                set_delay(delay_ms(m_sent_us.load(), end_us));
                 set_result(PROBE_REACHED);
                 NT_LOGI("[net_tcp]leave_thread [%s:%d] delay=%d(ms) success", m_addr_str.c_str(), m_port, get_delay());
             }
             return;
         }
-        MORL_SleepMs(m_sleep_ms);
         const int64_t span = time_spent(*this, start);
         if (span > kNetClockLimitMs) {
             set_result(PROBE_TIMEOUT);
@@ -539,16 +601,15 @@ void PortDetectTCP::detect_recv_proxy_thread() {
             get_local_port(), svr, m_port, kProxySleepMs);
 
     for (uint32_t poll = 0; poll < kProxyPolls; ++poll) {
-        if (m_finish.load() || m_exit.load()) {
+        if (stop_requested()) {
             set_result(PROBE_FAILED);
             NT_LOGI("[tcp_detect_proxy]leave_thread port=%d loc[%x:%d] svr[%s:%d] to be finished result=%d",
                     m_proxy_dst_port, loc, get_local_port(), svr, m_port, get_result());
             return;
         }
-        const MORL_SOCKET s = socket_fd();
-        if (is_writable(s)) {
+        if (wait_connect_end(kProxySleepMs, nullptr)) {
             int err = 0;
-            const int ret = read_so_error(s, err);
+            const int ret = read_so_error(socket_fd(), err);
             if (ret < 0 || err != 0) {
                 set_result(PROBE_FAILED);
                 NT_LOGE("[tcp_detect_proxy]leave_thread port=%d loc[%x:%d] svr[%s:%d] MORL_GetSockOpt failed "
@@ -564,14 +625,15 @@ void PortDetectTCP::detect_recv_proxy_thread() {
                 NT_LOGI("[tcp_detect_proxy]leave_thread");
                 return;
             }
-            set_delay(static_cast<uint32_t>(time_spent(*this, start)));
+            // From the connect call to the proxy's answer: the handshake
+            // with the proxy and the whole CONNECT exchange.
+            set_delay(delay_ms(m_sent_us.load(), get_runtime_us()));
             NT_LOGI("[tcp_detect_proxy] spend_time port=%d loc[%x:%d] svr[%s:%d] delay=%d(ms) success",
                     m_proxy_dst_port, loc, get_local_port(), svr, m_port, get_delay());
             set_result(PROBE_REACHED);
             NT_LOGI("[tcp_detect_proxy]leave_thread");
             return;
         }
-        MORL_SleepMs(kProxySleepMs);
         const int64_t span = time_spent(*this, start);
         if (span > kProxyClockLimitMs) {
             set_result(PROBE_TIMEOUT);
@@ -650,15 +712,45 @@ bool PortDetectICMP::is_icmp_response(int length) {
 
 void PortDetectICMP::net_detect_send_thread() {
     int i = 0;
+    // Each echo's time is taken as it is handed to the socket, before the
+    // call, so that a reply read at once still finds it.
     for (; i < kIcmpEchoes - 1; ++i) {
+        m_send_times[i].store(get_runtime_us());
         send_icmp(i);
-        m_send_times[i].store(static_cast<uint32_t>(get_runtime_win()));
         MORL_SleepMs(kIcmpSendGapMs);
         if (m_exit.load()) break;
     }
+    m_send_times[i].store(get_runtime_us());
     send_icmp(i);
-    m_send_times[i].store(static_cast<uint32_t>(get_runtime_win()));
     NT_LOGI("[net_icmp]leave_thread");
+}
+
+PortDetectBase::WaitStep PortDetectICMP::drain_icmp(uint32_t& accepted) {
+    const char* addr = m_addr_str.c_str();
+    for (int n = 0; n < kMaxReadsPerWake; ++n) {
+        const int64_t at_us = get_runtime_us();
+        MORL_SockAddrIn from{};
+        int from_len = sizeof from;
+        const int len = MORL_Recvfrom(socket_fd(), m_buf, sizeof m_buf, 0, &from, &from_len);
+        if (len <= 0) return n == 0 ? WaitStep::kIdle : WaitStep::kMore;
+        if (!is_icmp_response(len)) continue;
+
+        zeph::icmp::EchoHead head;
+        zeph::icmp::read_echo_head(m_buf, static_cast<size_t>(len), head);
+        // Replies are matched by sequence number, in any order. Base + 6
+        // passes the check but belongs to no echo: it is timed as 1 ms and
+        // counts towards the six, as a duplicate does.
+        const int index = head.seq - m_seq_base;
+        const uint32_t delay = index < kIcmpEchoes ? delay_ms(m_send_times[index].load(), at_us) : 1;
+        if (index < kIcmpEchoes) {
+            PortDetectBase* probe = get_probe(index);
+            probe->set_delay(delay);
+            probe->set_result(PROBE_REACHED);
+        }
+        NT_LOGI("[net_icmp]recv_sucess ip[%s] index[%d] time[%d]", addr, index, delay);
+        if (++accepted >= static_cast<uint32_t>(kIcmpEchoes)) return WaitStep::kDone;
+    }
+    return WaitStep::kMore;
 }
 
 void PortDetectICMP::net_detect_recv_thread() {
@@ -668,42 +760,24 @@ void PortDetectICMP::net_detect_recv_thread() {
     uint32_t accepted = 0;
 
     for (uint32_t cycle = 0; cycle < kIcmpPolls; ++cycle) {
-        MORL_SleepMs(kIcmpSleepMs);
+        // Replies are booked as they are read, each timed at its reading.
+        wait_socket(MORL_POLLIN, kIcmpSleepMs, [&](int16_t, int64_t) { return drain_icmp(accepted); });
         const int64_t span = time_spent(*this, start);
         if (span > kNetClockLimitMs) {
             set_result(PROBE_TIMEOUT);
             NT_LOGE("[net_icmp]leave_thread[%s] timeout span_time=%d", addr, static_cast<int>(span));
             return;
         }
-        if (m_finish.load() || m_exit.load()) {
+        if (stop_requested()) {
             set_result(PROBE_TIMEOUT);
             NT_LOGI("[net_icmp]leave_thread[%s] to be finished result=%d", addr, get_result());
             return;
         }
-        if (cycle > kIcmpSoftCheckFrom && cycle % 8 == 0 && span > kIcmpSoftLimitMs) {
+        if (cycle > kIcmpSoftCheckFrom && cycle % kIcmpSoftCheckEvery == 0 && span > kIcmpSoftLimitMs) {
             NT_LOGI("[net_icmp]leave_thread[%s] timeout", addr);
             return;
         }
-
-        MORL_SockAddrIn from{};
-        int from_len = sizeof from;
-        const int len = MORL_Recvfrom(socket_fd(), m_buf, sizeof m_buf, 0, &from, &from_len);
-        if (len <= 0 || !is_icmp_response(len)) continue;
-
-        zeph::icmp::EchoHead head;
-        zeph::icmp::read_echo_head(m_buf, static_cast<size_t>(len), head);
-        const int index = head.seq - m_seq_base;
-        const uint32_t now = static_cast<uint32_t>(get_runtime_win());
-        const uint32_t sent = index < kIcmpEchoes ? m_send_times[index].load() : now;
-        uint32_t delay = now - sent;
-        if (delay == 0) delay = 1;
-        if (index < kIcmpEchoes) {
-            PortDetectBase* probe = get_probe(index);
-            probe->set_delay(delay);
-            probe->set_result(PROBE_REACHED);
-        }
-        NT_LOGI("[net_icmp]recv_sucess ip[%s] index[%d] time[%d]", addr, index, delay);
-        if (++accepted >= static_cast<uint32_t>(kIcmpEchoes)) {
+        if (accepted >= static_cast<uint32_t>(kIcmpEchoes)) {
             NT_LOGI("[net_icmp]leave_thread spend_time [%s] delay=%d(ms) success", addr,
                     static_cast<int>(time_spent(*this, start)));
             return;
