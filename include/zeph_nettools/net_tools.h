@@ -2,9 +2,12 @@
  * zeph_nettools: network detections.
  *
  * Every detection export checks its arguments, starts the detection on
- * library threads and returns at once; the result arrives later through
- * the callback, on a library thread. Results point to records valid for the
- * duration of the callback only.
+ * library threads and returns without waiting for the result; the result
+ * arrives later through the callback, on a library thread. Results point to
+ * records valid for the duration of the callback only. The port detections
+ * (zeph_3port_detect, zeph_any_port_detect) start their probes on the
+ * caller's thread, one after the other, about 10 ms per destination, so they
+ * return after up to about 280 ms for a full record.
  *
  * Addresses in records are IPv4 in network byte order (the first octet of
  * the dotted form in the low byte); ports are in host byte order.
@@ -99,7 +102,10 @@ typedef void (*PortDetectNotify)(void* result);
  * Returns 0, 1 for a null `info`, -1 when a thread could not be started.
  */
 ZEPH_API int32_t zeph_3port_detect(uint32_t num, PortDetectInfo* info, PortDetectNotify notify);
-/* Any-port detection: the open or closed state of every destination. */
+/* Any-port detection: the open or closed state of every destination.
+ * Returns after about 10 ms per destination (the probes' start is paced).
+ * The result reports the counts served: group_num at most 7, detect_num at
+ * most 4 (negative counts as 0). */
 ZEPH_API int32_t zeph_any_port_detect(uint32_t num, PortDetectInfo* info, PortDetectNotify notify);
 
 /* ---- net detection ------------------------------------------------------- */

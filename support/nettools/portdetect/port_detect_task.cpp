@@ -66,7 +66,10 @@ PortDetect::PortDetect(const PortDetectInfo* info, PortDetectNotify notify) {
     m_notify = notify;
 
     // Records with more than 7 groups or 4 entries can't be expressed by
-    // the format; larger counts are held to those limits here.
+    // the format; larger (or negative) counts are held to those limits here,
+    // and the results report the counts that were served.
+    m_info.group_num = static_cast<int32_t>(group_count(m_info));
+    for (PortDetectGroup& group : m_info.groups) group.detect_num = static_cast<int32_t>(entry_count(group));
     const uint32_t groups = group_count(m_info);
     for (uint32_t i = 0; i < groups; ++i) {
         const PortDetectGroup& group = m_info.groups[i];
