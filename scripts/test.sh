@@ -28,6 +28,13 @@ cmake --install build/test --prefix build/install >/dev/null
 cmake -S tests/embed -B build/embed -DCMAKE_PREFIX_PATH="$PWD/build/install" >/dev/null
 cmake --build build/embed -j"$JOBS" >/dev/null
 LD_LIBRARY_PATH="$PWD/build/install/lib" build/embed/embed_check
+# The same through pkg-config, and the installed programs answer --version.
+export PKG_CONFIG_PATH="$PWD/build/install/lib/pkgconfig"
+cc tests/embed/main.c -o build/embed/embed_check_pc $(pkg-config --cflags --libs zeph_nettools)
+LD_LIBRARY_PATH="$PWD/build/install/lib" build/embed/embed_check_pc
+for prog in zeph-nettools zeph-media-peer zeph-udp-relay; do
+  LD_LIBRARY_PATH="$PWD/build/install/lib" "build/install/bin/$prog" --version
+done
 
 stage "build with AddressSanitizer and UndefinedBehaviorSanitizer"
 cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DZEPH_WERROR=ON -DZEPH_SANITIZE=ON -DZEPH_BUILD_BENCH=OFF "${LAUNCHER[@]}" >/dev/null

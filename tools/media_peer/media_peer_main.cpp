@@ -14,9 +14,17 @@
 
 namespace {
 
+const char kUsage[] =
+    "usage: zeph-media-peer [--listen IP:PORT] [--mode echo|sink]\n"
+    "\n"
+    "A media server for the 16-byte private framing: echoes every framed packet\n"
+    "back on its connection (echo, the default) or swallows it (sink). Prints the\n"
+    "port it listens on (127.0.0.1 and a free port unless --listen says) as the\n"
+    "first line, then serves until SIGTERM or SIGINT and prints its counts.\n";
+
 int Usage()
 {
-    std::fprintf(stderr, "usage: zeph-media-peer [--listen IP:PORT] [--mode echo|sink]\n");
+    std::fputs(kUsage, stderr);
     return 2;
 }
 
@@ -29,6 +37,14 @@ int main(int argc, char** argv)
     auto mode = zeph_peers::MediaPeerMode::Echo;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
+        if (arg == "-h" || arg == "--help") {
+            std::fputs(kUsage, stdout);
+            return 0;
+        }
+        if (arg == "--version") {
+            std::puts("zeph-media-peer " ZEPH_NETTOOLS_VERSION);
+            return 0;
+        }
         if (arg == "--listen" && i + 1 < argc) {
             if (!zeph_peers::ParseListenAddress(argv[++i], ip, port)) return Usage();
         } else if (arg == "--mode" && i + 1 < argc) {

@@ -59,9 +59,11 @@ bool parse_pair(const std::string& s, double& up, double& down) {
 bool parse_endpoint(const std::string& s, std::string& ip, uint16_t& port) {
     auto colon = s.rfind(':');
     if (colon == std::string::npos || colon == 0) return false;
-    char* end = nullptr;
-    unsigned long p = std::strtoul(s.c_str() + colon + 1, &end, 10);
-    if (!end || *end || colon + 1 == s.size() || p > 65535) return false;
+    const std::string digits = s.substr(colon + 1);
+    if (digits.empty() || digits.size() > 5 || digits.find_first_not_of("0123456789") != std::string::npos)
+        return false; // no sign, no blank
+    const unsigned long p = std::stoul(digits);
+    if (p > 65535) return false;
     ip = s.substr(0, colon);
     port = uint16_t(p);
     return true;
@@ -76,6 +78,10 @@ int main(int argc, char** argv) {
         std::string a = argv[i];
         if (a == "-h" || a == "--help") {
             std::fputs(kUsage, stdout);
+            return 0;
+        }
+        if (a == "--version") {
+            std::puts("zeph-udp-relay " ZEPH_NETTOOLS_VERSION);
             return 0;
         }
         if (a == "--keep-order") {

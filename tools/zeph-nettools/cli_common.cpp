@@ -8,6 +8,8 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <cctype>
+#include <cerrno>
 #include <cstring>
 #include <deque>
 #include <mutex>
@@ -66,18 +68,31 @@ bool parse_target(const std::string& text, Target& out, std::string& error) {
         t.port = 1;
     } else {
         t.host = hostport.substr(0, colon);
-        std::string p = hostport.substr(colon + 1);
-        char* end = nullptr;
-        unsigned long v = std::strtoul(p.c_str(), &end, 10);
-        if (p.empty() || !end || *end || v == 0 || v > 65535) {
+        if (!parse_port(hostport.substr(colon + 1), t.port)) {
             error = "bad port in '" + text + "' (1..65535)";
             return false;
         }
-        t.port = uint16_t(v);
     }
     if (t.host.empty()) return false;
     out = t;
     error.clear();
+    return true;
+}
+
+bool parse_uint(const std::string& v, uint64_t lo, uint64_t hi, uint64_t& out, int base) {
+    if (v.empty() || v[0] < '0' || v[0] > '9') return false;
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long n = std::strtoull(v.c_str(), &end, base);
+    if (errno || !end || *end || n < lo || n > hi) return false;
+    out = n;
+    return true;
+}
+
+bool parse_port(const std::string& v, uint16_t& out) {
+    uint64_t n = 0;
+    if (!parse_uint(v, 1, 65535, n)) return false;
+    out = uint16_t(n);
     return true;
 }
 
@@ -106,6 +121,76 @@ std::string ipv4_text(uint32_t addr) {
 
 // ---- common options -----------------------------------------------------------------------
 
+namespace {
+
+const char kProxyForms[] = "HOST:PORT[,USER:PASS] or http://[USER:PASS@]HOST:PORT";
+
+// %XX escapes of a URL's user and password, as curl users write them.
+bool percent_decode(const std::string& in, std::string& out) {
+    out.clear();
+    for (size_t i = 0; i < in.size(); ++i) {
+        if (in[i] != '%') {
+            out += in[i];
+            continue;
+        }
+        if (i + 2 >= in.size() || !std::isxdigit(static_cast<unsigned char>(in[i + 1])) ||
+            !std::isxdigit(static_cast<unsigned char>(in[i + 2])))
+            return false;
+        out += char(std::stoi(in.substr(i + 1, 2), nullptr, 16));
+        i += 2;
+    }
+    return true;
+}
+
+// HOST:PORT[,USER:PASS], or the URL form http://[USER:PASS@]HOST:PORT[/].
+bool parse_proxy(std::string v, CommonOptions& opt, std::string& error) {
+    std::string user, pass, hostport;
+    const std::string scheme = "http://";
+    const bool url = v.compare(0, scheme.size(), scheme) == 0;
+    if (url) {
+        v = v.substr(scheme.size());
+        if (!v.empty() && v.back() == '/') v.pop_back();
+        const auto at = v.rfind('@');
+        hostport = at == std::string::npos ? v : v.substr(at + 1);
+        if (at != std::string::npos) {
+            const std::string cred = v.substr(0, at);
+            const auto c = cred.find(':');
+            if (c == std::string::npos || c == 0 || !percent_decode(cred.substr(0, c), user) ||
+                !percent_decode(cred.substr(c + 1), pass)) {
+                error = "bad proxy credentials in the URL, expected USER:PASS@ (with %XX escapes)";
+                return false;
+            }
+        }
+    } else {
+        const auto comma = v.find(',');
+        hostport = v.substr(0, comma);
+        if (comma != std::string::npos) {
+            const std::string cred = v.substr(comma + 1);
+            const auto c = cred.find(':');
+            if (c == std::string::npos || c == 0) {
+                error = "bad proxy credentials, expected USER:PASS";
+                return false;
+            }
+            user = cred.substr(0, c);
+            pass = cred.substr(c + 1);
+        }
+    }
+    const auto colon = hostport.rfind(':');
+    uint16_t port = 0;
+    if (colon == std::string::npos || colon == 0 || hostport.find('@') != std::string::npos ||
+        !parse_port(hostport.substr(colon + 1), port)) {
+        error = std::string("bad --proxy value, expected ") + kProxyForms;
+        return false;
+    }
+    opt.proxy_host = hostport.substr(0, colon);
+    opt.proxy_port = port;
+    opt.proxy_user = user;
+    opt.proxy_pass = pass;
+    return true;
+}
+
+} // namespace
+
 OptResult take_common_option(int argc, char** argv, int& i, CommonOptions& opt, std::string& error) {
     std::string a = argv[i];
     if (a == "--json") {
@@ -118,32 +203,11 @@ OptResult take_common_option(int argc, char** argv, int& i, CommonOptions& opt, 
         opt.help = true;
     } else if (a == "--proxy") {
         if (i + 1 >= argc) {
-            error = "--proxy needs HOST:PORT[,USER:PASS]";
+            error = std::string("--proxy needs ") + kProxyForms;
             return OptResult::Bad;
         }
-        std::string v = argv[++i];
-        std::string cred;
-        auto comma = v.find(',');
-        if (comma != std::string::npos) {
-            cred = v.substr(comma + 1);
-            v = v.substr(0, comma);
-            auto c = cred.find(':');
-            if (c == std::string::npos || c == 0) {
-                error = "bad proxy credentials, expected USER:PASS";
-                return OptResult::Bad;
-            }
-            opt.proxy_user = cred.substr(0, c);
-            opt.proxy_pass = cred.substr(c + 1);
-        }
-        auto colon = v.rfind(':');
-        char* end = nullptr;
-        unsigned long port = colon == std::string::npos ? 0 : std::strtoul(v.c_str() + colon + 1, &end, 10);
-        if (colon == std::string::npos || colon == 0 || !end || *end || port == 0 || port > 65535) {
-            error = "bad --proxy '" + v + "', expected HOST:PORT[,USER:PASS]";
-            return OptResult::Bad;
-        }
-        opt.proxy_host = v.substr(0, colon);
-        opt.proxy_port = uint16_t(port);
+        // The value may hold a password: no error line repeats it.
+        if (!parse_proxy(argv[++i], opt, error)) return OptResult::Bad;
     } else {
         return OptResult::NotMine;
     }

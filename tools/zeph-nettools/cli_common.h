@@ -41,6 +41,11 @@ const char* proto_name(uint8_t protocol); // "tcp", "udp", "icmp"
 // "HOST:PORT/tcp|udp|icmp" or "HOST/icmp" (the echo needs no port; the
 // library still wants a non-zero one, so 1 is used).
 bool parse_target(const std::string& text, Target& out, std::string& error);
+// A whole number of lo..hi written with digits only (base 0: also 0x...):
+// no sign, no blank, no overflow.
+bool parse_uint(const std::string& v, uint64_t lo, uint64_t hi, uint64_t& out, int base = 10);
+// A port, 1..65535, digits only.
+bool parse_port(const std::string& v, uint16_t& out);
 // Dotted text or a name to IPv4 in network byte order (A records only).
 bool resolve_ipv4(const std::string& host, uint32_t& addr);
 std::string ipv4_text(uint32_t addr);

@@ -399,16 +399,6 @@ void print_table(const MediaPlan& plan, const std::vector<StreamRun>& runs, doub
     out(s);
 }
 
-bool parse_uint(const std::string& v, uint64_t lo, uint64_t hi, uint64_t& out) {
-    if (v.empty() || v[0] < '0' || v[0] > '9') return false;
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long long n = std::strtoull(v.c_str(), &end, 10);
-    if (errno || !end || *end || n < lo || n > hi) return false;
-    out = n;
-    return true;
-}
-
 bool parse_real(const std::string& v, double lo, double hi, double& out) {
     if (v.empty() || ((v[0] < '0' || v[0] > '9') && v[0] != '.')) return false;
     char* end = nullptr;
@@ -631,8 +621,8 @@ int cmd_media(int argc, char** argv) {
     }
     if (server.empty()) return usage_error(cmd, "missing --server IP:PORT");
     const auto colon = server.rfind(':');
-    uint64_t port = 0;
-    if (colon == std::string::npos || colon == 0 || !parse_uint(server.substr(colon + 1), 1, 65535, port))
+    uint16_t port = 0;
+    if (colon == std::string::npos || colon == 0 || !parse_port(server.substr(colon + 1), port))
         return usage_error(cmd, "bad --server '" + server + "', expected IP:PORT with a port of 1..65535");
     if (haveUser != havePass) return usage_error(cmd, "--proxy-user and --proxy-pass go together");
     if (haveUser) {
@@ -649,7 +639,7 @@ int cmd_media(int argc, char** argv) {
         m.rate = double(rate);
         plan.streams.push_back(m);
     }
-    plan.port = uint16_t(port);
+    plan.port = port;
 
     std::string problem = apply_common(opt);
     if (!problem.empty()) return usage_error(cmd, problem);

@@ -154,9 +154,8 @@ int cmd_net(int argc, char** argv) {
                         return usage_error(cmd, "--servers needs six comma-separated names, got " +
                                                     std::to_string(servers.size()));
                 } else {
-                    char* end = nullptr;
-                    context = std::strtoull(v.c_str(), &end, 0);
-                    if (v.empty() || v[0] == '-' || !end || *end) return usage_error(cmd, "bad --context '" + v + "'");
+                    if (!parse_uint(v, 0, UINT64_MAX, context, 0))
+                        return usage_error(cmd, "bad --context '" + v + "' (0..18446744073709551615, or 0x...)");
                     with_context = true;
                 }
                 continue;

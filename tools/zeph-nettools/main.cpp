@@ -24,7 +24,8 @@ const char kHelp[] =
     "  media  a media session: streams packets to a server, tells what came back\n"
     "  demo   runs the detections and a media session against peers on loopback\n"
     "\n"
-    "`zeph-nettools <command> --help` tells more. Common options: --json (one\n"
+    "`zeph-nettools <command> --help` tells more; `zeph-nettools --version` the\n"
+    "release. Common options: --json (one\n"
     "JSON object per result on stdout), -v / -vv (the library's log lines on\n"
     "stderr, hidden by default).\n"
     "Exit status: 0 done, 1 a detection or session could not start, 2 bad arguments.\n";
@@ -36,6 +37,10 @@ int main(int argc, char** argv) {
     const std::string cmd = argv[1];
     if (cmd == "-h" || cmd == "--help" || cmd == "help") {
         cli::out(kHelp);
+        return cli::kExitOk;
+    }
+    if (cmd == "--version") {
+        cli::out("zeph-nettools " ZEPH_NETTOOLS_VERSION "\n");
         return cli::kExitOk;
     }
     if (cmd == "port") return cli::cmd_port(argc - 2, argv + 2);
