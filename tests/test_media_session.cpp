@@ -167,14 +167,20 @@ TEST(MediaSessionChannels, CountsRingsAndRepeatedCreates)
     EXPECT_EQ(s.Create(kAudio, 9), 0);
     EXPECT_EQ(s.Info(kAudio)->sockMgr.size(), 4u);
 
-    // No channel at all: nothing is stored, but the session was made; its
-    // one close lets it go.
-    MediaSession none(1123);
-    EXPECT_EQ(none.Create(kAudio, 0), MEDIA_SOCKET_ERRCODE_CREATE_SOCKET);
-    EXPECT_EQ(none.Info(kAudio), nullptr);
-    ASSERT_NE(none.Object(), nullptr);
-    EXPECT_EQ(none.Close(kAudio), MEDIA_SOCKET_ERRCODE_NO_CREATE);
-    EXPECT_EQ(none.Object(), nullptr);
+    // No channel at all, or a bad type: nothing is stored, and a session
+    // made for it gives its slot back at once. Six such calls used to lock
+    // every new id out.
+    for (uint32_t id = 1123; id < 1123 + 6; ++id) {
+        EXPECT_EQ(MORL_MediaCreateSocket(id, kAudio, 0), MEDIA_SOCKET_ERRCODE_CREATE_SOCKET);
+        EXPECT_EQ(MORL_MediaCreateSocket(id, 9, 1), MEDIA_SOCKET_ERRCODE_INVALID_PARAM);
+        EXPECT_EQ(MORL_MediaCloseSocket(id, kAudio), MEDIA_SOCKET_ERRCODE_NOT_FOUND_MEDIA_SOCKET);
+    }
+    EXPECT_TRUE(MediaLog::WaitFor({"SocketRecvThread leave. session id: 1128"}, 4000)) << "its threads end";
+    MediaSession after(1130);
+    EXPECT_EQ(after.Create(kData, 1), 0);
+    // A session that holds a media type keeps its slot when a later create fails.
+    EXPECT_EQ(after.Create(kAudio, 0), MEDIA_SOCKET_ERRCODE_CREATE_SOCKET);
+    EXPECT_NE(after.Object(), nullptr);
 }
 
 TEST(MediaSessionConnect, BadTargetsFailEveryChannelAndStartNothing)

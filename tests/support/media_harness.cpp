@@ -257,7 +257,7 @@ void MediaSession::EventCallback(uint32_t sessionId, uint32_t mediaType, MediaEv
 
 // ---- listener with a short queue ------------------------------------------------------------
 
-BacklogListener::BacklogListener(int backlog)
+BacklogListener::BacklogListener(int backlog, uint16_t port)
 {
     fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     // Another server may take the port once this one is gone.
@@ -266,6 +266,7 @@ BacklogListener::BacklogListener(int backlog)
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(port);
     socklen_t len = sizeof addr;
     if (fd_ < 0 || ::bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd_, backlog) != 0 ||
         ::getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {

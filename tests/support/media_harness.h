@@ -105,7 +105,8 @@ private:
 // new connects are refused while the accepted ones live on.
 class BacklogListener {
 public:
-    explicit BacklogListener(int backlog);
+    // port 0 takes a free one.
+    explicit BacklogListener(int backlog, uint16_t port = 0);
     ~BacklogListener();
     BacklogListener(const BacklogListener&) = delete;
     BacklogListener& operator=(const BacklogListener&) = delete;

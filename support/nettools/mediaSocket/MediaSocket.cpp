@@ -28,6 +28,13 @@ constexpr uint64_t kLogGapMs = 1000;
 constexpr int kSlowStartCount = 100;
 constexpr uint32_t kSlowStartIntervalMs = 50;
 constexpr uint32_t kStunPacketMax = 256;
+// Repairs waiting for the repair thread, per session: one per media type
+// and a few channel events; what does not fit is raised again by the path
+// that found the damage.
+constexpr size_t kMaxRepairJobs = 16;
+// How long the repair thread waits before it looks again at a media type
+// that another thread is connecting.
+constexpr int kRepairRetryMs = 10;
 
 std::atomic<bool> g_earlyWake{true};
 
@@ -269,11 +276,12 @@ MediaSocket::MediaSocket(uint32_t id) : sessionId(id)
     recvRunning = true;
     recvThread = std::thread(&MediaSocket::SocketRecvThread, this);
     sendRunning = true;
+    repairRunning = true;
     try {
         sendThread = std::thread(&MediaSocket::SocketSendThread, this);
+        repairThread = std::thread(&MediaSocket::RepairThread, this);
     } catch (...) {
-        recvRunning = false;
-        recvThread.join();
+        MediaStopThread();
         throw;
     }
 }
@@ -287,8 +295,10 @@ MediaSocket::~MediaSocket()
 bool MediaSocket::IsSessionThread() const
 {
     const auto self = std::this_thread::get_id();
-    return self == recvThread.get_id() || self == sendThread.get_id();
+    return self == recvThread.get_id() || self == sendThread.get_id() || self == repairThread.get_id();
 }
+
+bool MediaSocket::IsRepairThread() const { return std::this_thread::get_id() == repairThread.get_id(); }
 
 int32_t MediaSocket::MediaStopThread()
 {
@@ -297,6 +307,19 @@ int32_t MediaSocket::MediaStopThread()
     // Joining a thread from itself is impossible; the session's owner makes
     // sure the destructor never runs there, and should it happen all the
     // same the thread is let go instead.
+    {
+        std::lock_guard<std::mutex> g(repairMutex);
+        repairRunning = false;
+        repairJobs.clear();
+    }
+    repairCond.notify_all();
+    if (repairThread.joinable()) {
+        if (repairThread.get_id() == self) {
+            repairThread.detach();
+        } else {
+            repairThread.join();
+        }
+    }
     recvRunning = false;
     if (recvThread.joinable()) {
         if (recvThread.get_id() == self) {
@@ -445,18 +468,32 @@ int32_t MediaSocket::MediaCreateSocket(uint32_t mediaType, uint32_t count)
         MEDIA_LOGW << "Create socket error. session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
         return MEDIA_SOCKET_ERRCODE_CREATE_SOCKET;
     }
+    // Every channel gets its socket, or none does: a media type that cannot
+    // have all its sockets (descriptors used up) is not made.
+    std::vector<int32_t> socks;
     for (const auto& ch : info->sockMgr) {
+        const int32_t sock = ch ? NewChannelSock(mediaType) : MORL_INVALID_SOCKET;
+        if (ch && sock == MORL_INVALID_SOCKET) {
+            for (int32_t made : socks) {
+                if (made != MORL_INVALID_SOCKET) {
+                    MORL_CloseSocket(made);
+                }
+            }
+            MEDIA_LOGW << "Create socket error. session id: " << sessionId
+                       << ", mediaType: " << GetMediaTypeName(mediaType) << ", error: " << MORL_GetLastSocketErr();
+            return MEDIA_SOCKET_ERRCODE_CREATE_SOCKET;
+        }
+        socks.push_back(sock);
+    }
+    for (size_t i = 0; i < info->sockMgr.size(); ++i) {
+        const auto& ch = info->sockMgr[i];
         if (!ch) {
             continue;
         }
-        int32_t sock = MORL_Socket(MORL_AF_INET, MORL_SOCK_STREAM, MORL_IPPROTO_TCP);
-        MEDIA_LOGI << "create sock! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType)
-                   << ", sock: " << sock;
-        SetSockAttribute(sock);
         {
             std::lock_guard<std::mutex> barrier(ch->mutex);
         }
-        ch->sock = sock;
+        ch->sock = socks[i];
         ch->mediaType = mediaType;
     }
     {
@@ -469,6 +506,18 @@ int32_t MediaSocket::MediaCreateSocket(uint32_t mediaType, uint32_t count)
     MEDIA_LOGI << "Create socket succ. session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType)
                << ", sock nums: " << info->sockMgr.size() << ", default nums: " << defaults;
     return 0;
+}
+
+int32_t MediaSocket::NewChannelSock(uint32_t mediaType)
+{
+    const int32_t sock = MORL_Socket(MORL_AF_INET, MORL_SOCK_STREAM, MORL_IPPROTO_TCP);
+    MEDIA_LOGI << "create sock! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType)
+               << ", sock: " << sock;
+    if (sock < 0) {
+        return MORL_INVALID_SOCKET;
+    }
+    SetSockAttribute(sock);
+    return sock;
 }
 
 int32_t MediaSocket::MediaConnect(int32_t sock, const std::string& address, uint16_t port, const std::string& domain)
@@ -575,20 +624,36 @@ int32_t MediaSocket::MediaCreateChannel(uint32_t mediaType, const std::string& a
                    << ", mediaType: " << GetMediaTypeName(mediaType);
         return MEDIA_SOCKET_ERRCODE_FAILED;
     }
+    // A channel that is connected stays on its connection, and whatever it
+    // is receiving goes on; the others connect, with a new socket where a
+    // failed connect closed the old one.
+    std::vector<std::shared_ptr<SockChannel>> toConnect;
+    bool kept = false;
     for (const auto& ch : info->sockMgr) {
-        if (ch) {
-            ch->state = SockChannel::Connecting;
+        if (!ch) {
+            continue;
         }
+        if (ch->state == SockChannel::Connected && ch->sock != MORL_INVALID_SOCKET) {
+            kept = true;
+            continue;
+        }
+        ch->state = SockChannel::Connecting;
+        toConnect.push_back(ch);
     }
     info->SetServer(address, port, domain);
 
     // All channels connect at once; each thread touches only its channel.
     std::vector<std::thread> connects;
-    for (const auto& ch : info->sockMgr) {
-        if (!ch) {
-            continue;
-        }
+    for (const auto& ch : toConnect) {
         ch->connectRet = 0;
+        if (ch->sock == MORL_INVALID_SOCKET) {
+            const int32_t made = MediaCreateSocketOfSockChan(ch);
+            if (made != 0) {
+                ch->connectRet = made;
+                ch->state = SockChannel::Closed;
+                continue;
+            }
+        }
         try {
             connects.emplace_back(&MediaSocket::ConnectChannel, this, info, ch, address, port, domain);
         } catch (const std::exception& e) {
@@ -623,17 +688,14 @@ int32_t MediaSocket::MediaCreateChannel(uint32_t mediaType, const std::string& a
         return lastRet;
     }
 
-    // What was queued for the old connections is stale now.
+    // What was queued for the old connections is stale now, unless a
+    // connection it was meant for is still there to carry it. A channel
+    // connected anew drops what its ring held before its first new bytes.
     auto ring = info->GetSendBuffer();
-    if (ring && ring->GetUsedSize() > 0) {
+    if (!kept && ring && ring->GetUsedSize() > 0) {
         {
             std::lock_guard<std::mutex> g(info->mutex);
             ring->Clear();
-        }
-        for (const auto& ch : info->sockMgr) {
-            if (ch) {
-                ch->recvReset = true;
-            }
         }
         DoEventCallback(info, MediaEventInfo{3, 0});
     }
@@ -646,7 +708,10 @@ int32_t MediaSocket::MediaCreateChannel(uint32_t mediaType, const std::string& a
         const auto ch = k < info->sockMgr.size() ? info->sockMgr[k] : nullptr;
         SetFd(i, ch ? ch->sock.load() : MORL_INVALID_SOCKET, kPollReadEvents);
     }
-    if (mediaType != 3 && mediaType != 4) {
+    const bool connectedAnew = std::any_of(toConnect.begin(), toConnect.end(), [](const std::shared_ptr<SockChannel>& ch) {
+        return ch->state == SockChannel::Connected;
+    });
+    if (connectedAnew && mediaType != 3 && mediaType != 4) {
         MediaSocketTcpAccelerateSlowStart(mediaType);
     }
     MEDIA_LOGI << "Create connect succ. session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType)
@@ -802,7 +867,7 @@ void MediaSocket::MediaSocketTcpAccelerateSlowStart(uint32_t mediaType)
         uint32_t channelId = 0;
         uint32_t ret = MORL_StunGetChannelId(key.c_str(), &channelId);
         if (ret != 0) {
-            MEDIA_LOGW << "MORL_StunGetChannelId error! session id: " << id << ", mediaType: " << mediaType
+            MEDIA_LOGW << "MORL_StunGetChannelId error! session id: " << id << ", mediaType: " << GetMediaTypeName(mediaType)
                        << ", ret: " << ret;
             return;
         }
@@ -942,14 +1007,22 @@ int32_t MediaSocket::MediaSend(uint32_t pktType, uint32_t mediaType, const uint8
         MEDIA_LOGE << "Invalid param! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
         return MEDIA_SOCKET_ERRCODE_INVALID_PARAM;
     }
+    // The head's 16-bit length and the reader's 2048-byte packet bound the
+    // body: a longer one would wrap the length and let the body's own bytes
+    // pass for packets of their own.
+    if (length > static_cast<uint32_t>(kMaxMediaBodySize) || (data == nullptr && length != 0)) {
+        MEDIA_LOGE << "Invalid param! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType)
+                   << ", len: " << length << ", data is null: " << (data == nullptr);
+        return MEDIA_SOCKET_ERRCODE_INVALID_PARAM;
+    }
     auto info = GetSocketInfo(mediaType);
     if (!info) {
         MEDIA_LOGW << "sockInfo is nullptr, session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
         return MEDIA_SOCKET_ERRCODE_NO_CREATE;
     }
     if (!info->AnyOpenSocket()) {
-        // Every channel is closed: try the whole media type again, within
-        // its limits. This blocks the caller for the connect.
+        // Every channel is closed: the repair thread tries the whole media
+        // type again, within its limits; this packet finds no channel.
         DoEventCallback(info, MediaEventInfo{8, static_cast<uint32_t>(MEDIA_SOCKET_ERRCODE_NO_SOCKET)});
     }
     if (!info->AnyConnected()) {
@@ -989,7 +1062,7 @@ int32_t MediaSocket::MediaSend(uint32_t pktType, uint32_t mediaType, const uint8
                        << ", len: " << kPrivateHeadSize;
             result = MEDIA_SOCKET_ERRCODE_WRITE_BUFFER;
         } else {
-            const int32_t bodyLen = data != nullptr ? ring->Write(data, static_cast<int32_t>(length)) : 0;
+            const int32_t bodyLen = length != 0 ? ring->Write(data, static_cast<int32_t>(length)) : 0;
             if (bodyLen < static_cast<int32_t>(length)) {
                 MEDIA_LOGW << "Write Body error! session id: " << sessionId
                            << ", mediaType: " << GetMediaTypeName(mediaType) << ", write len: " << bodyLen
@@ -1254,6 +1327,7 @@ void MediaSocket::SocketRecvThread()
             local[i].revents = 0;
         }
         const int nready = MORL_Poll(local, kMediaFdCount, kRecvPollTimeoutMs);
+        FlushDirtyData();
         if (nready == 0) {
             continue;
         }
@@ -1449,29 +1523,13 @@ void MediaSocket::DoEventCallback(const std::shared_ptr<SocketInfo>& info, Media
     if (event.eventId == 3) {
         ClearSendBuffer(info);
     } else if (event.eventId == 8) {
-        ReCreateGuard guard(*info);
-        if (!guard) {
-            return; // a re-creation is under way: it answers this event too
-        }
-        const uint64_t now = NowMs();
-        uint64_t last = info->lastReCreateTime.load();
-        // The exchange lets one thread through when several find the limits open.
-        if (!IsReCreateTimeLater(now, last) || info->reCreateChannelCount.load() >= kMaxReCreateCount ||
-            !info->lastReCreateTime.compare_exchange_strong(last, now)) {
-            return;
-        }
-        ClearSendBuffer(info);
-        const int32_t count = ++info->reCreateChannelCount;
-        MEDIA_LOGW << "DoEventCallback MediaReCreateChannel! session id: " << sessionId
-                   << ", mediaType: " << GetMediaTypeName(mediaType) << ", eventId: " << event.eventId
-                   << ", errorCode: " << static_cast<int32_t>(event.errorCode)
-                   << ", sockInfoPtr-> reCreateChannelCount: " << count;
-        if (MediaReCreateChannel(mediaType, true) != 0) {
-            MEDIA_LOGW << "DoEventCallback  MediaReCreateChannel error! session id: " << sessionId
-                       << ", mediaType: " << GetMediaTypeName(mediaType) << ", eventId: " << event.eventId
-                       << ", errorCode: " << static_cast<int32_t>(event.errorCode);
-            return;
-        }
+        // The rebuild connects, which takes up to seconds: it runs on the
+        // repair thread, which tells the caller once it has succeeded.
+        RepairJob job;
+        job.mediaType = mediaType;
+        job.event = event;
+        QueueRepair(job);
+        return;
     }
     const MediaEventCallback callback = info->eventCallback.load();
     if (callback != nullptr) {
@@ -1495,7 +1553,15 @@ void MediaSocket::DoEventCallbackOfSockChan(const std::shared_ptr<SockChannel>& 
     if (repairable) {
         ReCreateGuard guard(*info);
         if (!guard) {
-            return; // a re-creation is under way: it answers this event too
+            // Another re-creation is under way; the repair thread takes the
+            // event up once it has ended, unless that one repaired the channel.
+            RepairJob job;
+            job.mediaType = mediaType;
+            job.channel = ch;
+            job.sockAtEvent = ch->sock;
+            job.event = event;
+            QueueRepair(job);
+            return;
         }
         const uint64_t now = NowMs();
         uint64_t last = ch->lastReCreateTime.load();
@@ -1521,6 +1587,108 @@ void MediaSocket::DoEventCallbackOfSockChan(const std::shared_ptr<SockChannel>& 
     if (callback != nullptr) {
         callback(sessionId, mediaType, event);
     }
+}
+
+bool MediaSocket::QueueRepair(const RepairJob& job)
+{
+    {
+        std::lock_guard<std::mutex> g(repairMutex);
+        if (!repairRunning) {
+            return false;
+        }
+        for (const auto& queued : repairJobs) {
+            if (queued.mediaType == job.mediaType && queued.channel == job.channel &&
+                queued.event.eventId == job.event.eventId) {
+                return true;
+            }
+        }
+        if (repairJobs.size() >= kMaxRepairJobs) {
+            return false;
+        }
+        repairJobs.push_back(job);
+    }
+    repairCond.notify_one();
+    return true;
+}
+
+void MediaSocket::RepairThread()
+{
+    MORL_PthreadSetName("MediaRepair");
+    std::unique_lock<std::mutex> lock(repairMutex);
+    while (repairRunning) {
+        if (repairJobs.empty()) {
+            repairCond.wait(lock, [this] { return !repairRunning || !repairJobs.empty(); });
+            continue;
+        }
+        const RepairJob job = repairJobs.front();
+        repairJobs.pop_front();
+        lock.unlock();
+        const RepairOutcome outcome = RunRepair(job);
+        lock.lock();
+        if (outcome == RepairOutcome::Busy && repairRunning) {
+            // Someone else is connecting the media type: look again shortly.
+            repairJobs.push_front(job);
+            repairCond.wait_for(lock, std::chrono::milliseconds(kRepairRetryMs), [this] { return !repairRunning; });
+        }
+    }
+}
+
+MediaSocket::RepairOutcome MediaSocket::RunRepair(const RepairJob& job)
+{
+    if (!job.channel) {
+        return RebuildMediaType(job.mediaType, job.event);
+    }
+    auto info = GetSocketInfo(job.mediaType);
+    if (!info || std::find(info->sockMgr.begin(), info->sockMgr.end(), job.channel) == info->sockMgr.end()) {
+        return RepairOutcome::Done; // closed meanwhile
+    }
+    ReCreateGuard guard(*info);
+    if (!guard) {
+        return RepairOutcome::Busy;
+    }
+    if (job.channel->state == SockChannel::Connected && job.channel->sock != job.sockAtEvent) {
+        return RepairOutcome::Done; // the re-creation that ran gave it a new connection
+    }
+    DoEventCallbackOfSockChan(job.channel, job.event);
+    return RepairOutcome::Done;
+}
+
+MediaSocket::RepairOutcome MediaSocket::RebuildMediaType(uint32_t mediaType, MediaEventInfo event)
+{
+    auto info = GetSocketInfo(mediaType);
+    if (!info) {
+        return RepairOutcome::Done;
+    }
+    ReCreateGuard guard(*info);
+    if (!guard) {
+        return RepairOutcome::Busy;
+    }
+    if (info->AnyOpenSocket()) {
+        return RepairOutcome::Done; // connected again meanwhile
+    }
+    const uint64_t now = NowMs();
+    uint64_t last = info->lastReCreateTime.load();
+    if (!IsReCreateTimeLater(now, last) || info->reCreateChannelCount.load() >= kMaxReCreateCount ||
+        !info->lastReCreateTime.compare_exchange_strong(last, now)) {
+        return RepairOutcome::Done;
+    }
+    ClearSendBuffer(info);
+    const int32_t count = ++info->reCreateChannelCount;
+    MEDIA_LOGW << "DoEventCallback MediaReCreateChannel! session id: " << sessionId
+               << ", mediaType: " << GetMediaTypeName(mediaType) << ", eventId: " << event.eventId
+               << ", errorCode: " << static_cast<int32_t>(event.errorCode)
+               << ", sockInfoPtr-> reCreateChannelCount: " << count;
+    if (MediaReCreateChannel(mediaType, true) != 0) {
+        MEDIA_LOGW << "DoEventCallback  MediaReCreateChannel error! session id: " << sessionId
+                   << ", mediaType: " << GetMediaTypeName(mediaType) << ", eventId: " << event.eventId
+                   << ", errorCode: " << static_cast<int32_t>(event.errorCode);
+        return RepairOutcome::Done;
+    }
+    const MediaEventCallback callback = info->eventCallback.load();
+    if (callback != nullptr) {
+        callback(sessionId, mediaType, event);
+    }
+    return RepairOutcome::Done;
 }
 
 void MediaSocket::CheckAndReCreateChannel(int32_t sock, int16_t revents, int32_t recvLen, int32_t socketError)
@@ -1590,7 +1758,12 @@ int32_t MediaSocket::MediaReCreateChannelOfSockChan(const std::shared_ptr<SockCh
     ClearFdsOfSock(mediaType, ch->sock);
     CloseChannelSock(ch);
     ch->state = SockChannel::Connecting;
-    MediaCreateSocketOfSockChan(ch);
+    const int32_t made = MediaCreateSocketOfSockChan(ch);
+    if (made != 0) {
+        ch->localPort = 0;
+        ch->state = SockChannel::Closed;
+        return made;
+    }
     const int32_t r = MediaCreateChannelOfSockChan(ch, address, port, domain);
     MEDIA_LOGI << "MediaReCreateChannelOfSockChan succ. session id: " << sessionId
                << ", mediaType: " << GetMediaTypeName(mediaType) << ", server addr: " << address << ", port: " << port
@@ -1607,8 +1780,12 @@ int32_t MediaSocket::MediaCreateSocketOfSockChan(const std::shared_ptr<SockChann
     const uint32_t mediaType = ch->mediaType;
     MEDIA_LOGI << "MediaCreateSocketOfSockChan start. session id: " << sessionId
                << ", mediaType: " << GetMediaTypeName(mediaType);
-    const int32_t sock = MORL_Socket(MORL_AF_INET, MORL_SOCK_STREAM, MORL_IPPROTO_TCP);
-    SetSockAttribute(sock);
+    const int32_t sock = NewChannelSock(mediaType);
+    if (sock == MORL_INVALID_SOCKET) {
+        MEDIA_LOGW << "Create socket error. session id: " << sessionId
+                   << ", mediaType: " << GetMediaTypeName(mediaType) << ", error: " << MORL_GetLastSocketErr();
+        return MEDIA_SOCKET_ERRCODE_CREATE_SOCKET;
+    }
     {
         std::lock_guard<std::mutex> barrier(ch->mutex);
     }
@@ -1732,8 +1909,15 @@ int32_t MediaSocket::CheckDirtyData(const std::shared_ptr<SockChannel>& ch)
         return MEDIA_SOCKET_ERRCODE_FAILED;
     }
     const uint32_t len = std::min<uint32_t>(ch->dirtyDataLen, kMaxMediaPacketSize);
-    MEDIA_LOGW << "CheckDirtyData. session id: " << sessionId << ", mediaType: " << GetMediaTypeName(ch->mediaType)
-               << ", dirtyDataLen: " << len << ", dirty info: " << GetHeadText(ch->dirtyData);
+    // A noisy path sends a run of garbage before every packet: one line in
+    // 4096 runs, at most one a second, tells of it.
+    const uint64_t now = NowMs();
+    if ((ch->dirtyRuns++ & kLogEvery) == 0 && now - ch->lastDirtyLogTime >= kLogGapMs) {
+        ch->lastDirtyLogTime = now;
+        MEDIA_LOGW << "CheckDirtyData. session id: " << sessionId << ", mediaType: " << GetMediaTypeName(ch->mediaType)
+                   << ", dirtyDataLen: " << len << ", dirty info: " << GetHeadText(ch->dirtyData)
+                   << ", runs: " << ch->dirtyRuns;
+    }
     for (uint32_t i = 0; i < len; ++i) {
         ch->dirtyData[i] = static_cast<uint8_t>(std::tolower(ch->dirtyData[i]));
     }
@@ -1747,6 +1931,48 @@ int32_t MediaSocket::CheckDirtyData(const std::shared_ptr<SockChannel>& ch)
             }
         }
     }
-    DoEventCallbackOfSockChan(ch, MediaEventInfo{7, len});
+    ch->dirtyBytesUntold += len;
+    dirtyUntold = true;
+    TellDirtyData(ch);
     return 0;
+}
+
+void MediaSocket::TellDirtyData(const std::shared_ptr<SockChannel>& ch)
+{
+    if (ch->dirtyBytesUntold == 0) {
+        return;
+    }
+    // One event per second at most per channel, carrying every byte dropped
+    // since the last one, so that a hostile server cannot flood the caller.
+    const uint64_t now = NowMs();
+    if (now - ch->lastDirtyEventTime.load() < kLogGapMs) {
+        return;
+    }
+    ch->lastDirtyEventTime = now;
+    const uint64_t untold = ch->dirtyBytesUntold.exchange(0);
+    const uint32_t bytes = static_cast<uint32_t>(std::min<uint64_t>(untold, UINT32_MAX));
+    if (bytes != 0) {
+        DoEventCallbackOfSockChan(ch, MediaEventInfo{7, bytes});
+    }
+}
+
+void MediaSocket::FlushDirtyData()
+{
+    if (!dirtyUntold) {
+        return;
+    }
+    bool left = false;
+    for (uint32_t type = 0; type < kMediaTypeCount; ++type) {
+        auto info = GetSocketInfo(type);
+        if (!info) {
+            continue;
+        }
+        for (const auto& ch : info->sockMgr) {
+            if (ch) {
+                TellDirtyData(ch);
+                left = left || ch->dirtyBytesUntold != 0;
+            }
+        }
+    }
+    dirtyUntold = left;
 }

@@ -1,11 +1,14 @@
 // One session of the media transport, and the records under it: one
 // SocketInfo per media type, one SockChannel per TCP connection of that type.
 //
-// Threads of a session: the receive thread ("TCPSocketRecvThread") and the
-// send thread, both started by the constructor and joined by the
-// destructor; in passing, one connect thread per channel (joined before
-// MediaCreateChannel returns) and one detached slow start thread per
-// connect, which reaches the session only through the exports.
+// Threads of a session: the receive thread ("TCPSocketRecvThread"), the
+// send thread and the repair thread ("MediaRepair"), all started by the
+// constructor and joined by the destructor; in passing, one connect thread
+// per channel (joined before MediaCreateChannel returns) and one detached
+// slow start thread per connect, which reaches the session only through the
+// exports. The repair thread rebuilds a media type that a send found without
+// sockets, so that no caller of MORL_MediaSend waits for a connect, and takes
+// up channel repairs that arrived while another re-creation ran.
 //
 // Locks, outermost first, never nested: socketInfoLock (copies of the
 // SocketInfo pointers), SocketInfo::mutex (the send ring and the pkgSeq
@@ -16,6 +19,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -80,6 +84,13 @@ public:
     // empties the ring and drops a partial packet before it takes the first
     // bytes of the new connection, so that it alone touches them.
     std::atomic<bool> recvReset{false};
+    // Thinning of dirty-data reports: runs seen and time of the last
+    // warning (receive thread only); bytes not yet told and time of the last
+    // event, which the receive thread's rounds also flush.
+    uint32_t dirtyRuns = 0;
+    uint64_t lastDirtyLogTime = 0;
+    std::atomic<uint64_t> dirtyBytesUntold{0};
+    std::atomic<uint64_t> lastDirtyEventTime{0};
 
     MediaStatsCounters stats;
 
@@ -106,7 +117,7 @@ public:
     std::atomic<uint64_t> lastReCreateTime{0};
     std::atomic<MediaRecvCallback> recvCallback{nullptr};
     // Receive thread only.
-    std::vector<SortEntry> sortBuffers;
+    SortBuffers sortBuffers;
     // Send thread only.
     uint64_t nextChannel = 0;
 
@@ -222,14 +233,38 @@ public:
     // True on this session's receive or send thread.
     bool IsSessionThread() const;
 
+    // True on this session's repair thread.
+    bool IsRepairThread() const;
+
     // Whether MediaSend wakes an idle send thread at once (default), or the
     // thread finds the packet on its next pass after up to 5 ms. Process-wide;
     // for benchmarks.
     static void SetEarlyWake(bool enabled);
 
 private:
+    // A repair handed to the repair thread: the whole media type (no
+    // channel), or a channel event that found another re-creation running.
+    struct RepairJob {
+        uint32_t mediaType = kMediaTypeUnset;
+        std::shared_ptr<SockChannel> channel;
+        int32_t sockAtEvent = MORL_INVALID_SOCKET;
+        MediaEventInfo event{};
+    };
+    enum class RepairOutcome { Done, Busy };
+
     void SocketRecvThread();
     void SocketSendThread();
+    void RepairThread();
+    // Queues a repair unless the same one already waits; false when the
+    // queue is full or the session is stopping.
+    bool QueueRepair(const RepairJob& job);
+    RepairOutcome RunRepair(const RepairJob& job);
+    RepairOutcome RebuildMediaType(uint32_t mediaType, MediaEventInfo event);
+    // Event 7 for the bytes of dirty data not yet told, at most once per
+    // second per channel.
+    void TellDirtyData(const std::shared_ptr<SockChannel>& channel);
+    void FlushDirtyData();
+    int32_t NewChannelSock(uint32_t mediaType);
     int32_t DoSend(const std::shared_ptr<SocketInfo>& socketInfo, const uint8_t* packet, int32_t length);
     int32_t SendData(int32_t sock, const uint8_t* data, int32_t length);
     void ConnectChannel(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel,
@@ -291,4 +326,12 @@ private:
 
     std::mutex closeMutex;
     std::vector<int32_t> closePending;
+
+    std::thread repairThread;
+    std::mutex repairMutex; // guards the three below
+    std::condition_variable repairCond;
+    std::deque<RepairJob> repairJobs;
+    bool repairRunning = false;
+    // Some channel holds dirty-data bytes not yet told (receive thread).
+    std::atomic<bool> dirtyUntold{false};
 };

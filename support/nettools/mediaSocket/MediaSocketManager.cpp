@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "mediaSocket/MediaLog.h"
+#include "mediaSocket/MediaVocabulary.h"
 #include "os_adapter/morl_os.h"
 
 namespace {
@@ -72,10 +73,11 @@ size_t MediaSocketManager::SessionCount()
 int32_t MediaSocketManager::MediaCreateSocket(uint32_t sessionId, uint32_t mediaType, uint32_t socketCount)
 {
     if (sessionId == 0) {
-        MEDIA_LOGE << "session id is 0, media type: " << mediaType;
+        MEDIA_LOGE << "session id is 0, media type: " << GetMediaTypeName(mediaType);
         return MEDIA_SOCKET_ERRCODE_SESSION_ID_ZERO;
     }
     std::shared_ptr<MediaSocket> session;
+    bool made = false;
     {
         std::unique_lock<std::shared_mutex> g(mediaSocketLock);
         size_t empty = kMaxMediaSessions;
@@ -99,15 +101,62 @@ int32_t MediaSocketManager::MediaCreateSocket(uint32_t sessionId, uint32_t media
                 return MEDIA_SOCKET_ERRCODE_NEW_MEMORY;
             }
             mediaSockets[empty] = session;
+            made = true;
         }
     }
-    return session->MediaCreateSocket(mediaType, socketCount);
+    const int32_t result = session->MediaCreateSocket(mediaType, socketCount);
+    if (result != 0 && made) {
+        // A session whose first media type could not be made holds nothing:
+        // it gives its slot back, unless a concurrent create filled it.
+        bool freed = false;
+        {
+            std::unique_lock<std::shared_mutex> g(mediaSocketLock);
+            if (!session->HasAnySocketInfo()) {
+                for (auto& s : mediaSockets) {
+                    if (s == session) {
+                        s.reset();
+                        freed = true;
+                    }
+                }
+            }
+        }
+        if (freed) {
+            StartClosingThread(std::move(session));
+        }
+    }
+    return result;
+}
+
+void MediaSocketManager::StartClosingThread(std::shared_ptr<MediaSocket> session)
+{
+    const uint32_t sessionId = session->GetSessionId();
+    // The session's threads and any call in flight hold shares, and this
+    // close may itself run in a callback on one of those threads: the
+    // object is let go on a thread of its own once it is the last owner.
+    try {
+        std::thread(&MediaSocketManager::ClosingThread, std::move(session)).detach();
+    } catch (const std::exception& e) {
+        MEDIA_LOGE << "start closing thread failed: " << e.what() << ", session id: " << sessionId;
+    }
+}
+
+void MediaSocketManager::ClosingThread(std::shared_ptr<MediaSocket> held)
+{
+    for (int i = 0; i < kCloseWaitTries; ++i) {
+        if (held.use_count() == 1) {
+            held.reset();
+            break;
+        }
+        MORL_SleepMs(kCloseWaitMs);
+    }
+    MEDIA_LOGI << "MediaSocket destructor end.";
+    held.reset();
 }
 
 int32_t MediaSocketManager::MediaCloseSocket(uint32_t sessionId, uint32_t mediaType)
 {
     if (sessionId == 0) {
-        MEDIA_LOGE << "session id is 0, media type: " << mediaType;
+        MEDIA_LOGE << "session id is 0, media type: " << GetMediaTypeName(mediaType);
         return MEDIA_SOCKET_ERRCODE_SESSION_ID_ZERO;
     }
     std::shared_ptr<MediaSocket> session;
@@ -127,36 +176,23 @@ int32_t MediaSocketManager::MediaCloseSocket(uint32_t sessionId, uint32_t mediaT
     const int32_t result = session->MediaCloseSocket(mediaType);
 
     if (!session->HasAnySocketInfo()) {
-        MEDIA_LOGI << "MediaSocket is empty. free MediaSocket. session id: " << sessionId << ", media type: " << mediaType;
-        // The session's threads and any call in flight hold shares, and this
-        // close may itself run in a callback on one of those threads: the
-        // object is let go on a thread of its own once it is the last owner.
-        try {
-            std::thread([held = session]() mutable {
-                for (int i = 0; i < kCloseWaitTries; ++i) {
-                    if (held.use_count() == 1) {
-                        held.reset();
-                        break;
-                    }
-                    MORL_SleepMs(kCloseWaitMs);
+        MEDIA_LOGI << "MediaSocket is empty. free MediaSocket. session id: " << sessionId << ", media type: " << GetMediaTypeName(mediaType);
+        {
+            std::unique_lock<std::shared_mutex> g(mediaSocketLock);
+            for (auto& s : mediaSockets) {
+                if (s == session) {
+                    s.reset();
                 }
-                MEDIA_LOG_FN(MediaLogLevel::Info, "MediaSocketManager::MediaCloseSocket::<lambda>::operator ()")
-                    << "MediaSocket destructor end.";
-                held.reset();
-            }).detach();
-        } catch (const std::exception& e) {
-            MEDIA_LOGE << "start closing thread failed: " << e.what() << ", session id: " << sessionId;
-        }
-        std::unique_lock<std::shared_mutex> g(mediaSocketLock);
-        for (auto& s : mediaSockets) {
-            if (s == session) {
-                s.reset();
             }
         }
+        StartClosingThread(session);
+        session.reset();
+        // Closing Aux or MS gives the peer a moment before the caller goes
+        // on; every other session keeps working meanwhile.
         if (mediaType == 2 || mediaType == 3) {
             MORL_SleepMs(kCloseSettleMs);
         }
     }
-    MEDIA_LOGI << "MediaCloseSocket end. session id: " << sessionId << ", media type: " << mediaType;
+    MEDIA_LOGI << "MediaCloseSocket end. session id: " << sessionId << ", media type: " << GetMediaTypeName(mediaType);
     return result;
 }

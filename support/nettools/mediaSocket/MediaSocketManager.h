@@ -24,6 +24,10 @@ public:
 
 private:
     MediaSocketManager() = default;
+    // Lets a session out of the table go on a thread of its own.
+    static void StartClosingThread(std::shared_ptr<MediaSocket> session);
+    // Drops the session once it holds the last share, after 3 s at most.
+    static void ClosingThread(std::shared_ptr<MediaSocket> held);
 
     std::shared_ptr<MediaSocket> mediaSockets[kMaxMediaSessions];
     std::shared_mutex mediaSocketLock;
