@@ -1,17 +1,29 @@
 // Port probes against real peers on loopback (coturn, tinyproxy, a scripted
 // UDP peer), and the wire checks that decide what counts as an answer. The
 // detections' tests drive the probes end to end, ICMP included.
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
 #include "inc/icmp_wire.h"
 #include "inc/port_detect.h"
 #include "inc/stun_wire.h"
+#include "net_tools_util/net_tools_util.h"
 #include "peers.h"
 #include "zeph_nettools/settings.h"
 
@@ -24,6 +36,7 @@ struct PortDetectTestAccess {
         p.m_req_id = id;
         p.m_seq_base = base;
     }
+    static void set_origin(PortDetectBase& p, int64_t start) { p.m_start_time = start; }
 };
 using Access = PortDetectTestAccess;
 
@@ -238,4 +251,270 @@ TEST(TcpProbe, ClosedPortAndHttpProxy) {
     EXPECT_EQ(via(refusing, 0)->get_result(), PROBE_PROXY_FAILED);
     EXPECT_EQ(via(refusing, 1)->get_result(), PROBE_PROXY_FAILED);
     EXPECT_EQ(listener.accepts(), 1);
+}
+
+namespace {
+
+// A STUN answer to the request in req (20 bytes or more).
+Bytes answer_to(const uint8_t* req) { return stun_message(req + 8); }
+
+// Fills the accept queue of a listener that never accepts (backlog 0), so
+// that the SYNs which follow are dropped: a destination that stays silent.
+struct SilentListener {
+    int fd = -1;
+    uint16_t port = 0;
+    std::vector<int> fillers;
+    SilentListener() {
+        fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof a;
+        if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&a), len) != 0 || ::listen(fd, 0) != 0 ||
+            ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
+            return;
+        port = ntohs(a.sin_port);
+        for (int i = 0; i < 8; ++i) {
+            const int c = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+            ::connect(c, reinterpret_cast<sockaddr*>(&a), sizeof a);
+            pollfd p{c, POLLOUT, 0};
+            if (::poll(&p, 1, 300) <= 0) { // no answer any more: the queue is full
+                ::close(c);
+                return;
+            }
+            fillers.push_back(c);
+        }
+        port = 0; // never filled
+    }
+    ~SilentListener() {
+        for (int c : fillers) ::close(c);
+        if (fd >= 0) ::close(fd);
+    }
+};
+
+// Runs body in a child process inside a network namespace of its own, with
+// loopback up and echo requests left unanswered. Gives the child's
+// complaints; "skip: ..." when it could not set up.
+std::vector<std::string> in_silent_netns(const std::function<void(std::vector<std::string>&)>& body) {
+    int fds[2];
+    if (::pipe(fds) != 0) return {"pipe failed"};
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::close(fds[0]);
+        std::vector<std::string> out;
+        if (::unshare(CLONE_NEWNET) != 0 || std::system("ip link set lo up") != 0) {
+            out.push_back("skip: no network namespace");
+        } else {
+            const int f = ::open("/proc/sys/net/ipv4/icmp_echo_ignore_all", O_WRONLY);
+            if (f < 0 || ::write(f, "1", 1) != 1) out.push_back("cannot turn echo answering off");
+            if (f >= 0) ::close(f);
+            body(out);
+        }
+        std::string text;
+        for (const auto& line : out) text += line + "\n";
+        if (!text.empty() && ::write(fds[1], text.data(), text.size()) < 0) ::_exit(2);
+        ::_exit(0);
+    }
+    ::close(fds[1]);
+    std::string text;
+    char buf[4096];
+    for (ssize_t n; (n = ::read(fds[0], buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
+    ::close(fds[0]);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    std::vector<std::string> lines;
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) lines.push_back("child ended badly: " + std::to_string(status));
+    for (size_t at = 0, nl; (nl = text.find('\n', at)) != std::string::npos; at = nl + 1)
+        lines.push_back(text.substr(at, nl - at));
+    return lines;
+}
+
+void report(const std::vector<std::string>& complaints) {
+    for (const auto& c : complaints) {
+        if (c.rfind("skip:", 0) == 0) GTEST_SKIP() << c;
+    }
+    for (const auto& c : complaints) ADD_FAILURE() << c;
+}
+
+// Inside the child: a complaint unless lo <= v <= hi.
+void expect_within(std::vector<std::string>& out, const std::string& what, int64_t v, int64_t lo, int64_t hi) {
+    if (v < lo || v > hi)
+        out.push_back(what + " = " + std::to_string(v) + ", not in [" + std::to_string(lo) + ", " + std::to_string(hi) + "]");
+}
+
+// An echo reply for (id, seq) from `from` to `to`, by a raw socket of the test's own.
+bool inject_echo_reply(uint32_t from, uint32_t to, uint16_t id, uint16_t seq) {
+    uint8_t pkt[zeph::icmp::kEchoRequestSize];
+    zeph::ByteWriter w(pkt, sizeof pkt);
+    zeph::icmp::write_echo_request(w, id, seq, 0);
+    pkt[0] = 0; // echo reply
+    pkt[2] = pkt[3] = 0;
+    w.patch_be16(2, zeph::icmp::internet_checksum(pkt, sizeof pkt));
+    const int fd = ::socket(AF_INET, SOCK_RAW, IPPROTO_ICMP);
+    sockaddr_in src{}, dst{};
+    src.sin_family = dst.sin_family = AF_INET;
+    src.sin_addr.s_addr = from;
+    dst.sin_addr.s_addr = to;
+    // Bound to the probe's destination, so that the reply comes from there.
+    const bool ok = fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&src), sizeof src) == 0 &&
+                    ::sendto(fd, pkt, sizeof pkt, 0, reinterpret_cast<sockaddr*>(&dst), sizeof dst) == sizeof pkt;
+    if (fd >= 0) ::close(fd);
+    return ok;
+}
+
+} // namespace
+
+// Clocks read months after their origin. The counter counts nanoseconds:
+// scaled by multiplying first, it overflows after 106 days.
+TEST(ProbeClock, ReadsRightMonthsAfterItsOrigin) {
+    constexpr int64_t kAgoSeconds = 400 * 86400;
+    int64_t now = 0, freq = 0;
+    MORL_QueryPerformanceCounter(&now);
+    MORL_QueryPerformanceFrequency(&freq);
+    const int64_t origin = now - kAgoSeconds * freq;
+    init_runtime_clock();
+    set_runtime_clock_origin(origin);
+    const int64_t module_ms = get_runtime_current();
+    init_runtime_clock();
+    auto probe = std::make_shared<PortDetectUDP>(kLoopback, 9, ZEPH_TRANS_UDP);
+    Access::set_origin(*probe, origin);
+    const int64_t probe_ms = probe->get_runtime_win(), probe_us = probe->get_runtime_us();
+    for (int64_t ms : {module_ms, probe_ms, probe_us / 1000}) {
+        EXPECT_GE(ms, kAgoSeconds * 1000);
+        EXPECT_LT(ms, kAgoSeconds * 1000 + 5000);
+    }
+    // Exact to the unit, rounded down, for any span and frequency.
+    EXPECT_EQ(counter_to_ms(1999999999, 1000000000), 1999);
+    EXPECT_EQ(counter_to_us(INT64_MAX, 1000000000), INT64_MAX / 1000);
+    EXPECT_EQ(counter_to_ms(INT64_MAX / 1000, 3), INT64_MAX / 1000 / 3 * 1000 + 333);
+    EXPECT_EQ(counter_to_ms(INT64_MAX, 3), INT64_MAX); // no count of milliseconds that long
+    EXPECT_EQ(counter_to_us(3000000, INT64_MAX / 2), 0);
+    EXPECT_EQ(counter_to_ms(5, 0), 0);
+}
+
+// A responder of the test's own answers after a set time. The delay runs
+// from the send call to the answer's arrival, not to the next poll's end;
+// and an answer behind 300 stray datagrams is still found in time.
+TEST(UdpProbe, AnswerIsTimedAtArrivalAndFoundBehindStrays) {
+    UdpSocket peer;
+    ASSERT_TRUE(peer.ok());
+    const int delays_ms[] = {14, 33, 0, 0};
+    const int strays[] = {0, 0, 300, 300};
+    std::thread responder([&] {
+        for (size_t k = 0; k < 4; ++k) {
+            uint8_t req[64];
+            std::string ip;
+            uint16_t port = 0;
+            if (peer.recv(req, sizeof req, 3000, &ip, &port) < 20) return;
+            std::this_thread::sleep_until(std::chrono::steady_clock::now() + std::chrono::milliseconds(delays_ms[k]));
+            const Bytes stray = stun_message(Bytes(12, 0x5A).data());
+            for (int i = 0; i < strays[k]; ++i) {
+                peer.send_to(stray.data(), stray.size(), ip, port);
+                if (i % 50 == 49) MORL_SleepMs(1); // paced, so that the probe's buffer keeps up
+            }
+            const Bytes good = answer_to(req);
+            peer.send_to(good.data(), good.size(), ip, port);
+        }
+    });
+    for (int k = 0; k < 2; ++k) {
+        auto probe = started<PortDetectUDP>(peer.port(), 1);
+        ASSERT_EQ(wait_end(*probe, 3000), PROBE_REACHED);
+        EXPECT_GE(probe->get_delay(), static_cast<uint32_t>(delays_ms[k] - 1));
+        EXPECT_LE(probe->get_delay(), static_cast<uint32_t>(delays_ms[k] + 5));
+    }
+    for (uint32_t mode : {1u, 0u}) {
+        const uint64_t t0 = now_ms();
+        EXPECT_EQ(wait_end(*started<PortDetectUDP>(peer.port(), mode), 3000), PROBE_REACHED) << "mode " << mode;
+        EXPECT_LT(now_ms() - t0, 500u) << "mode " << mode;
+    }
+    responder.join();
+}
+
+// A destination that drops every SYN: three cycles of 1000 ms, each a new
+// socket from a new local port, then a timeout; net mode gives up after its
+// 2000 ms of polls.
+TEST(TcpProbe, SilentDestinationThreeCyclesNewPortEach) {
+    SilentListener silent;
+    ASSERT_NE(silent.port, 0) << "accept queue never filled";
+    LogCapture log;
+    const uint64_t t0 = now_ms();
+    auto port_mode = started<PortDetectTCP>(silent.port, 0);
+    auto net_mode = started<PortDetectTCP>(silent.port, 1);
+    std::vector<uint16_t> local_ports;
+    for (uint64_t at : {500u, 1500u, 2500u}) {
+        wait_until([&] { return now_ms() - t0 >= at; }, 3000);
+        local_ports.push_back(port_mode->get_local_port());
+        EXPECT_EQ(port_mode->get_result(), PROBE_RUNNING) << at;
+    }
+    EXPECT_EQ(wait_end(*net_mode, 3000), PROBE_TIMEOUT);
+    EXPECT_EQ(wait_end(*port_mode, 3000), PROBE_TIMEOUT);
+    const uint64_t spent = now_ms() - t0;
+    EXPECT_TRUE(spent >= 2950 && spent < 3800) << spent;
+    EXPECT_TRUE(local_ports[0] != local_ports[1] && local_ports[1] != local_ports[2] && local_ports[0] != local_ports[2])
+        << local_ports[0] << " " << local_ports[1] << " " << local_ports[2];
+    EXPECT_EQ(log.count("] send times="), 3) << log.dump();
+    EXPECT_TRUE(log.contains("[net_tcp]leave_thread [127.0.0.1:" + std::to_string(silent.port) + "] timeout"));
+}
+
+// A handshake is timed from the connect call to its end: on loopback it
+// takes well under a millisecond, even though the connect call is followed
+// by a 10 ms pause before the thread starts. A SYN that is dropped while
+// the listener's queue is full is answered when the kernel sends it again,
+// one second later, and that second is what the probe reads.
+TEST(TcpProbe, HandshakeIsTimedFromConnectCallToItsEnd) {
+    TcpListener listener;
+    SilentListener full;
+    ASSERT_TRUE(listener.ok());
+    ASSERT_NE(full.port, 0) << "accept queue never filled";
+    auto near = started<PortDetectTCP>(listener.port(), 1);
+    auto retried = started<PortDetectTCP>(full.port, 1);
+    EXPECT_EQ(wait_end(*near, 2000), PROBE_REACHED);
+    EXPECT_GE(near->get_delay(), 1u);
+    EXPECT_LE(near->get_delay(), 2u);
+    MORL_SleepMs(300);
+    const int taken = ::accept(full.fd, nullptr, nullptr); // room for the second SYN
+    EXPECT_EQ(wait_end(*retried, 3000), PROBE_REACHED);
+    EXPECT_GE(retried->get_delay(), 999u);
+    EXPECT_LE(retried->get_delay(), 1100u);
+    if (taken >= 0) ::close(taken);
+}
+
+// Nobody answers echoes here but the test. The receiver leaves by its
+// 2000 ms limit with nothing set; at once on a stop request; and after six
+// accepted replies, where a duplicate and the reply to base + 6 count
+// without an echo of their own, and base + 7 is refused.
+TEST(ProbesInOwnNetns, IcmpReceiverExitsAndDuplicateReplies) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root for a network namespace";
+    report(in_silent_netns([](std::vector<std::string>& out) {
+        LogCapture log;
+        const uint32_t silent_addr = ipv4_be("127.0.0.2"), stopped_addr = ipv4_be("127.0.0.3"),
+                       answered_addr = ipv4_be("127.0.0.4");
+        auto silent = std::make_shared<PortDetectICMP>(silent_addr, 443, ZEPH_TRANS_ICMP);
+        auto stopped = std::make_shared<PortDetectICMP>(stopped_addr, 443, ZEPH_TRANS_ICMP);
+        auto answered = std::make_shared<PortDetectICMP>(answered_addr, 443, ZEPH_TRANS_ICMP);
+        Access::set_icmp_ids(*answered, 0x4242, 5000);
+        const uint64_t t0 = now_ms();
+        silent->start_probe(1);
+        stopped->finish();
+        stopped->start_probe(1);
+        answered->start_probe(1);
+        for (uint16_t seq : {5000, 5000, 5006, 5007, 5001, 5002, 5003}) {
+            if (!inject_echo_reply(answered_addr, answered->get_local_addr(), 0x4242, seq))
+                out.push_back("cannot inject a reply");
+        }
+
+        if (!log.wait_for("[net_icmp]leave_thread[127.0.0.3] to be finished result=2", 500)) out.push_back("no stop");
+        if (stopped->get_result() != PROBE_TIMEOUT) out.push_back("a stop did not read as timeout");
+        if (!log.wait_for("[net_icmp]leave_thread spend_time [127.0.0.4]", 1000)) out.push_back("no six replies");
+        const uint32_t want[6] = {PROBE_REACHED, PROBE_REACHED, PROBE_REACHED, PROBE_REACHED, PROBE_IDLE, PROBE_IDLE};
+        for (int i = 0; i < 6; ++i)
+            expect_within(out, "answered echo " + std::to_string(i), answered->get_probe(i)->get_result(), want[i], want[i]);
+        if (log.count("[net_icmp]recv_sucess ip[127.0.0.4]") != 6) out.push_back("not six replies booked");
+
+        if (!log.wait_for("[net_icmp]leave_thread[127.0.0.2] timeout", 3000)) out.push_back("silent probe never left");
+        expect_within(out, "silent probe's time", static_cast<int64_t>(now_ms() - t0), 1950, 2700);
+        for (int i = 0; i < 6; ++i) expect_within(out, "silent echo", silent->get_probe(i)->get_result(), 0, 0);
+        if (out.empty()) return;
+        out.push_back(log.dump());
+    }));
 }

@@ -109,6 +109,9 @@ protected:
     // When the probe left (probe clock, microseconds): the last connect call
     // for TCP, the last request's send call for UDP.
     std::atomic<int64_t> m_sent_us{0};
+    // When the last connect ended, if it did within the pause after the
+    // call; -1 otherwise.
+    std::atomic<int64_t> m_connect_end_us{-1};
 
     friend struct PortDetectTestAccess;
 };

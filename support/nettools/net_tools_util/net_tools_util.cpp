@@ -12,7 +12,7 @@ namespace {
 constexpr int64_t kMsPerSecond = 1000;
 constexpr int64_t kUsPerSecond = 1000000;
 
-// ticks / freq seconds in units of 1/unit second. The remainder is below
+// ticks / freq seconds in units of 1/unit second, rounded toward zero. The remainder is below
 // freq, so remainder * unit stays in range for any counter of up to
 // 9.2e12 ticks a second; faster (or bogus) counters are first divided down
 // to a microsecond rate, which costs nothing that a millisecond clock shows.
@@ -26,6 +26,10 @@ int64_t counter_to_unit(int64_t ticks, int64_t freq, int64_t unit) {
     }
     const int64_t seconds = ticks / freq;
     const int64_t rest = ticks % freq;
+    // Spans that no 64-bit count of the unit can hold (only a very slow
+    // counter has them) saturate.
+    if (seconds >= INT64_MAX / unit) return INT64_MAX;
+    if (seconds <= INT64_MIN / unit) return INT64_MIN;
     return seconds * unit + rest * unit / freq;
 }
 

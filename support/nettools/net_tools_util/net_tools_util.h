@@ -16,8 +16,9 @@ void set_runtime_clock_origin(int64_t start);
 
 // `ticks` of a counter running at `freq` ticks per second, in milliseconds
 // or microseconds. Whole seconds and the remainder are scaled apart, so the
-// result is exact (rounded down) and never overflows: a nanosecond counter
-// multiplied by 1000 would after 106 days. A `freq` below 1 gives 0.
+// result is exact (rounded toward zero) and never overflows: a nanosecond
+// counter multiplied by 1000 would after 106 days. A span too long for 64
+// bits saturates; a `freq` below 1 gives 0.
 int64_t counter_to_ms(int64_t ticks, int64_t freq);
 int64_t counter_to_us(int64_t ticks, int64_t freq);
 // Dotted text of an address in network byte order into out (callers give 32 bytes).

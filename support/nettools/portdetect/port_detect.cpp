@@ -214,9 +214,19 @@ void PortDetectBase::connect_and_read_name() {
     const MORL_SockAddrIn dst = make_sockaddr(m_addr, m_port);
     // A non-blocking connect is under way when this returns; its outcome is
     // read by the thread.
+    m_connect_end_us.store(-1);
     m_sent_us.store(get_runtime_us());
     MORL_Connect(s, &dst, sizeof dst);
-    MORL_SleepMs(kConnectPauseMs);
+    if (m_sock_type == MORL_SOCK_STREAM) {
+        // The pause watches the connect: one that ends within it (a near
+        // destination) is timed when it ended, not when the pause is over.
+        wait_socket(MORL_POLLOUT, kConnectPauseMs, [this](int16_t, int64_t at_us) {
+            m_connect_end_us.store(at_us);
+            return WaitStep::kIdle; // the rest of the pause is slept
+        });
+    } else {
+        MORL_SleepMs(kConnectPauseMs);
+    }
     MORL_SockAddrIn local{};
     int len = sizeof local;
     if (MORL_GetSockName(s, &local, &len) == 0) {
@@ -467,8 +477,9 @@ void PortDetectTCP::resend() {
 }
 
 bool PortDetectTCP::wait_connect_end(uint32_t wait_ms, int64_t* end_us) {
-    return wait_socket(MORL_POLLOUT, wait_ms, [end_us](int16_t, int64_t at_us) {
-        if (end_us) *end_us = at_us;
+    return wait_socket(MORL_POLLOUT, wait_ms, [this, end_us](int16_t, int64_t at_us) {
+        const int64_t seen = m_connect_end_us.load();
+        if (end_us) *end_us = seen >= 0 ? seen : at_us;
         return WaitStep::kDone;
     });
 }
@@ -607,7 +618,8 @@ void PortDetectTCP::detect_recv_proxy_thread() {
                     m_proxy_dst_port, loc, get_local_port(), svr, m_port, get_result());
             return;
         }
-        if (wait_connect_end(kProxySleepMs, nullptr)) {
+        int64_t end_us = 0;
+        if (wait_connect_end(kProxySleepMs, &end_us)) {
             int err = 0;
             const int ret = read_so_error(socket_fd(), err);
             if (ret < 0 || err != 0) {
@@ -617,6 +629,7 @@ void PortDetectTCP::detect_recv_proxy_thread() {
                         m_proxy_dst_port, loc, get_local_port(), svr, m_port, ret, err);
                 return;
             }
+            const int64_t ask_us = get_runtime_us();
             const int connected = http_proxy_connect();
             if (connected != 0) {
                 NT_LOGE("[tcp_detect_proxy] port=%d loc[%x:%d] svr[%s:%d] failed(%d)", m_proxy_dst_port, loc,
@@ -625,9 +638,9 @@ void PortDetectTCP::detect_recv_proxy_thread() {
                 NT_LOGI("[tcp_detect_proxy]leave_thread");
                 return;
             }
-            // From the connect call to the proxy's answer: the handshake
-            // with the proxy and the whole CONNECT exchange.
-            set_delay(delay_ms(m_sent_us.load(), get_runtime_us()));
+            // The handshake with the proxy and the whole CONNECT exchange,
+            // without the time the connected socket waited for this thread.
+            set_delay(delay_ms(0, (end_us - m_sent_us.load()) + (get_runtime_us() - ask_us)));
             NT_LOGI("[tcp_detect_proxy] spend_time port=%d loc[%x:%d] svr[%s:%d] delay=%d(ms) success",
                     m_proxy_dst_port, loc, get_local_port(), svr, m_port, get_delay());
             set_result(PROBE_REACHED);
