@@ -1,0 +1,145 @@
+// The delaying wire is the truth that TCP, ICMP and UDP detections are
+// judged against, so it must forward both ways, delay each direction by what
+// it is told, drop what its loss draw drops, and pair requests with answers
+// in its log. Needs root; skipped otherwise.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "demo_peers.h"
+#include "tun_wire.h"
+
+using zeph_wire::kAddrB;
+using zeph_wire::RoundTrip;
+using zeph_wire::Side;
+using zeph_wire::TunWire;
+using zeph_wire::TunWireConfig;
+using zeph_wire::WireRecord;
+
+namespace {
+
+constexpr int kTimeoutMs = 2000;
+constexpr double kToB = 20, kToA = 10; // different, so a swapped direction shows
+constexpr double kSlackMs = 25;        // scheduling under sanitizers; the bench measures the real figure
+constexpr uint16_t kEchoId = 0x7A11;
+
+std::vector<RoundTrip> of_proto(const std::vector<RoundTrip>& all, uint8_t proto) {
+    std::vector<RoundTrip> out;
+    for (const RoundTrip& rt : all)
+        if (rt.proto == proto) out.push_back(rt);
+    return out;
+}
+
+#define REQUIRE_WIRE()                                                                                                 \
+    do {                                                                                                               \
+        std::string why;                                                                                               \
+        if (!TunWire::permitted(&why)) GTEST_SKIP() << "no namespaces or TUN devices here: " << why;                   \
+    } while (0)
+
+TEST(TunWire, DelaysEachDirectionAndLogsTheRoundTrips) {
+    REQUIRE_WIRE();
+    TunWireConfig cfg;
+    cfg.a_to_b.delay_ms = kToB;
+    cfg.b_to_a.delay_ms = kToA;
+    TunWire wire(cfg);
+    std::string error;
+    ASSERT_EQ(wire.start(&error), 0) << error;
+
+    zeph_peers::TcpAcceptor tcp;
+    zeph_peers::StunResponder stun;
+    ASSERT_EQ(wire.run_in(Side::B, [&] {
+        ASSERT_TRUE(tcp.start(kAddrB, 0, &error)) << error;
+        ASSERT_TRUE(stun.start(kAddrB, 0, &error)) << error;
+    }), 0);
+    ASSERT_NE(tcp.port(), 0);
+
+    double connect_ms = -1, echo_ms = -1, stun_ms = -1;
+    ASSERT_EQ(wire.run_in(Side::A, [&] {
+        connect_ms = zeph_wire::plain_connect_ms(kAddrB, tcp.port(), kTimeoutMs);
+        echo_ms = zeph_wire::plain_echo_ms(kAddrB, kEchoId, 1, kTimeoutMs);
+        stun_ms = zeph_wire::plain_stun_ms(kAddrB, stun.port(), kTimeoutMs);
+    }, &error), 0) << error;
+
+    const double rtt = kToB + kToA;
+    for (double measured : {connect_ms, echo_ms, stun_ms}) {
+        EXPECT_GE(measured, rtt);
+        EXPECT_LT(measured, rtt + kSlackMs);
+    }
+
+    // One request and its answer per protocol; the truth lies between the
+    // applied delays and what the plain client saw.
+    const std::vector<WireRecord> log = wire.take_log();
+    const auto trips = zeph_wire::round_trips(log);
+    const double measured[] = {connect_ms, echo_ms, stun_ms};
+    const uint8_t protos[] = {6, 1, 17};
+    for (int i = 0; i < 3; ++i) {
+        const auto rts = of_proto(trips, protos[i]);
+        ASSERT_EQ(rts.size(), 1u) << "protocol " << int(protos[i]);
+        EXPECT_TRUE(rts[0].answered);
+        EXPECT_GE(rts[0].truth_ms, rtt);
+        EXPECT_LE(rts[0].truth_ms, measured[i]);
+    }
+    for (const WireRecord& r : log) {
+        if (r.dropped) continue;
+        EXPECT_NEAR(r.delay_ms, r.a_to_b ? kToB : kToA, 1e-6);
+    }
+    const auto st = wire.stats();
+    EXPECT_GE(st.a_to_b.forwarded, 3u);
+    EXPECT_GE(st.b_to_a.forwarded, 3u);
+    EXPECT_EQ(st.a_to_b.write_failed + st.b_to_a.write_failed, 0u);
+}
+
+TEST(TunWire, LossDropsRequestsUntilTheImpairmentChanges) {
+    REQUIRE_WIRE();
+    TunWireConfig cfg;
+    cfg.a_to_b.loss = 1;
+    TunWire wire(cfg);
+    std::string error;
+    ASSERT_EQ(wire.start(&error), 0) << error;
+    ASSERT_EQ(wire.enter(Side::A, &error), 0) << error; // this test's process is its own
+
+    constexpr int kLostWaitMs = 200;
+    EXPECT_LT(zeph_wire::plain_echo_ms(kAddrB, kEchoId, 1, kLostWaitMs), 0);
+    auto trips = zeph_wire::round_trips(wire.take_log());
+    ASSERT_EQ(trips.size(), 1u);
+    EXPECT_FALSE(trips[0].answered);
+    EXPECT_GE(wire.stats().a_to_b.dropped, 1u);
+
+    wire.set_impairment({}, {});
+    EXPECT_GE(zeph_wire::plain_echo_ms(kAddrB, kEchoId, 2, kTimeoutMs), 0);
+    trips = zeph_wire::round_trips(wire.take_log());
+    ASSERT_EQ(trips.size(), 1u);
+    EXPECT_TRUE(trips[0].answered);
+}
+
+// A SYN sent again before its SYN-ACK is one handshake, timed from the first
+// copy; an answer nobody asked for pairs with nothing.
+TEST(TunWire, RoundTripsCountARepeatedRequestOnceFromItsFirstCopy) {
+    auto syn = [](bool a_to_b, double at, double delay, uint8_t flags, bool dropped = false) {
+        WireRecord r;
+        r.at_ms = at;
+        r.a_to_b = a_to_b;
+        r.delay_ms = delay;
+        r.dropped = dropped;
+        r.info.proto = 6;
+        r.info.sport = a_to_b ? 40000 : 443;
+        r.info.dport = a_to_b ? 443 : 40000;
+        r.info.tcp_flags = flags;
+        return r;
+    };
+    constexpr uint8_t kSyn = 0x02, kSynAck = 0x12, kAck = 0x10;
+    const std::vector<WireRecord> log = {
+        syn(true, 0, 0, kSyn, true),    // lost
+        syn(true, 1000, 5, kSyn),       // the retransmission
+        syn(false, 1006, 5, kSynAck),   // answer, leaves the wire at 1011
+        syn(true, 1012, 5, kAck),       // not a request
+        syn(false, 1020, 5, kSynAck),   // a repeated answer: nothing left to pair
+    };
+    const auto trips = zeph_wire::round_trips(log);
+    ASSERT_EQ(trips.size(), 1u);
+    EXPECT_TRUE(trips[0].answered);
+    EXPECT_DOUBLE_EQ(trips[0].truth_ms, 1011);
+}
+
+} // namespace
