@@ -1,4 +1,5 @@
-// The audio sort and the statistics helpers, as pure functions.
+// The audio sort as a pure function, its bound under a flood of invented
+// SSRCs, and the statistics helpers.
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -17,14 +18,21 @@ using zeph_test::Bytes;
 using zeph_test::RtpBody;
 using zeph_test::RtpSeqOf;
 
-// One SSRC's worth of sort state and everything it delivered.
+uint32_t RtpSsrcOf(const Bytes& body)
+{
+    uint16_t seq = 0;
+    uint32_t ssrc = 0;
+    return ReadRtpSeqSsrc(body.data(), int32_t(body.size()), seq, ssrc) ? ssrc : 0;
+}
+
+// The sort state of one media type and everything it delivered.
 struct Sorter {
-    std::vector<SortEntry> entries;
+    SortBuffers buffers;
     std::vector<Bytes> out;
 
     void Push(const Bytes& body)
     {
-        SortBufferProcess(entries, body.data(), int32_t(body.size()),
+        SortBufferProcess(buffers, body.data(), int32_t(body.size()),
                           [this](const uint8_t* data, int32_t len) { out.emplace_back(data, data + len); });
     }
     void Push(std::initializer_list<int> seqs, uint32_t ssrc = 0x11223344)
@@ -35,6 +43,14 @@ struct Sorter {
     {
         std::vector<int> s;
         for (const auto& b : out) s.push_back(RtpSeqOf(b));
+        return s;
+    }
+    // Sequence numbers delivered for one SSRC.
+    std::vector<int> Seqs(uint32_t ssrc) const
+    {
+        std::vector<int> s;
+        for (const auto& b : out)
+            if (RtpSsrcOf(b) == ssrc) s.push_back(RtpSeqOf(b));
         return s;
     }
 };
@@ -115,6 +131,49 @@ TEST(MediaSort, WrapAt65535CostsSevenPacketsOfDelayButNothingIsLost)
     std::vector<int> expected{65533, 65534, 65535};
     for (int i = 0; i <= 8; ++i) expected.push_back(i);
     EXPECT_EQ(s.Seqs(), expected);
+}
+
+TEST(MediaSort, AFullTableEvictsTheLeastRecentStreamAndDeliversWhatItHeld)
+{
+    constexpr uint32_t kOld = 0xA0000000, kRecent = 0xB0000000;
+    Sorter s;
+    s.Push({10, 12, 13}, kOld);    // running, 12 and 13 held behind 11
+    s.Push({20, 22}, kRecent);     // running, 22 held behind 21
+    // Fill the table with running streams, each seen after kOld.
+    for (uint32_t i = 2; i < kMaxSortStreams; ++i) {
+        s.Push({1, 2}, i);
+        if (i % 16 == 0) s.Push({23}, kRecent); // held; kRecent stays recent
+    }
+    ASSERT_EQ(s.buffers.size(), kMaxSortStreams);
+    const size_t before = s.out.size();
+
+    s.Push({1}, 0xC0000000); // one more SSRC: kOld goes, what it held comes out
+    EXPECT_EQ(s.buffers.size(), kMaxSortStreams);
+    EXPECT_EQ(s.Seqs(kOld), (std::vector<int>{12, 13}));
+    EXPECT_EQ(s.out.size(), before + 2);
+
+    // kOld starts over: its next packet only opens it again.
+    s.Push({14}, kOld);
+    EXPECT_EQ(s.Seqs(kOld), (std::vector<int>{12, 13}));
+    s.Push({15}, kOld);
+    EXPECT_EQ(s.Seqs(kOld), (std::vector<int>{12, 13, 15}));
+    // kRecent kept its state: 21 closes its gap.
+    s.Push({21}, kRecent);
+    EXPECT_EQ(s.Seqs(kRecent), (std::vector<int>{21, 22, 23}));
+}
+
+TEST(MediaSort, OnePacketSsrcsNeverPushOutARunningStream)
+{
+    constexpr uint32_t kReal = 0x5EA1;
+    Sorter s;
+    s.Push({100, 101}, kReal);
+    s.Push({103}, kReal); // held behind 102
+    // Far more invented SSRCs than the table holds, one packet each, between
+    // two packets of the real stream.
+    for (uint32_t i = 0; i < 10 * kMaxSortStreams; ++i) s.Push({7}, 0xF0000000 + i);
+    EXPECT_EQ(s.buffers.size(), kMaxSortStreams);
+    s.Push({102}, kReal);
+    EXPECT_EQ(s.Seqs(), (std::vector<int>{101, 102, 103})) << "the flood itself delivers nothing";
 }
 
 TEST(MediaStats, CountsByPacketTypeAndTheCallersRecordByOffset)
