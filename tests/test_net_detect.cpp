@@ -16,6 +16,7 @@
 #include "inc/net_detect.h"
 #include "peers.h"
 #include "zeph_nettools/net_tools.h"
+#include "zeph_nettools/settings.h"
 
 using namespace zeph_test;
 
@@ -26,10 +27,34 @@ namespace {
 // may still call in at exit.
 std::mutex& g_mutex = *new std::mutex;
 std::vector<NetDetectResult>& g_records = *new std::vector<NetDetectResult>;
+std::vector<uint64_t>& g_record_times = *new std::vector<uint64_t>; // now_ms() of each callback
 
 void on_result(NetDetectResult* r) {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_records.push_back(*r);
+    g_record_times.push_back(now_ms());
+}
+
+// When the last callback for (num, level) came; 0 if none did.
+uint64_t record_time(uint32_t num, uint32_t level) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    uint64_t at = 0;
+    for (size_t i = 0; i < g_records.size(); ++i) {
+        if (g_records[i].num == num && g_records[i].level == level) at = g_record_times[i];
+    }
+    return at;
+}
+
+// Waits for a log line that is exactly `message`.
+bool wait_line(const LogCapture& log, const std::string& message, int timeout_ms) {
+    return wait_until(
+        [&] {
+            for (const auto& l : log.lines()) {
+                if (l.message == message) return true;
+            }
+            return false;
+        },
+        timeout_ms, 5);
 }
 
 std::vector<NetDetectResult> records(uint32_t num) {
@@ -78,13 +103,15 @@ void set_servers(const std::vector<std::string>& names) {
 }
 
 // Plan `num`'s records by level once every object is freed, so that nothing
-// more can arrive; each of the five levels reported once.
-std::map<uint32_t, NetDetectResult> plan_levels(uint32_t num) {
+// more can arrive; each of the five levels reported once. Only level 3 says
+// whether a proxy was set.
+std::map<uint32_t, NetDetectResult> plan_levels(uint32_t num, uint32_t level3_proxy = 0) {
     EXPECT_TRUE(all_freed(45000)) << "detection objects still alive";
     std::map<uint32_t, NetDetectResult> by_level;
     for (const auto& r : records(num)) {
         EXPECT_TRUE(by_level.emplace(r.level, r).second) << "level " << r.level << " reported twice";
-        EXPECT_TRUE(r.level_num == 7 && r.context == 0 && r.is_proxy == 0) << "level " << r.level;
+        EXPECT_TRUE(r.level_num == 7 && r.context == 0 && r.is_proxy == (r.level == 3 ? level3_proxy : 0))
+            << "level " << r.level << ", is_proxy " << r.is_proxy;
     }
     EXPECT_EQ(by_level.size(), 5u);
     return by_level;
@@ -143,7 +170,8 @@ TEST(NetDetectRules, QosClassBurstReductionAndPortFold) {
 // peer that leaves one request of six unanswered, TCP to a closed port
 // (refused connects are not "reached", so it waits out its 2500 ms), ICMP to
 // loopback, and a transport it does not know (fails at its first poll).
-// Each reports exactly once, and every object is freed.
+// Each reports exactly once, and every object is freed, 2 s after its
+// callback and not before.
 TEST(SingleNetDetect, EachTransportAgainstItsPeer) {
     EXPECT_EQ(zeph_single_net_detect(0x5107, nullptr, 443, ZEPH_TRANS_TCP, on_result), 1);
     EXPECT_EQ(zeph_single_net_detect(0x5107, "127.0.0.1", 0, ZEPH_TRANS_TCP, on_result), 1);
@@ -166,17 +194,22 @@ TEST(SingleNetDetect, EachTransportAgainstItsPeer) {
         }
     });
     const bool icmp = raw_icmp_allowed();
+    const uint16_t closed = closed_tcp_port();
+    LogCapture log;
     auto start = [](uint32_t num, uint16_t port, uint32_t protocol) {
         return zeph_single_net_detect(num, "127.0.0.1", port, protocol, on_result);
     };
     const uint64_t t0 = now_ms();
     EXPECT_EQ(start(0x5101, listener.port(), ZEPH_TRANS_TCP) + start(0x5102, stun.port(), ZEPH_TRANS_UDP) +
-                  start(0x5103, peer.port(), ZEPH_TRANS_UDP) + start(0x5104, closed_tcp_port(), ZEPH_TRANS_TCP) +
+                  start(0x5103, peer.port(), ZEPH_TRANS_UDP) + start(0x5104, closed, ZEPH_TRANS_TCP) +
                   start(0x5106, 443, 3) + (icmp ? start(0x5105, 443, ZEPH_TRANS_ICMP) : 0),
               0);
     EXPECT_TRUE(wait_count(0x5106, 1, 1000));
     EXPECT_TRUE(wait_count(0x5104, 1, 8000));
     EXPECT_GE(now_ms() - t0, 2500u);
+    EXPECT_TRUE(wait_line(log, "[net_detect_base]leave_[127.0.0.1:" + std::to_string(closed) + "]", 5000));
+    const uint64_t freed_after = now_ms() - record_time(0x5104, 1);
+    EXPECT_TRUE(freed_after >= 1950 && freed_after < 3500) << freed_after;
     responder.join();
     ASSERT_TRUE(all_freed(20000)) << "detection objects still alive";
 
@@ -202,10 +235,16 @@ TEST(NetDetectPlan, WithoutServersReportsSevenEmptyRecordsThenFailedLevel3) {
     }
     const uint32_t num = 0x6201;
     const uint64_t context = 0x1122334455667788ULL;
+    LogCapture log;
     ASSERT_EQ(zeph_net_detect_jni(static_cast<int32_t>(num), on_result, context), 0u);
     // The seven come at once, in plan order; then the fold of the port
-    // measurements, which all failed for want of a server.
+    // measurements, which all failed for want of a server. The detection
+    // goes 4 s + 2 s after that last callback, not before.
     ASSERT_TRUE(wait_count(num, 7, 2000));
+    ASSERT_TRUE(wait_count(num, 8, 8000));
+    EXPECT_TRUE(wait_line(log, "[net_detect]leave_", 9000));
+    const uint64_t freed_after = now_ms() - record_time(num, 3);
+    EXPECT_TRUE(freed_after >= 5950 && freed_after < 7500) << freed_after;
     ASSERT_TRUE(all_freed(20000));
     const auto recs = records(num);
     ASSERT_EQ(recs.size(), 8u);
@@ -256,4 +295,31 @@ TEST(NetDetectPlan, FailuresStayInTheirLevelAndLevel3FoldsWhatAnswered) {
     EXPECT_TRUE(clean(by_level[2]));
     EXPECT_TRUE(clean(by_level[3])); // TCP 1124 and UDP 443; UDP 10002 is left out
     EXPECT_TRUE(raw_icmp_allowed() ? clean(by_level[5]) : failed(by_level[5]));
+}
+
+// With a proxy set the TCP measurements go through it; the level 3 record
+// and a single detection say so, the other levels never do.
+TEST(NetDetectPlan, ThroughProxyLevel3AndSingleDetectionSayProxy) {
+    const std::string base = "127.0.0.16";
+    TcpListener tcp1(base + "3", 443), tcp2(base + "4", 443), share(base + "5", 1124), single;
+    if (!tcp1.ok() || !tcp2.ok() || !share.ok() || !single.ok()) GTEST_SKIP() << "cannot bind port 443/1124 on loopback";
+    CoturnServer stun_media;
+    TinyProxy proxy;
+    ASSERT_TRUE(stun_media.start(base + "6", 10002) && proxy.start({443, 1124, single.port()}));
+    ASSERT_EQ(0, zeph_settings_set_http_proxy("127.0.0.1", proxy.port(), nullptr, nullptr));
+    set_servers({base + "1", base + "2", base + "3", base + "4", base + "5", base + "6"});
+
+    const uint32_t num = 0x6204, single_num = 0x6205;
+    ASSERT_EQ(zeph_net_detect(static_cast<int32_t>(num), on_result), 0u);
+    ASSERT_EQ(zeph_single_net_detect(single_num, "127.0.0.1", single.port(), ZEPH_TRANS_TCP, on_result), 0);
+    auto by_level = plan_levels(num, 1);
+    for (uint32_t level : {1u, 2u, 3u}) EXPECT_TRUE(clean(by_level[level])) << level; // UDP 443 is left out of 3
+    const auto recs = records(single_num);
+    ASSERT_EQ(recs.size(), 1u);
+    EXPECT_EQ(recs[0].is_proxy, 1u);
+    EXPECT_TRUE(clean(recs[0]));
+    // Every connect went through the proxy, four to each server.
+    EXPECT_GE(tcp1.accepts() + tcp2.accepts() + share.accepts() + single.accepts(), 16);
+    EXPECT_GE(proxy.log_text().size(), 1u);
+    zeph_settings_set_http_proxy(nullptr, 0, nullptr, nullptr);
 }

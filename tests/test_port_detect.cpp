@@ -131,8 +131,9 @@ TEST(PortDetectCodes, ThreePortTable) {
 // first destination; an unknown mode, or a detection without a callback,
 // calls nobody. Any-port mode gives open flags, or with `notify` the
 // caller's own record with the marks filled in, where an entry without a
-// probe keeps the caller's mark. Every detection and probe is freed 20 s
-// after its end.
+// probe keeps the caller's mark, and counts beyond 7 groups or 4 entries
+// are reported as the 7 and 4 served. Every detection and probe is freed
+// 20 s after its end, not before.
 TEST(PortDetect, EachModeReportsOnceOnTimeThenIsFreed) {
     EXPECT_EQ(1, zeph_3port_detect(1, nullptr, on_result));
     EXPECT_EQ(1, zeph_any_port_detect(1, nullptr, on_any));
@@ -153,6 +154,12 @@ TEST(PortDetect, EachModeReportsOnceOnTimeThenIsFreed) {
     PortDetectInfo whole = make_info({{tcp_open, entry(closed, ZEPH_TRANS_TCP, 1), entry(99, 7, 1), entry(98, 7)}});
     whole.notify = 1;
     std::strcpy(whole.groups[0].entries[0].text + 4, "caller text");
+    PortDetectInfo oversized = make_info({{entry(97, 7)}, {entry(96, 7)}});
+    oversized.group_num = 9;
+    oversized.groups[0].detect_num = 6;
+    oversized.groups[1].detect_num = -1;
+    PortDetectInfo oversized_whole = oversized;
+    oversized_whole.notify = 1;
     auto start = [](uint32_t num, uint32_t type, const std::vector<PortDetectEntry>& entries) {
         PortDetectInfo info = make_info({entries}, type);
         auto detect = std::make_shared<PortDetect>(&info, on_result);
@@ -170,13 +177,17 @@ TEST(PortDetect, EachModeReportsOnceOnTimeThenIsFreed) {
     ASSERT_EQ(0, zeph_any_port_detect(308, &flags, on_any));
     ASSERT_EQ(0, zeph_any_port_detect(309, &whole, on_info));
     ASSERT_EQ(0, zeph_any_port_detect(310, &flags, nullptr));
+    ASSERT_EQ(0, zeph_any_port_detect(311, &oversized, on_any));
+    ASSERT_EQ(0, zeph_any_port_detect(312, &oversized_whole, on_info));
+    const int detections = PortDetect::live_count();
 
     // When each reports, and the code of those with a PortDetectResult (-1: other records).
     const struct {
         uint32_t num, from_ms, to_ms;
         int64_t ret;
     } when[] = {{302, 0, 600, 0x0202}, {305, 0, 600, 1}, {301, 900, 2700, 0x01000202}, {308, 950, 2200, -1},
-                {309, 950, 2200, -1}, {303, 2900, 4500, 0}, {304, 2900, 4500, -1}, {306, 2900, 4500, 0}};
+                {309, 950, 2200, -1}, {303, 2900, 4500, 0}, {304, 2900, 4500, -1}, {306, 2900, 4500, 0},
+                {311, 2900, 4500, -1}, {312, 2900, 4500, -1}};
     for (const auto& w : when) {
         const Call c = wait_call(w.num);
         EXPECT_TRUE(c.at_ms - t0 >= w.from_ms && c.at_ms - t0 < w.to_ms) << w.num << " after " << c.at_ms - t0 << " ms";
@@ -194,8 +205,19 @@ TEST(PortDetect, EachModeReportsOnceOnTimeThenIsFreed) {
     // Probed: open 1, refused 0 over the caller's 1. Not probed: as given.
     EXPECT_EQ((std::vector<int>{e[0].reached, e[1].reached, e[2].reached, e[3].reached}), (std::vector<int>{1, 0, 1, 0}));
     EXPECT_STREQ(e[0].text + 4, "caller text");
+    const auto clamped = wait_call(311).as<AnyPortResult>();
+    EXPECT_EQ(clamped.group_num, 7u);
+    EXPECT_EQ(clamped.groups[0].detect_num, 4u);
+    EXPECT_EQ(clamped.groups[1].detect_num, 0u);
+    const PortDetectInfo clamped_whole = wait_call(312).as<PortDetectInfo>();
+    EXPECT_EQ(clamped_whole.group_num, 7);
+    EXPECT_EQ(clamped_whole.groups[0].detect_num, 4);
+
+    // The first detection ended after t0, so none may go before t0 + 20 s.
+    wait_until([&] { return PortDetect::live_count() < detections; }, 25000, 20);
+    EXPECT_GE(now_ms() - t0, 19900u) << "a detection was freed early";
 
     EXPECT_TRUE(wait_until([] { return PortDetect::live_count() + PortDetectBase::live_count() == 0; }, 25000, 50))
         << PortDetect::live_count() << " detections and " << PortDetectBase::live_count() << " probes left";
-    for (uint32_t num = 301; num <= 310; ++num) EXPECT_EQ(calls(num), num == 307 || num == 310 ? 0 : 1) << num;
+    for (uint32_t num = 301; num <= 312; ++num) EXPECT_EQ(calls(num), num == 307 || num == 310 ? 0 : 1) << num;
 }
