@@ -2,10 +2,16 @@
 // rotation over channels, the send ring under overload, the audio sort on
 // real connections, dirty data from the path, and the counters of it all.
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <cstring>
+#include <map>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -221,6 +227,107 @@ TEST(MediaTransportSend, RotatesOverAudioChannels)
         EXPECT_EQ(ch->stats.recv.Get(PacketCounters::SuccessCount), 3u) << c;
     }
     EXPECT_EQ(s.Stats(kAudio).sendCount, 12u);
+}
+
+// Reads everything a connection got, n bytes, and the kernel's receive time
+// of its last byte (SO_TIMESTAMPNS was set before the bytes came).
+bool ReadAllStamped(int fd, size_t n, Bytes& out, uint64_t& lastNs)
+{
+    out.clear();
+    const uint64_t deadline = now_ms() + 3000;
+    while (out.size() < n && now_ms() < deadline) {
+        uint8_t buf[4096];
+        char control[256];
+        iovec iov{buf, std::min(sizeof buf, n - out.size())};
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof control;
+        const ssize_t got = ::recvmsg(fd, &msg, MSG_DONTWAIT);
+        if (got <= 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            continue;
+        }
+        out.insert(out.end(), buf, buf + got);
+        for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
+            if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_TIMESTAMPNS) {
+                timespec ts{};
+                std::memcpy(&ts, CMSG_DATA(c), sizeof ts);
+                lastNs = uint64_t(ts.tv_sec) * 1000000000u + uint64_t(ts.tv_nsec);
+            }
+        }
+    }
+    return out.size() == n;
+}
+
+// The kernel turns receive timestamps on a while after a socket first asks
+// for them; waits until a loopback datagram comes with one.
+bool WaitForReceiveTimestamps()
+{
+    const int rx = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int tx = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    const int on = 1;
+    bool ok = rx >= 0 && tx >= 0 && ::bind(rx, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+              ::getsockname(rx, reinterpret_cast<sockaddr*>(&addr), &len) == 0 &&
+              ::setsockopt(rx, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on) == 0;
+    ok = ok && wait_until(
+                   [&] {
+                       const char byte = 0;
+                       ::sendto(tx, &byte, 1, 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+                       Bytes got;
+                       uint64_t ns = 0;
+                       return ReadAllStamped(rx, 1, got, ns) && ns != 0;
+                   },
+                   5000, 10);
+    if (rx >= 0) ::close(rx);
+    if (tx >= 0) ::close(tx);
+    return ok;
+}
+
+TEST(MediaTransportSend, OnePacketPerMediaTypePerPassInTheFixedOrder)
+{
+    BacklogListener listener(8);
+    MediaSession s(2181);
+    const uint32_t kAux = ZEPH_MEDIA_AUX, kMs = ZEPH_MEDIA_MS;
+    for (uint32_t type : {kVideo, kAudio, kAux, kMs, kData}) {
+        ASSERT_EQ(s.Create(type, 1), 0);
+        ASSERT_EQ(s.Connect(type, listener.port()), 0);
+    }
+    ASSERT_EQ(listener.AcceptAll(), 5u);
+    const int on = 1;
+    for (int fd : listener.connections()) ASSERT_EQ(::setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on), 0);
+    ASSERT_TRUE(WaitForReceiveTimestamps());
+
+    // Hold the send thread at DATA, the end of a pass, and queue unequal
+    // numbers of packets: Video 3, Audio 1, Aux 2, MS 1, DATA 3.
+    FirstFlushHold hold(s);
+    ASSERT_EQ(s.Send(kData, 200, Body(8)), 0);
+    ASSERT_TRUE(hold.WaitHeld());
+    const std::map<uint32_t, int> queued{{kVideo, 3}, {kAudio, 1}, {kAux, 2}, {kMs, 1}, {kData, 3}};
+    for (const auto& q : queued)
+        for (int i = 0; i < q.second; ++i) ASSERT_EQ(s.Send(q.first, 2, Body(20, uint8_t(i))), 0);
+    ASSERT_TRUE(hold.Release());
+
+    // Passes then run V A X M D, V X D, V D: each media type's last packet
+    // leaves in the pass of its count, in the fixed order within a pass.
+    std::map<uint64_t, uint32_t> lastByTime;
+    for (int fd : listener.connections()) {
+        Bytes wire;
+        uint64_t ns = 0;
+        ASSERT_TRUE(ReadAllStamped(fd, 36, wire, ns));
+        const uint32_t type = wire[3];
+        ASSERT_TRUE(ReadAllStamped(fd, 36 * size_t(queued.at(type) - 1), wire, ns));
+        ASSERT_NE(ns, 0u);
+        lastByTime[ns] = type;
+    }
+    std::vector<uint32_t> order;
+    for (const auto& t : lastByTime) order.push_back(t.second);
+    EXPECT_EQ(order, (std::vector<uint32_t>{kAudio, kMs, kAux, kVideo, kData}));
 }
 
 TEST(MediaTransportSend, HeadsCountersAndTheClosingReport)

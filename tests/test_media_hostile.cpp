@@ -1,0 +1,249 @@
+// The media transport against hostile peers and bad input: bodies the head
+// cannot frame, a server that floods garbage, descriptors used up, connects
+// retried and repeated on live channels, a repair that arrives while another
+// runs, and sessions that must not hold each other up.
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <regex>
+#include <thread>
+
+#include "media_harness.h"
+#include "media_peer.h"
+#include "mediaSocket/PrivateHead.h"
+#include "peers.h"
+
+namespace {
+
+using namespace zeph_test;
+using zeph_peers::MediaPeer;
+using zeph_peers::MediaPeerBehaviour;
+using zeph_peers::MediaPeerMode;
+
+constexpr uint32_t kAudio = ZEPH_MEDIA_AUDIO;
+constexpr uint32_t kVideo = ZEPH_MEDIA_VIDEO;
+constexpr uint32_t kData = ZEPH_MEDIA_DATA;
+
+TEST(MediaHostileInput, BodiesTheHeadCannotFrameAreRefusedAndSmuggleNothing)
+{
+    MediaPeer peer(MediaPeerMode::Sink);
+    ASSERT_TRUE(peer.start());
+    MediaSession s(4101);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
+
+    // 65620 + 16 wraps the 16-bit length to 100: the reader would take the
+    // body's bytes from offset 84 on for a packet of the caller's making.
+    Bytes big(65620, 0);
+    const Bytes forged = Framed(ZEPH_MEDIA_PKT_ANNO, kVideo, Body(20), 0xBAD);
+    std::copy(forged.begin(), forged.end(), big.begin() + 84);
+    EXPECT_EQ(s.Send(kVideo, 2, big), MEDIA_SOCKET_ERRCODE_INVALID_PARAM);
+    EXPECT_EQ(s.Send(kVideo, 2, Body(2033)), MEDIA_SOCKET_ERRCODE_INVALID_PARAM);
+    EXPECT_EQ(MORL_MediaSend(s.id(), 2, kVideo, nullptr, 5, 0), MEDIA_SOCKET_ERRCODE_INVALID_PARAM);
+    EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kVideo), 0) << "the ring is untouched";
+    EXPECT_EQ(s.Stats(kVideo).send.SuccessCount + s.Stats(kVideo).send.ErrCount, 0u);
+
+    // The largest body and a bare head go out.
+    ASSERT_EQ(s.Send(kVideo, 2, Body(2032)), 0);
+    ASSERT_EQ(MORL_MediaSend(s.id(), 2, kVideo, nullptr, 0, 7), 0);
+    ASSERT_TRUE(wait_until([&] { return peer.packets(kVideo) == 2; }, 3000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const auto heads = peer.connection(0).heads;
+    ASSERT_EQ(heads.size(), 2u);
+    EXPECT_EQ(heads[0].head_Len, 2048);
+    EXPECT_EQ(heads[1].head_Len, 16);
+    EXPECT_EQ(heads[1].channel, 7u);
+    EXPECT_EQ(peer.connection(0).noiseBytes, 0u);
+}
+
+TEST(MediaHostilePeer, GarbageBeforeEveryPacketIsReportedThinly)
+{
+    BacklogListener server(1);
+    MediaSession s(4111);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    ASSERT_EQ(s.Connect(kVideo, server.port()), 0);
+    ASSERT_EQ(server.AcceptAll(), 1u);
+
+    // 2000 runs of 10 bytes of garbage, each before a good packet.
+    constexpr size_t kRuns = 2000;
+    Bytes stream;
+    for (size_t i = 0; i < kRuns; ++i) {
+        stream.insert(stream.end(), 10, uint8_t('x'));
+        const Bytes p = Framed(2, kVideo, Body(30, uint8_t(i)));
+        stream.insert(stream.end(), p.begin(), p.end());
+    }
+    ASSERT_TRUE(send_all(server.connections()[0], stream.data(), stream.size()));
+    ASSERT_TRUE(s.WaitReceived(kVideo, kRuns, 10000));
+    EXPECT_GE(s.Stats(kVideo).dataLoss, kRuns) << "a run cut by a read counts twice";
+
+    // Every dropped byte is told, in a few events, and logged in a line or two.
+    auto told = [&] {
+        uint64_t sum = 0;
+        for (const auto& e : s.Events(kVideo)) sum += e.eventId == ZEPH_MEDIA_EVENT_DIRTY_DATA ? e.errorCode : 0;
+        return sum;
+    };
+    ASSERT_TRUE(wait_until([&] { return told() == 10 * kRuns; }, 3000)) << told();
+    EXPECT_LE(s.EventCount(kVideo, ZEPH_MEDIA_EVENT_DIRTY_DATA), 3u);
+    EXPECT_LE(MediaLog::Count({"CheckDirtyData. session id: 4111"}), 2);
+    EXPECT_EQ(s.Channel(kVideo, 0)->reCreateChannelCount.load(), 0);
+}
+
+// Runs `body` in a child process and returns its exit status: what it does
+// to its descriptor limit stays there.
+int InChild(const std::function<int()>& body)
+{
+    const pid_t pid = ::fork();
+    if (pid == 0) ::_exit(body());
+    int status = 0;
+    if (pid < 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
+    return WEXITSTATUS(status);
+}
+
+TEST(MediaHostileInput, NoDescriptorsLeftFailsTheCreateAndKeepsNoSession)
+{
+    const int status = InChild([] {
+        rlimit lim{64, 64};
+        if (::setrlimit(RLIMIT_NOFILE, &lim) != 0) return 10;
+        std::vector<int> held;
+        for (int fd; (fd = ::open("/dev/null", O_RDONLY)) >= 0;) held.push_back(fd);
+        // Room for one socket, not for four.
+        ::close(held.back());
+        if (MORL_MediaCreateSocket(4121, kAudio, 4) != MEDIA_SOCKET_ERRCODE_CREATE_SOCKET) return 11;
+        if (MediaSocketManager::Instance().SessionCount() != 0) return 12;
+        if (MORL_MediaCreateSocket(4121, kVideo, 1) != 0) return 13;
+        if (MORL_MediaCloseSocket(4121, kVideo) != 0) return 14;
+        return 0;
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST(MediaHostilePeer, ConnectRetriedAfterAFailureAndRepeatedOnALiveChannel)
+{
+    // Nobody listens: the connect fails and closes the socket...
+    const uint16_t port = closed_tcp_port();
+    MediaSession s(4131);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    const int32_t failed = s.Connect(kVideo, port);
+    ASSERT_TRUE(failed == MEDIA_SOCKET_ERRCODE_CONNECT_EVENT || failed == MEDIA_SOCKET_ERRCODE_CONNECT_ERROR) << failed;
+    // ...and a retry, once a server is there, connects with a new one.
+    BacklogListener server(1, port);
+    ASSERT_EQ(server.port(), port);
+    ASSERT_EQ(s.Connect(kVideo, port), 0);
+    ASSERT_EQ(server.AcceptAll(), 1u);
+
+    // Half a packet has arrived when the caller connects again: the live
+    // channel keeps its connection and the packet completes.
+    const Bytes packet = Framed(2, kVideo, Body(34, 4));
+    const int conn = server.connections()[0];
+    ASSERT_TRUE(send_all(conn, packet.data(), 20));
+    const int32_t sock = s.Channel(kVideo, 0)->sock;
+    ASSERT_TRUE(wait_until([&] {
+        int pending = -1;
+        return ::ioctl(sock, FIONREAD, &pending) == 0 && pending == 0;
+    }, 3000));
+    ASSERT_EQ(s.Connect(kVideo, port), 0);
+    EXPECT_EQ(s.Channel(kVideo, 0)->sock.load(), sock);
+    EXPECT_EQ(server.AcceptAll(), 1u) << "no second connection";
+    ASSERT_TRUE(send_all(conn, packet.data() + 20, packet.size() - 20));
+    ASSERT_TRUE(s.WaitReceived(kVideo, 1));
+    EXPECT_EQ(s.Received(kVideo)[0].body, Body(34, 4));
+    EXPECT_EQ(s.Stats(kVideo).dataLoss, 0u);
+}
+
+TEST(MediaHostilePeer, RefusalSeenWhileTheMediaTypeConnectsIsRepairedAfterwards)
+{
+    MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    MediaSession s(4141);
+    ASSERT_EQ(s.Create(kAudio, 2), 0);
+    ASSERT_EQ(s.Connect(kAudio, peer.port()), 0);
+    for (uint32_t i = 0; i < 2; ++i) ASSERT_EQ(s.Send(kAudio, 2, Body(30, uint8_t(i)), i), 0);
+    ASSERT_TRUE(s.WaitReceived(kAudio, 2));
+
+    // One channel goes for good; the other stays.
+    for (size_t c = 0; c < 2; ++c) s.Channel(kAudio, c)->reCreateChannelCount = 1000;
+    ASSERT_TRUE(peer.closeNow(0));
+    size_t lost = 2;
+    ASSERT_TRUE(wait_until([&] {
+        for (size_t c = 0; c < 2; ++c)
+            if (s.Channel(kAudio, c)->sock == -1) lost = c;
+        return lost < 2;
+    }, 3000));
+    const size_t alive = 1 - lost;
+    s.Channel(kAudio, alive)->reCreateChannelCount = 0;
+
+    // The caller connects the lost channel to a server that never completes
+    // the connect: two seconds during which the media type is being connected.
+    BacklogListener stuck(0);
+    const int filler = tcp_connect("127.0.0.1", stuck.port());
+    ASSERT_GE(filler, 0);
+    std::atomic<int32_t> rc{1};
+    std::thread connect([&] { rc = s.Connect(kAudio, stuck.port()); });
+    ASSERT_TRUE(wait_until([&] { return s.Channel(kAudio, lost)->state == 1; }, 2000));
+
+    // Meanwhile the live channel's server answers with a refusal.
+    MediaPeerBehaviour refuse;
+    refuse.forbidden = MediaPeerBehaviour::Forbidden::BeforeEcho;
+    ASSERT_TRUE(peer.setBehaviour(1, refuse));
+    ASSERT_EQ(s.Send(kAudio, 2, Body(30, 9)), 0);
+    ASSERT_TRUE(s.WaitReceived(kAudio, 3));
+    connect.join();
+    EXPECT_EQ(rc.load(), 0) << "the live channel kept the media type up";
+
+    // Once the connect is over, the refusal is taken up: the channel is repaired.
+    EXPECT_TRUE(MediaLog::WaitFor({"MediaCreateChannelOfSockChan! session id: 4141", "eventId: 4"}, 5000));
+    EXPECT_EQ(s.Channel(kAudio, alive)->reCreateChannelCount.load(), 1);
+    EXPECT_EQ(s.EventCount(kAudio, ZEPH_MEDIA_EVENT_REFUSED), 0u);
+    ::close(filler);
+}
+
+TEST(MediaSessions, ClosingOneSessionDoesNotStallAnother)
+{
+    MediaSession a(4151), b(4152);
+    ASSERT_EQ(b.Create(kData, 1), 0);
+    std::atomic<bool> done{false};
+    std::atomic<uint64_t> slowest{0};
+    std::thread probe([&] {
+        while (!done) {
+            const uint64_t t = now_ms();
+            MORL_MediaGetChannelBufSize(b.id(), kData);
+            const uint64_t took = now_ms() - t;
+            if (took > slowest) slowest = took;
+        }
+    });
+    // Closing a session's last Aux or MS used to hold the table for 100 ms.
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(a.Create(ZEPH_MEDIA_AUX, 1), 0);
+        ASSERT_EQ(a.Close(ZEPH_MEDIA_AUX), 0);
+        ASSERT_EQ(a.Create(ZEPH_MEDIA_MS, 1), 0);
+        ASSERT_EQ(a.Close(ZEPH_MEDIA_MS), 0);
+    }
+    done = true;
+    probe.join();
+    EXPECT_LT(slowest.load(), 60u);
+}
+
+TEST(MediaLogLines, NameTheirFunctionAndMediaTypes)
+{
+    MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    {
+        MediaSession s(4161);
+        ASSERT_EQ(s.Create(kVideo, 1), 0);
+        ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
+        ASSERT_TRUE(MediaLog::WaitFor({"MORL_StunGetChannelId error! session id: 4161", "mediaType: Video"}, 2000));
+        ASSERT_EQ(s.Close(kVideo), 0);
+        EXPECT_EQ(MediaLog::Count({"MediaCloseSocket end. session id: 4161, media type: Video"}), 1);
+    }
+    ASSERT_TRUE(MediaLog::WaitFor({"MediaSocket destructor end."}, 4000));
+    const std::regex line(R"(^\[INFO\]\w+\.cpp\(\d+\)\[\w+(::\w+)+\]:MediaSocket destructor end\.$)");
+    for (const auto& l : MediaLog::Find({"MediaSocket destructor end."})) EXPECT_TRUE(std::regex_match(l, line)) << l;
+}
+
+} // namespace
