@@ -145,8 +145,10 @@ _Static_assert(sizeof(MediaStats) == 168, "MediaStats is a 168-byte record");
 #define ZEPH_MEDIA_EVENT_REFUSED 4         /* e.g. 403 from a proxy on a channel that never delivered */
 #define ZEPH_MEDIA_EVENT_CONNECT_FAILED 5  /* errorCode: the proxy layer's result */
 #define ZEPH_MEDIA_EVENT_CONNECT_DOMAIN 6  /* the connect went by the domain name */
-#define ZEPH_MEDIA_EVENT_DIRTY_DATA 7      /* errorCode: bytes examined, at most 2048 */
-#define ZEPH_MEDIA_EVENT_NO_SOCKET 8       /* told after the media type was re-created */
+#define ZEPH_MEDIA_EVENT_DIRTY_DATA 7      /* errorCode: bytes dropped since the last such event;
+                                            * at most one a second per channel */
+#define ZEPH_MEDIA_EVENT_NO_SOCKET 8       /* told after the media type was rebuilt, on the
+                                            * session's repair thread */
 
 /*
  * Sessions. A session is a non-zero id of the caller's choosing; at most six
@@ -161,7 +163,10 @@ _Static_assert(sizeof(MediaStats) == 168, "MediaStats is a 168-byte record");
  */
 
 /* Makes the session if needed, then the media type with min(default,
- * socketCount) channels (default 4 for audio, 1 for the others). */
+ * socketCount) channels (default 4 for audio, 1 for the others).
+ * MEDIA_SOCKET_ERRCODE_CREATE_SOCKET when a socket cannot be made (no
+ * descriptor left) or socketCount is 0; a session made by a failed call
+ * does not stay. */
 ZEPH_API int32_t MORL_MediaCreateSocket(uint32_t sessionId, uint32_t mediaType, uint32_t socketCount);
 /* Closes the media type; the session goes when it was the last. */
 ZEPH_API int32_t MORL_MediaCloseSocket(uint32_t sessionId, uint32_t mediaType);
@@ -169,16 +174,25 @@ ZEPH_API int32_t MORL_MediaCloseSocket(uint32_t sessionId, uint32_t mediaType);
  * in parallel, directly or through the HTTP proxy of settings.h. Blocks for
  * the connect, 2 s at most per channel beyond the proxy's own time. 0 when at
  * least one channel is up. `domain` may be null or empty. Channels already
- * connected stay on their connections, whatever the address: to move a media
- * type to another server, close it and create it again. */
+ * connected stay on their connections, whatever the address, and go on
+ * receiving: to move a media type to another server, close it and create it
+ * again. A channel whose connect failed is tried again with a new socket. */
 ZEPH_API int32_t MORL_MediaCreateChannel(uint32_t sessionId, uint32_t mediaType, const char* serverAddr, uint16_t port,
                                          const char* domain);
 /* Closes and reconnects every channel of the media type. Only one connect or
  * re-creation of a media type runs at a time: while the session repairs it
  * on another thread, this and MORL_MediaCreateChannel return -1000 at once. */
 ZEPH_API int32_t MORL_MediaReCreateChannel(uint32_t sessionId, uint32_t mediaType);
-/* Queues one packet; never blocks on the network. 0, or -995, -994, -975,
- * -989, -985 (the send ring is full: this packet is lost). */
+/* Queues one packet; never blocks on the network. 0, or
+ *   -995  len above 2032 (ZEPH_MEDIA_MAX_PACKET_SIZE - 16), or data null
+ *         with len not 0: nothing is queued;
+ *   -994  media type not created;
+ *   -975  no channel connected. When every socket of the media type is
+ *         closed, the session rebuilds it on its own thread (at most once in
+ *         5 s, 1000 times in all) and tells ZEPH_MEDIA_EVENT_NO_SOCKET when
+ *         that succeeded; sends meanwhile get -975;
+ *   -989  no socket left;
+ *   -985  the send ring is full: this packet is lost. */
 ZEPH_API int32_t MORL_MediaSend(uint32_t sessionId, uint32_t pktType, uint32_t mediaType, const uint8_t* data,
                                 uint32_t len, uint32_t channel);
 /* Replaces the rings of the media type by empty ones of `size` bytes,
