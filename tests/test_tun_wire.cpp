@@ -83,6 +83,8 @@ TEST(TunWire, DelaysEachDirectionAndLogsTheRoundTrips) {
     for (const WireRecord& r : log) {
         if (r.dropped) continue;
         EXPECT_NEAR(r.delay_ms, r.a_to_b ? kToB : kToA, 1e-6);
+        if (r.out_ms < 0) continue; // still on its way when the log was taken
+        EXPECT_GE(r.out_ms - r.at_ms, r.delay_ms); // never early
     }
     const auto st = wire.stats();
     EXPECT_GE(st.a_to_b.forwarded, 3u);

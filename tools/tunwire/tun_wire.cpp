@@ -159,7 +159,8 @@ struct Pending {
     Clock::time_point due;
     uint64_t seq; // keeps arrival order among equal due times
     bool to_b;
-    double delay_ms; // as applied, order kept
+    double delay_ms;     // as applied, order kept
+    uint64_t record_seq; // of its log record
     std::vector<uint8_t> data;
 };
 
@@ -257,7 +258,7 @@ std::vector<RoundTrip> round_trips(const std::vector<WireRecord>& log) {
             if (it == open.end()) continue;
             RoundTrip& rt = out[it->second];
             rt.answered = true;
-            rt.truth_ms = r.at_ms + r.delay_ms - rt.at_ms;
+            rt.truth_ms = (r.out_ms >= 0 ? r.out_ms : r.at_ms + r.delay_ms) - rt.at_ms;
             open.erase(it);
         }
     }
@@ -407,7 +408,9 @@ struct TunWire::Impl {
 
     mutable std::mutex mu; // guards what follows
     Direction to_b, to_a;
-    std::vector<WireRecord> log;
+    std::vector<WireRecord> log; // records of the sequence numbers from log_base on
+    uint64_t log_base = 0;
+    uint64_t next_record = 0;
     WireStats stats;
 };
 
@@ -435,8 +438,12 @@ void TunWire::Impl::read_side(int fd, bool into_b, std::vector<uint8_t>& buf) {
             if (cfg.keep_order) due = std::max(due, d.last_due);
             d.last_due = std::max(d.last_due, due);
             rec.delay_ms = std::chrono::duration<double, std::milli>(due - now).count();
-            pending.push(Pending{due, seq++, into_b, rec.delay_ms, std::vector<uint8_t>(buf.data(), buf.data() + n)});
+            pending.push(Pending{due, seq++, into_b, rec.delay_ms, next_record,
+                                 std::vector<uint8_t>(buf.data(), buf.data() + n)});
         }
+        // The log grows without gaps until it is full, so a record's place
+        // is its sequence number less log_base.
+        ++next_record;
         if (log.size() < cfg.max_log)
             log.push_back(rec);
         else
@@ -450,14 +457,18 @@ void TunWire::Impl::write_due() {
         const Pending& p = pending.top();
         const int fd = p.to_b ? b.tun_fd : a.tun_fd;
         const bool ok = write(fd, p.data.data(), p.data.size()) == ssize_t(p.data.size());
-        const double late = std::chrono::duration<double, std::milli>(now - p.due).count();
+        const auto out = Clock::now();
+        const double late = std::chrono::duration<double, std::milli>(out - p.due).count();
         {
             std::lock_guard<std::mutex> lock(mu);
             WireDirectionStats& ds = p.to_b ? stats.a_to_b : stats.b_to_a;
             if (ok) {
                 ++ds.forwarded;
                 ds.delay_sum_ms += p.delay_ms;
+                ds.late_sum_ms += late;
                 ds.late_max_ms = std::max(ds.late_max_ms, late);
+                if (p.record_seq >= log_base && p.record_seq - log_base < log.size())
+                    log[size_t(p.record_seq - log_base)].out_ms = ms_since_start(out);
             } else {
                 ++ds.write_failed;
             }
@@ -593,6 +604,7 @@ std::vector<WireRecord> TunWire::take_log() {
     std::lock_guard<std::mutex> lock(m_impl->mu);
     std::vector<WireRecord> out;
     out.swap(m_impl->log);
+    m_impl->log_base = m_impl->next_record;
     return out;
 }
 

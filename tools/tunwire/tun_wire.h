@@ -72,7 +72,10 @@ struct WireRecord {
     double at_ms = 0;    // when the shuttle read it, ms since the wire started
     bool a_to_b = true;  // direction
     bool dropped = false;
-    double delay_ms = 0; // delay applied; 0 for a dropped packet
+    double delay_ms = 0; // delay drawn for it; 0 for a dropped packet
+    // When the shuttle wrote it into the other side, on the same clock; -1
+    // when dropped, refused, or still held back when the log was taken.
+    double out_ms = -1;
     PacketInfo info;
 };
 
@@ -81,7 +84,8 @@ struct WireDirectionStats {
     uint64_t dropped = 0;      // by the loss draw
     uint64_t write_failed = 0; // the TUN refused the packet
     double delay_sum_ms = 0;   // over forwarded packets
-    double late_max_ms = 0;    // worst lateness of a write against its due time
+    double late_sum_ms = 0;    // lateness of the writes against their due times
+    double late_max_ms = 0;
 };
 
 struct WireStats {
@@ -97,7 +101,8 @@ struct RoundTrip {
     uint8_t proto = 0;
     double at_ms = 0; // when the first copy of the request reached the wire
     bool answered = false;
-    // From the request reaching the wire to the answer leaving it towards A:
+    // From the request reaching the wire to the answer leaving it towards A
+    // (as written, or as due when the write came after the log was taken):
     // the path's delay both ways plus B's own time. Meaningful when answered.
     double truth_ms = 0;
 };
