@@ -5,10 +5,15 @@
 //
 // Input: reads of 1 length byte n followed by n bytes (fewer at the end).
 // Each input starts on a new media type, as after a new connection.
+//
+// Verdict: packets delivered, then the media type's counters of packets
+// cut whole, packets refused by their length, and runs of dirty bytes.
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <string>
 
+#include "fuzz_verdict.h"
 #include "mediaSocket/MediaSocket.h"
 #include "zeph_nettools/media_socket.h"
 
@@ -23,6 +28,7 @@ constexpr uint32_t kSession = 9001;
 constexpr uint32_t kType = ZEPH_MEDIA_VIDEO;
 
 uint64_t g_out = 0; // bytes delivered, heads included
+uint64_t g_delivered = 0; // packets delivered
 
 void OnRecv(uint32_t, uint32_t, uint32_t, const uint8_t* data, uint32_t len)
 {
@@ -31,6 +37,7 @@ void OnRecv(uint32_t, uint32_t, uint32_t, const uint8_t* data, uint32_t len)
     for (uint32_t i = 0; i < len; ++i) sum = uint8_t(sum + data[i]);
     (void)sum;
     g_out += len + ZEPH_MEDIA_PRIVATE_HEAD_SIZE;
+    ++g_delivered;
 }
 
 void OnEvent(uint32_t, uint32_t, MediaEventInfo) {}
@@ -65,6 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     auto ch = FreshChannel();
     g_out = 0;
+    g_delivered = 0;
     uint64_t in = 0;
     size_t pos = 0;
     while (pos < size) {
@@ -78,4 +86,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         pos += n;
     }
     return 0;
+}
+
+std::string FuzzVerdict()
+{
+    MediaStats stats{};
+    Session().MediaGetStats(kType, &stats);
+    return "delivered " + std::to_string(g_delivered) + ", cut " + std::to_string(stats.recv.SuccessCount) +
+           ", refused " + std::to_string(stats.recv.ErrCount) + ", dirty runs " + std::to_string(stats.dataLoss);
 }

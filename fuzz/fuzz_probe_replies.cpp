@@ -8,11 +8,16 @@
 //         paths are reached.
 //   ICMP: identifier and sequence base come from datagram bytes that the
 //         head would hold when bit 1 is set, otherwise fixed values.
+//
+// Verdict: whether each check took the datagram for its answer, as
+// "stun accepted|refused, icmp accepted|refused".
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <string>
 
+#include "fuzz_verdict.h"
 #include "inc/port_detect.h"
 #include "zeph_nettools/settings.h"
 
@@ -42,6 +47,8 @@ struct Probes {
     std::shared_ptr<PortDetectICMP> icmp;
 };
 
+bool g_stun = false, g_icmp = false; // what the checks said of the last input
+
 uint16_t be16_at(const uint8_t* d, size_t size, size_t at) {
     return at + 2 <= size ? uint16_t((d[at] << 8) | d[at + 1]) : 0;
 }
@@ -50,6 +57,7 @@ uint16_t be16_at(const uint8_t* d, size_t size, size_t at) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static Probes& probes = *new Probes;
+    g_stun = g_icmp = false;
     if (size == 0) return 0;
     const uint8_t mode = data[0];
     const uint8_t* dgram = data + 1;
@@ -62,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (len) std::memcpy(PortDetectTestAccess::buf(*probes.udp), dgram, len);
     // The length told may exceed what arrived in the buffer (a datagram cut
     // at 1024 bytes); the check must stay within the buffer.
-    probes.udp->is_stun_response(static_cast<int>(size - 1));
+    g_stun = probes.udp->is_stun_response(static_cast<int>(size - 1));
 
     uint16_t req_id = 0x4242, base = 100;
     if (mode & 2) {
@@ -73,6 +81,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     PortDetectTestAccess::set_icmp_ids(*probes.icmp, req_id, base);
     std::memset(PortDetectTestAccess::buf(*probes.icmp), 0, 1024);
     if (len) std::memcpy(PortDetectTestAccess::buf(*probes.icmp), dgram, len);
-    probes.icmp->is_icmp_response(static_cast<int>(size - 1));
+    g_icmp = probes.icmp->is_icmp_response(static_cast<int>(size - 1));
     return 0;
+}
+
+std::string FuzzVerdict()
+{
+    return std::string("stun ") + (g_stun ? "accepted" : "refused") + ", icmp " + (g_icmp ? "accepted" : "refused");
 }

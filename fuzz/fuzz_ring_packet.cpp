@@ -5,11 +5,16 @@
 //
 // Input: 2 bytes capacity selector, then operations of 1 opcode byte and
 // 2 argument bytes (Write takes its bytes from the input).
+//
+// Verdict: the ring's capacity, whole packets read, hunts that dropped
+// bytes, and the bytes left at the end.
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
+#include <string>
 #include <vector>
 
+#include "fuzz_verdict.h"
 #include "mediaSocket/PrivateHead.h"
 #include "mediaSocket/RingBuffer.h"
 
@@ -43,6 +48,14 @@ struct Model {
     }
 };
 
+// What the last input came to.
+struct Outcome {
+    int32_t capacity = 0;
+    size_t packets = 0;
+    size_t droppingHunts = 0;
+    size_t left = 0;
+} g_outcome;
+
 struct Input {
     const uint8_t* data;
     size_t size;
@@ -62,11 +75,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     Input in{data, size};
     const uint8_t* p = nullptr;
+    g_outcome = Outcome{};
     if (!in.Take(2, &p)) return 0;
     // Mostly small rings, so that the end of storage is crossed often.
     const uint16_t sel = static_cast<uint16_t>(p[0] << 8 | p[1]);
     const int32_t capacity = (sel & 0x8000) ? static_cast<int32_t>(sel & 0x7FFF) : 1 + (sel % 300);
     RingBuffer ring(capacity);
+    g_outcome.capacity = capacity;
     Model model{ring.HasStorage() ? static_cast<size_t>(capacity) : 0, {}};
 
     std::vector<uint8_t> out(4096), dirty(4096);
@@ -103,6 +118,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             std::vector<uint8_t> expectDirty;
             const uint32_t expect = model.Hunt(&expectDirty, static_cast<size_t>(arg));
             CHECK(ring.SkipToPrivateHead(dirty.data(), &room) == expect);
+            if (expect & RingBuffer::kBytesDropped) ++g_outcome.droppingHunts;
             CHECK(room == static_cast<int32_t>(expectDirty.size()));
             for (size_t i = 0; i < expectDirty.size(); ++i) CHECK(dirty[i] == expectDirty[i]);
             break;
@@ -124,6 +140,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 for (size_t i = 0; i < 16; ++i) CHECK(out[i] == head[i]);
             }
             CHECK(n == expect);
+            if (n > 0) ++g_outcome.packets;
             break;
         }
         case 6:
@@ -138,9 +155,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
         CHECK(ring.GetUsedSize() == static_cast<int32_t>(model.bytes.size()));
     }
+    g_outcome.left = model.bytes.size();
     // Whatever is left reads back in order.
     std::vector<uint8_t> rest(model.bytes.size() + 1);
     CHECK(ring.Read(rest.data(), static_cast<int32_t>(rest.size())) == static_cast<int32_t>(model.bytes.size()));
     for (size_t i = 0; i < model.bytes.size(); ++i) CHECK(rest[i] == model.bytes[i]);
     return 0;
+}
+
+std::string FuzzVerdict()
+{
+    return "capacity " + std::to_string(g_outcome.capacity) + ", packets " + std::to_string(g_outcome.packets) +
+           ", dropping hunts " + std::to_string(g_outcome.droppingHunts) + ", left " + std::to_string(g_outcome.left);
 }

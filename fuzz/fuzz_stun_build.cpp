@@ -6,6 +6,10 @@
 //
 // Input: 5 length bytes, then key, local ufrag, local password, remote
 // ufrag, remote password; whatever follows is a raw StunIceInfo.
+//
+// Verdict: whether the username went into the request, and what the
+// framed build gave for the key, a part of it, and the raw record (built,
+// not found, or no record).
 #include <openssl/sha.h>
 
 #include <cstdint>
@@ -13,6 +17,7 @@
 #include <string>
 #include <string_view>
 
+#include "fuzz_verdict.h"
 #include "inc/stun_wire.h"
 #include "mediaSocket/StunManager.h"
 #include "zeph_nettools/stun.h"
@@ -24,7 +29,10 @@ namespace {
         if (!(cond)) __builtin_trap();                                                                           \
     } while (0)
 
-void CheckMessage(const uint8_t* msg, uint32_t len, std::string_view username)
+std::string g_verdict; // of the last input
+
+// True when the message carries the username.
+bool CheckMessage(const uint8_t* msg, uint32_t len, std::string_view username)
 {
     CHECK(len >= 20 && len < 256);
     zeph::ByteReader r(msg, len);
@@ -61,24 +69,27 @@ void CheckMessage(const uint8_t* msg, uint32_t len, std::string_view username)
     CHECK(r.remaining() == 0);
     // A username is left out only when it cannot fit.
     CHECK(sawUser == (4 + zeph::stun::padded_size(username.size()) < 236));
+    return sawUser;
 }
 
-void BuildAndCheck(StunManager& table, const std::string& key, bool fuzzy, std::string_view username)
+const char* BuildAndCheck(StunManager& table, const std::string& key, bool fuzzy, std::string_view username)
 {
     uint8_t buf[300];
     uint32_t len = 288;
     const uint32_t rc = table.StunBuildPacket(key, buf, &len, fuzzy);
-    if (rc == ZEPH_STUN_ERR_NOT_FOUND) return;
+    if (rc == ZEPH_STUN_ERR_NOT_FOUND) return "not found";
     CHECK(rc == 0 && len > 16);
     CHECK(buf[0] == 0xFF && buf[1] == 3 && buf[2] == 129 && buf[3] == 1);
     CHECK((buf[12] << 8 | buf[13]) == static_cast<int>(len));
     CheckMessage(buf + 16, len - 16, username);
+    return "built";
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    g_verdict = "too short";
     if (size < 5) return 0;
     size_t pos = 5;
     std::string_view field[5];
@@ -97,10 +108,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     uint8_t bare[256];
     uint32_t len = sizeof bare;
     CHECK(table.StunBuildStunPacket(key, bare, &len) == 0);
-    CheckMessage(bare, len, username);
-    BuildAndCheck(table, key, false, username);
+    g_verdict = CheckMessage(bare, len, username) ? "username kept" : "username left out";
+    g_verdict += std::string(", key ") + BuildAndCheck(table, key, false, username);
     // Any part of the key finds it: it is the only entry.
-    BuildAndCheck(table, key.substr(key.size() / 3, key.size() / 2), true, username);
+    g_verdict += std::string(", part of key ") +
+                 BuildAndCheck(table, key.substr(key.size() / 3, key.size() / 2), true, username);
 
     // The rest, as a raw record through the exports: fields need not be
     // terminated, and are read only within the record.
@@ -110,8 +122,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const std::string_view ufrag(info.ufrag, strnlen(info.ufrag, sizeof info.ufrag));
         CHECK(MORL_StunSetLocalIceInfo("fuzz_raw", &info) == 0);
         CHECK(MORL_StunSetRemoteIceInfo("fuzz_raw", &info) == 0);
-        BuildAndCheck(StunManager::Instance(), "fuzz_raw", false, std::string(ufrag) + ":" + std::string(ufrag));
+        g_verdict += std::string(", raw record ") + BuildAndCheck(StunManager::Instance(), "fuzz_raw", false,
+                                                                  std::string(ufrag) + ":" + std::string(ufrag));
         CHECK(MORL_StunClearIceInfo("fuzz_raw") == 0);
+    } else {
+        g_verdict += ", no raw record";
     }
     return 0;
 }
+
+std::string FuzzVerdict() { return g_verdict; }
