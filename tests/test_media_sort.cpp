@@ -1,13 +1,22 @@
 // The audio sort as a pure function, its bound under a flood of invented
-// SSRCs, and the statistics helpers.
+// SSRCs (also end to end against a hostile media peer), and the statistics
+// helpers.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <initializer_list>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "media_harness.h"
+#include "media_peer.h"
 #include "mediaSocket/MediaSocket.h"
 #include "mediaSocket/MediaSort.h"
 #include "mediaSocket/MediaStatsCounters.h"
@@ -174,6 +183,121 @@ TEST(MediaSort, OnePacketSsrcsNeverPushOutARunningStream)
     EXPECT_EQ(s.buffers.size(), kMaxSortStreams);
     s.Push({102}, kReal);
     EXPECT_EQ(s.Seqs(), (std::vector<int>{101, 102, 103})) << "the flood itself delivers nothing";
+}
+
+TEST(MediaSort, ANewStreamOpensAmongManyNewSsrcs)
+{
+    // The table full of running streams, as a flood of two-packet SSRCs
+    // leaves it.
+    Sorter s;
+    for (uint32_t i = 0; i < kMaxSortStreams; ++i) s.Push({1, 3}, 0xF0000000 + i);
+    // A real stream opens, and more new SSRCs open before its second packet.
+    constexpr uint32_t kNew = 0x5EA2;
+    s.Push({500}, kNew);
+    for (uint32_t i = 0; i < kMaxOpenedStreams - 1; ++i) s.Push({1}, 0xE0000000 + i);
+    s.Push({501}, kNew);
+    EXPECT_EQ(s.Seqs(kNew), (std::vector<int>{501}));
+}
+
+// ---- a forged-SSRC flood against a real session --------------------------------
+
+constexpr uint32_t kRealSsrc = 0x5EA15EA1;
+
+// What the session's receive callback saw: the real stream's numbers in
+// order of delivery, and how many other audio packets came out.
+struct FloodReceipts {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<uint16_t> real;
+    size_t others = 0;
+
+    template <typename Cond>
+    bool WaitFor(Cond cond, std::chrono::seconds limit)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, limit, cond);
+    }
+};
+FloodReceipts g_receipts;
+
+void OnFloodRecv(uint32_t, uint32_t, uint32_t, const uint8_t* data, uint32_t len)
+{
+    uint16_t seq = 0;
+    uint32_t ssrc = 0;
+    const bool rtp = ReadRtpSeqSsrc(data, int32_t(len), seq, ssrc);
+    {
+        std::lock_guard<std::mutex> lock(g_receipts.mutex);
+        if (rtp && ssrc == kRealSsrc) {
+            g_receipts.real.push_back(seq);
+        } else {
+            ++g_receipts.others;
+        }
+    }
+    g_receipts.changed.notify_all();
+}
+
+long ResidentBytes()
+{
+    std::ifstream statm("/proc/self/statm");
+    long size = 0, resident = 0;
+    statm >> size >> resident;
+    return resident * sysconf(_SC_PAGESIZE);
+}
+
+// The peer echoes a real audio stream that the client sends over four
+// channels, and before each echoed packet sends 20 audio packets of SSRCs it
+// never used before, two each with a gap, so that the client's sort would
+// hold one packet per forged SSRC: 40 000 SSRCs over the whole stream.
+TEST(MediaSortFlood, ForgedSsrcsCostBoundedMemoryAndTheRealStreamArrivesInOrder)
+{
+    constexpr uint32_t kFloodPerPacket = 20;
+    constexpr uint16_t kRealPackets = 2000;
+    // Real packets sent ahead of the last one delivered: as a paced audio
+    // stream, well within what the sort puts back in order.
+    constexpr size_t kInFlight = 4;
+    constexpr long kMaxGrowth = 20L << 20;
+    constexpr uint32_t kAudio = ZEPH_MEDIA_AUDIO;
+    constexpr auto kLimit = std::chrono::seconds(60);
+
+    zeph_peers::MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    zeph_test::MediaSession session(7301);
+    ASSERT_EQ(session.Create(kAudio, 4, false), 0);
+    ASSERT_EQ(MORL_MediaRegisterRecvCallback(session.id(), kAudio, &OnFloodRecv), 0);
+    ASSERT_EQ(session.Connect(kAudio, peer.port()), 0);
+    for (const auto start = std::chrono::steady_clock::now(); peer.accepted() < 4;) {
+        ASSERT_LT(std::chrono::steady_clock::now() - start, kLimit);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    zeph_peers::MediaPeerBehaviour flood;
+    flood.ssrcFlood = kFloodPerPacket;
+    flood.ssrcFloodDepth = 2;
+    for (size_t i = 0; i < 4; ++i) ASSERT_TRUE(peer.setBehaviour(i, flood));
+
+    const long before = ResidentBytes();
+    for (uint16_t seq = 1; seq <= kRealPackets; ++seq) {
+        ASSERT_EQ(session.Send(kAudio, ZEPH_MEDIA_PKT_RTP, RtpBody(seq, kRealSsrc, 160)), 0);
+        // The first packet only opens the stream, so seq - 1 - n delivered
+        // means n in flight.
+        ASSERT_TRUE(g_receipts.WaitFor([&] { return g_receipts.real.size() + 1 + kInFlight >= seq; }, kLimit))
+            << "stalled at " << seq;
+    }
+    // Every real packet but the first comes out, and every forged SSRC that
+    // left the table gave up the packet it held.
+    constexpr size_t kForged = size_t(kFloodPerPacket) * kRealPackets;
+    const bool done = g_receipts.WaitFor(
+        [&] { return g_receipts.real.size() >= kRealPackets - 1u && g_receipts.others >= kForged - kMaxSortStreams; },
+        kLimit);
+    const long growth = ResidentBytes() - before;
+    std::printf("forged SSRCs: %zu, resident memory growth: %.2f MB\n", kForged, double(growth) / (1 << 20));
+    RecordProperty("rss_growth_bytes", std::to_string(growth));
+
+    std::lock_guard<std::mutex> lock(g_receipts.mutex);
+    EXPECT_TRUE(done) << "real packets " << g_receipts.real.size() << ", others " << g_receipts.others;
+    std::vector<uint16_t> expected;
+    for (uint16_t seq = 2; seq <= kRealPackets; ++seq) expected.push_back(seq);
+    EXPECT_EQ(g_receipts.real, expected);
+    EXPECT_LT(growth, kMaxGrowth);
 }
 
 TEST(MediaStats, CountsByPacketTypeAndTheCallersRecordByOffset)

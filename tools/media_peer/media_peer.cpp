@@ -16,6 +16,7 @@
 
 #include "inc/byte_io.h"
 #include "inc/stun_wire.h"
+#include "zeph_nettools/media_socket.h"
 
 namespace zeph_peers {
 
@@ -255,6 +256,7 @@ bool MediaPeer::handlePacket(Conn& conn, const uint8_t* data, size_t len, const 
     auto forbidden = MediaPeerBehaviour::Forbidden::None;
     bool closeAfter = false;
     bool hold = false;
+    uint32_t flood = 0, floodDepth = 0;
     std::vector<std::pair<std::shared_ptr<Conn>, std::vector<uint8_t>>> release;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -266,6 +268,10 @@ bool MediaPeer::handlePacket(Conn& conn, const uint8_t* data, size_t len, const 
         conn.behaviour.noiseBytes = 0;
         forbidden = conn.behaviour.forbidden;
         conn.behaviour.forbidden = MediaPeerBehaviour::Forbidden::None;
+        if (audioRtp) {
+            flood = conn.behaviour.ssrcFlood;
+            floodDepth = conn.behaviour.ssrcFloodDepth;
+        }
         closeAfter = conn.behaviour.closeAfterPackets >= 0 && s.packets >= uint64_t(conn.behaviour.closeAfterPackets);
         if (m_mode == MediaPeerMode::Echo && audioRtp && !m_reorder.empty()) {
             hold = true;
@@ -297,6 +303,7 @@ bool MediaPeer::handlePacket(Conn& conn, const uint8_t* data, size_t len, const 
         std::lock_guard<std::mutex> lock(conn.sendMutex);
         ok = ok && SendAll(conn.fd, bytes.data(), bytes.size());
     }
+    if (flood > 0) ok = ok && sendSsrcFlood(conn, flood, floodDepth);
     if (m_mode == MediaPeerMode::Echo && !hold) ok = ok && sendPacket(conn, data, len);
     for (auto& r : release) sendPacket(*r.first, r.second.data(), r.second.size());
     return ok && !closeAfter;
@@ -317,6 +324,34 @@ bool MediaPeer::sendPacket(Conn& conn, const uint8_t* data, size_t len)
         std::this_thread::sleep_for(std::chrono::microseconds(50));
     }
     return true;
+}
+
+bool MediaPeer::sendSsrcFlood(Conn& conn, uint32_t streams, uint32_t depth)
+{
+    constexpr size_t kFloodBody = 60; // 7.5 ms of G.711: small, but sorted
+    constexpr size_t kRtpSeqOffset = 2;
+    constexpr size_t kRtpSsrcOffset = 8;
+    constexpr uint16_t kFirstSeq = 1000;
+    std::vector<uint8_t> out;
+    out.reserve(size_t(streams) * depth * (kPrivateHeadSize + kFloodBody));
+    uint8_t packet[kPrivateHeadSize + kFloodBody] = {};
+    BuildPrivateHead(ZEPH_MEDIA_PKT_RTP, ZEPH_MEDIA_AUDIO, 0, 0, kFloodBody, packet);
+    uint8_t* rtp = packet + kPrivateHeadSize;
+    rtp[0] = 0x80; // RTP version 2, payload type 0
+    for (uint32_t s = 0; s < streams; ++s) {
+        const uint32_t ssrc = m_floodSsrc.fetch_add(1);
+        zeph::ByteWriter w(rtp + kRtpSsrcOffset, 4);
+        w.put_be32(ssrc);
+        for (uint32_t i = 0; i < depth; ++i) {
+            // The first, then every other number: each one after the first
+            // leaves a gap behind it.
+            const uint16_t seq = uint16_t(kFirstSeq + (i == 0 ? 0 : 2 * i));
+            zeph::ByteWriter ws(rtp + kRtpSeqOffset, 2);
+            ws.put_be16(seq);
+            out.insert(out.end(), packet, packet + sizeof packet);
+        }
+    }
+    return sendPacket(conn, out.data(), out.size());
 }
 
 uint64_t MediaPeer::packets(size_t mediaType) const

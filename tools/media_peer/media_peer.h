@@ -3,7 +3,8 @@
 // 16-byte private head, and echoes or sinks them. On command it misbehaves
 // the way real paths do: closes channels, sends noise, answers with an HTTP
 // 403 page, dribbles packets out one byte at a time, or delivers audio RTP
-// out of order across channels.
+// out of order across channels. It can also play a hostile server that
+// floods audio with SSRCs it invents.
 //
 // One thread accepts, one thread serves each connection. stop() (and the
 // destructor) wakes and joins every one of them.
@@ -40,6 +41,12 @@ struct MediaPeerBehaviour {
     size_t noiseBytes = 0;
     Forbidden forbidden = Forbidden::None;
     bool splitPerByte = false; // one send per byte, with a short pause between
+    // SSRC flood: before each audio RTP packet that it echoes, the
+    // connection sends ssrcFlood audio RTP packets of SSRCs never used
+    // before, ssrcFloodDepth packets each: the first, then numbers that skip
+    // one, so that a receiver that sorts holds all but the first.
+    uint32_t ssrcFlood = 0;
+    uint32_t ssrcFloodDepth = 1;
 };
 
 // Lifetime counts of one connection.
@@ -101,6 +108,7 @@ private:
     // False when the connection is to close after this packet.
     bool handlePacket(Conn& conn, const uint8_t* data, size_t len, const PrivateHead& head);
     bool sendPacket(Conn& conn, const uint8_t* data, size_t len);
+    bool sendSsrcFlood(Conn& conn, uint32_t streams, uint32_t depth);
 
     const MediaPeerMode m_mode;
     std::string m_ip;
@@ -123,6 +131,7 @@ private:
     std::atomic<uint64_t> m_byMedia[kMediaTypes + 1] = {};
     std::atomic<uint64_t> m_bytes{0};
     std::atomic<uint64_t> m_stun{0};
+    std::atomic<uint32_t> m_floodSsrc{0xF1000000}; // next SSRC of a flood
 };
 
 // Splits "IP:PORT"; false when malformed.

@@ -47,7 +47,7 @@ SortEntry& SortBuffers::Open(uint32_t ssrc, uint16_t seq, const SortDeliver& del
 
 void SortBuffers::Evict(const SortDeliver& deliver)
 {
-    List& from = opened_.empty() ? running_ : opened_;
+    List& from = (opened_.size() >= kMaxOpenedStreams || running_.empty()) ? opened_ : running_;
     SortEntry& victim = from.back();
     while (!victim.packets.empty()) {
         DeliverLowest(victim, deliver);

@@ -24,6 +24,9 @@ constexpr size_t kMaxHeldPackets = 7;
 // bounds what such a peer can make us hold: at most
 // kMaxSortStreams * (kMaxHeldPackets - 1) held packets.
 constexpr size_t kMaxSortStreams = 256;
+// Streams that sent only their opening packet are evicted among themselves
+// once they are this many.
+constexpr size_t kMaxOpenedStreams = kMaxSortStreams / 2;
 
 struct SortPacket {
     uint16_t seq = 0;
@@ -41,13 +44,17 @@ using SortDeliver = std::function<void(const uint8_t* body, int32_t length)>;
 
 // The sort state of one media type: one SortEntry per SSRC, found by hash.
 //
-// When a new SSRC arrives and kMaxSortStreams are kept, one entry goes:
-//  - first the least recently seen stream that has sent only its opening
-//    packet (it holds nothing), so that a flood of one-packet SSRCs, however
-//    fast, never pushes out a stream in progress;
-//  - else the least recently seen stream of all. What it held back is
-//    delivered first, lowest number first, as the forced path would have
-//    done: eviction loses nothing. Its next packet opens it anew.
+// Streams that have sent only their opening packet (and so hold nothing)
+// are kept apart from running ones. When a new SSRC arrives and
+// kMaxSortStreams are kept, one entry goes:
+//  - the least recently opened stream, once opened streams fill half the
+//    table: a flood of one-packet SSRCs, however fast, then only pushes out
+//    its own kind, never a stream in progress;
+//  - else the least recently seen running stream, so that a stream just
+//    opened lives to send its second packet, even among many new SSRCs.
+//    What the running stream held back is delivered first, lowest number
+//    first, as the forced path would have done: eviction loses nothing. Its
+//    next packet opens it anew.
 class SortBuffers {
 public:
     // The entry of `ssrc`, marked as seen just now; null when there is none.
