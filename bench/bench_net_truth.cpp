@@ -16,8 +16,9 @@
 //    the path itself adds. The wire needs root; without it these rows are
 //    skipped with a one-line reason.
 //
-// Everything runs on the main thread; the library's threads hand their
-// results over through the inbox.
+// The bench's own work runs on the main thread, which moves into side A of
+// the wire before the library starts; the wire owns its shuttle thread, and
+// the library's threads hand their results over through the inbox.
 //
 //   bench_net_truth [--runs N]      (default 5 runs per row)
 #include <zeph_nettools/net_tools.h>
