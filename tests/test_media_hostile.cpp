@@ -94,6 +94,26 @@ TEST(MediaHostilePeer, GarbageBeforeEveryPacketIsReportedThinly)
     EXPECT_EQ(s.Channel(kVideo, 0)->reCreateChannelCount.load(), 0);
 }
 
+// A server that answers with nothing but its refusal page, over and over:
+// the caller hears of it, but not once per page.
+TEST(MediaHostilePeer, RepeatedRefusalPagesAreToldThinly)
+{
+    BacklogListener server(1);
+    MediaSession s(4112);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    ASSERT_EQ(s.Connect(kVideo, server.port()), 0);
+    ASSERT_EQ(server.AcceptAll(), 1u);
+    const std::string page = "HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n";
+    std::string stream;
+    while (stream.size() < 100000) stream += page;
+    ASSERT_TRUE(send_all(server.connections()[0], stream.data(), stream.size()));
+    ASSERT_TRUE(wait_until([&] { return s.EventCount(kVideo, ZEPH_MEDIA_EVENT_REFUSED) >= 1; }, 3000));
+    // About fifty 2048-byte runs were examined, each holding the refusal.
+    ASSERT_TRUE(wait_until([&] { return s.Stats(kVideo).dataLoss >= 40; }, 3000)) << s.Stats(kVideo).dataLoss;
+    EXPECT_LE(s.EventCount(kVideo, ZEPH_MEDIA_EVENT_REFUSED), 2u);
+    EXPECT_LE(MediaLog::Count({"CheckDirtyData reason: [403 forbidden]"}), 2);
+}
+
 // Runs `body` in a child process and returns its exit status: what it does
 // to its descriptor limit stays there.
 int InChild(const std::function<int()>& body)

@@ -1925,8 +1925,13 @@ int32_t MediaSocket::CheckDirtyData(const std::shared_ptr<SockChannel>& ch)
         for (const auto& pattern : kDirtyPatterns) {
             const size_t n = std::strlen(pattern.text);
             if (n <= len - offset && std::memcmp(ch->dirtyData + offset, pattern.text, n) == 0) {
-                DoEventCallbackOfSockChan(ch, MediaEventInfo{pattern.eventId, pattern.errorCode});
-                MEDIA_LOGW << "CheckDirtyData reason: [" << pattern.text << "]";
+                // A server repeating its refusal page is acted on (told or
+                // repaired) and logged once a second at most per channel.
+                if (ch->lastRefusalTime == 0 || now - ch->lastRefusalTime >= kLogGapMs) {
+                    ch->lastRefusalTime = now;
+                    DoEventCallbackOfSockChan(ch, MediaEventInfo{pattern.eventId, pattern.errorCode});
+                    MEDIA_LOGW << "CheckDirtyData reason: [" << pattern.text << "]";
+                }
                 return 0;
             }
         }

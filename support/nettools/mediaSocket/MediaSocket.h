@@ -91,6 +91,8 @@ public:
     uint64_t lastDirtyLogTime = 0;
     std::atomic<uint64_t> dirtyBytesUntold{0};
     std::atomic<uint64_t> lastDirtyEventTime{0};
+    // When a refusal found in the stream was last acted on (receive thread).
+    uint64_t lastRefusalTime = 0;
 
     MediaStatsCounters stats;
 
