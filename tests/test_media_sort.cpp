@@ -236,6 +236,20 @@ void OnFloodRecv(uint32_t, uint32_t, uint32_t, const uint8_t* data, uint32_t len
     g_receipts.changed.notify_all();
 }
 
+// Under AddressSanitizer freed memory waits in quarantine instead of being
+// reused, so resident memory measures the churn, not what is kept.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kResidentMemoryIsKept = false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr bool kResidentMemoryIsKept = false;
+#else
+constexpr bool kResidentMemoryIsKept = true;
+#endif
+#else
+constexpr bool kResidentMemoryIsKept = true;
+#endif
+
 long ResidentBytes()
 {
     std::ifstream statm("/proc/self/statm");
@@ -297,7 +311,9 @@ TEST(MediaSortFlood, ForgedSsrcsCostBoundedMemoryAndTheRealStreamArrivesInOrder)
     std::vector<uint16_t> expected;
     for (uint16_t seq = 2; seq <= kRealPackets; ++seq) expected.push_back(seq);
     EXPECT_EQ(g_receipts.real, expected);
-    EXPECT_LT(growth, kMaxGrowth);
+    if (kResidentMemoryIsKept) {
+        EXPECT_LT(growth, kMaxGrowth);
+    }
 }
 
 TEST(MediaStats, CountsByPacketTypeAndTheCallersRecordByOffset)
