@@ -17,11 +17,15 @@
 
 #include <zeph_nettools/media_socket.h>
 
-#include "cli_common.h"
 #include "cmd_media.h"
 #include "commands.h"
 #include "demo_peers.h"
+#include "inbox.h"
 #include "media_peer.h"
+#include "options.h"
+#include "render.h"
+#include "targets.h"
+#include "terminal.h"
 
 namespace cli {
 namespace {

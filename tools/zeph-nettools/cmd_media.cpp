@@ -19,8 +19,12 @@
 #include <random>
 #include <thread>
 
-#include "cli_common.h"
 #include "commands.h"
+#include "ipv4.h"
+#include "json.h"
+#include "options.h"
+#include "targets.h"
+#include "terminal.h"
 #include "mediaSocket/MediaVocabulary.h"
 
 namespace cli {
@@ -648,7 +652,7 @@ int cmd_media(int argc, char** argv) {
     const std::string host = server.substr(0, colon);
     uint32_t addr = 0;
     if (!resolve_ipv4(host, addr)) return run_error(cmd, "cannot resolve '" + host + "'");
-    plan.host = ipv4_text(addr);
+    plan.host = zeph_tools::ipv4_text(addr);
     return run_media_session(cmd, plan, opt.json, nullptr);
 }
 

@@ -3,8 +3,12 @@
 #include <cstdlib>
 #include <map>
 
-#include "cli_common.h"
 #include "commands.h"
+#include "inbox.h"
+#include "options.h"
+#include "render.h"
+#include "targets.h"
+#include "terminal.h"
 
 namespace cli {
 namespace {

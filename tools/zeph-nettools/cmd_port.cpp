@@ -2,8 +2,12 @@
 // of up to 4 targets.
 #include <cstring>
 
-#include "cli_common.h"
 #include "commands.h"
+#include "inbox.h"
+#include "options.h"
+#include "render.h"
+#include "targets.h"
+#include "terminal.h"
 
 namespace cli {
 namespace {

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <string>
 
-#include "cli_common.h"
 #include "commands.h"
+#include "terminal.h"
 
 namespace {
 
