@@ -127,6 +127,11 @@ int InChild(const std::function<int()>& body)
 
 TEST(MediaHostileInput, NoDescriptorsLeftFailsTheCreateAndKeepsNoSession)
 {
+#if defined(__SANITIZE_ADDRESS__)
+    // The sanitizers' runtime opens descriptors of its own (a pipe through
+    // which it probes memory) and reports false errors when none are left.
+    GTEST_SKIP() << "not under the address sanitizer, which needs descriptors of its own";
+#endif
     const int status = InChild([] {
         rlimit lim{64, 64};
         if (::setrlimit(RLIMIT_NOFILE, &lim) != 0) return 10;

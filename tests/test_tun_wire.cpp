@@ -22,6 +22,7 @@ namespace {
 constexpr int kTimeoutMs = 2000;
 constexpr double kToB = 20, kToA = 10; // different, so a swapped direction shows
 constexpr double kSlackMs = 25;        // scheduling under sanitizers; the bench measures the real figure
+constexpr double kStampSlackMs = 0.5;   // a write returning after the reader woke
 constexpr uint16_t kEchoId = 0x7A11;
 
 std::vector<RoundTrip> of_proto(const std::vector<RoundTrip>& all, uint8_t proto) {
@@ -78,7 +79,9 @@ TEST(TunWire, DelaysEachDirectionAndLogsTheRoundTrips) {
         ASSERT_EQ(rts.size(), 1u) << "protocol " << int(protos[i]);
         EXPECT_TRUE(rts[0].answered);
         EXPECT_GE(rts[0].truth_ms, rtt);
-        EXPECT_LE(rts[0].truth_ms, measured[i]);
+        // The wire stamps an answer after its write returns; the client may
+        // have read it a few microseconds before.
+        EXPECT_LE(rts[0].truth_ms, measured[i] + kStampSlackMs);
     }
     for (const WireRecord& r : log) {
         if (r.dropped) continue;
