@@ -236,6 +236,20 @@ TEST(OsSocket, ConnectionLifeInWindowsTerms) {
 
     EXPECT_EQ(MORL_InetAddr("10.1"), 0xFFFFFFFFu); // no shorthand forms, and no names
     EXPECT_EQ(MORL_InetAddr("example.com"), 0xFFFFFFFFu);
+
+    // Names resolve to network order; a name nobody knows tells so.
+    uint32_t be = 0;
+    ASSERT_EQ(MORL_ResolveIpv4("localhost", &be), 0);
+    EXPECT_EQ(be, MORL_InetAddr("127.0.0.1"));
+    EXPECT_EQ(MORL_ResolveIpv4("no.such.host.invalid", &be), -1);
+    EXPECT_EQ(MORL_GetLastSocketErr(), MORL_WSAHOST_NOT_FOUND);
+    // Text back from an address: the full width fits 16 bytes, less is refused.
+    const uint32_t wide = MORL_InetAddr("255.255.255.254");
+    char text[16];
+    ASSERT_NE(MORL_Inet_Ntop(MORL_AF_INET, &wide, text, sizeof text), nullptr);
+    EXPECT_STREQ(text, "255.255.255.254");
+    EXPECT_EQ(MORL_Inet_Ntop(MORL_AF_INET, &wide, text, 15), nullptr);
+    EXPECT_STREQ(text, "");
 }
 
 // ---- threads, time, mutex -------------------------------------------------------------------

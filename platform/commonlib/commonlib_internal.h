@@ -31,6 +31,7 @@ struct ProxySetting {
 ProxySetting proxy_setting();
 
 // Dotted text of a network-order address.
+constexpr size_t kIpv4TextSize = 16; // "255.255.255.255" and its NUL
 std::string ipv4_text(uint32_t be_addr);
 
 // Caller text checked before it may enter a protocol line or a resolver.

@@ -1,15 +1,8 @@
 // HTTP CONNECT client: opens a tunnel through the host's HTTP proxy on a
 // socket the caller owns.
-#include <arpa/inet.h>
-#include <errno.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <time.h>
-
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -27,52 +20,57 @@ constexpr int kProxyTimeoutMs = 3000;
 // An answer header longer than this is not a proxy talking to us.
 constexpr size_t kMaxAnswerHeader = 8192;
 
-int64_t monotonic_ms()
+int64_t now_ms()
 {
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+    return static_cast<int64_t>(MORL_GetSystemTime());
 }
 
-// Waits for events on fd until the deadline. >0 ready, 0 time-out, <0 error.
-int wait_fd(int fd, short events, int64_t deadline, short* revents)
+// Waits for events on fd until the deadline. >0 ready, 0 time-out (the
+// thread's socket error then reads 10060), <0 error.
+int wait_fd(MORL_SOCKET fd, int16_t events, int64_t deadline, int16_t* revents)
 {
-    for (;;) {
-        int64_t left = deadline - monotonic_ms();
-        if (left <= 0) {
-            return 0;
-        }
-        pollfd p{fd, events, 0};
-        int r = poll(&p, 1, static_cast<int>(left));
-        if (r < 0 && errno == EINTR) {
-            continue;
-        }
-        if (r > 0 && revents != nullptr) {
-            *revents = p.revents;
-        }
-        return r;
+    const int64_t left = deadline - now_ms();
+    if (left <= 0) {
+        MORL_SetLastSocketErr(MORL_WSAETIMEDOUT);
+        return 0;
     }
+    MORL_PollFd p{fd, events, 0};
+    const int r = MORL_Poll(&p, 1, static_cast<int>(left));
+    if (r == 0) {
+        MORL_SetLastSocketErr(MORL_WSAETIMEDOUT);
+    }
+    if (r > 0 && revents != nullptr) {
+        *revents = p.revents;
+    }
+    return r;
 }
 
-bool send_all(int fd, const std::string& data, int64_t deadline)
+// The socket may be blocking or not, and its connect to the proxy may still
+// be under way: each send waits for room first, so that it never blocks
+// past the deadline.
+bool send_all(MORL_SOCKET fd, const std::string& data, int64_t deadline)
 {
     size_t off = 0;
     while (off < data.size()) {
-        // MSG_DONTWAIT: behave the same on blocking and non-blocking sockets.
-        ssize_t n = send(fd, data.data() + off, data.size() - off, MSG_DONTWAIT | MSG_NOSIGNAL);
+        int16_t revents = 0;
+        if (wait_fd(fd, MORL_POLLWRNORM, deadline, &revents) <= 0) {
+            return false;
+        }
+        if ((revents & (MORL_POLLERR | MORL_POLLHUP)) != 0) {
+            int err = 0;
+            int len = sizeof err;
+            if (MORL_GetSockOpt(fd, MORL_SOL_SOCKET, MORL_SO_ERROR, &err, &len) == 0) {
+                MORL_SetLastSocketErr(err != 0 ? err : MORL_WSAECONNABORTED);
+            }
+            return false;
+        }
+        const int n = MORL_Send(fd, data.data() + off, static_cast<int>(data.size() - off), 0);
         if (n > 0) {
             off += static_cast<size_t>(n);
             continue;
         }
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOTCONN)) {
-            // ENOTCONN: a non-blocking connect to the proxy still under way.
-            short revents = 0;
-            if (wait_fd(fd, POLLOUT, deadline, &revents) <= 0 || (revents & (POLLERR | POLLHUP)) != 0) {
-                return false;
-            }
+        const int err = MORL_GetLastSocketErr();
+        if (n < 0 && (err == MORL_WSAEINTR || err == MORL_WSAEWOULDBLOCK)) {
             continue;
         }
         return false;
@@ -122,23 +120,24 @@ enum : int { kIoFailure = -1, kMalformed = -2, kRefusedTarget = -3 };
 // byte more: what follows already belongs to the tunnel. Bytes are peeked
 // first and only the header's share is taken off the socket. Returns 0 with
 // the header, kIoFailure or kMalformed.
-int read_answer_header(int fd, int64_t deadline, std::string* header)
+int read_answer_header(MORL_SOCKET fd, int64_t deadline, std::string* header)
 {
     char buf[1024];
     for (;;) {
         if (header->size() >= kMaxAnswerHeader) {
             return kMalformed;
         }
-        size_t want = std::min(sizeof buf, kMaxAnswerHeader - header->size());
-        ssize_t n = recv(fd, buf, want, MSG_PEEK | MSG_DONTWAIT);
-        if (n < 0 && errno == EINTR) {
-            continue;
+        // Readable first, so that neither read blocks on a blocking socket.
+        if (wait_fd(fd, MORL_POLLRDNORM, deadline, nullptr) <= 0) {
+            return kIoFailure;
         }
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            if (wait_fd(fd, POLLIN, deadline, nullptr) <= 0) {
-                return kIoFailure;
+        const size_t want = std::min(sizeof buf, kMaxAnswerHeader - header->size());
+        const int n = MORL_Recv(fd, buf, static_cast<int>(want), MORL_MSG_PEEK);
+        if (n < 0) {
+            const int err = MORL_GetLastSocketErr();
+            if (err == MORL_WSAEINTR || err == MORL_WSAEWOULDBLOCK) {
+                continue;
             }
-            continue;
         }
         if (n <= 0) {
             return kIoFailure; // closed or failed before the header ended
@@ -153,8 +152,9 @@ int read_answer_header(int fd, int64_t deadline, std::string* header)
         if (end != std::string::npos) {
             take = end + 4 - have;
         }
-        ssize_t got = recv(fd, buf, take, MSG_DONTWAIT);
-        if (got != static_cast<ssize_t>(take)) {
+        // The peeked bytes are there: this read takes them without waiting.
+        const int got = MORL_Recv(fd, buf, static_cast<int>(take), 0);
+        if (got != static_cast<int>(take)) {
             return kIoFailure;
         }
         header->append(buf, take);
@@ -164,20 +164,20 @@ int read_answer_header(int fd, int64_t deadline, std::string* header)
     }
 }
 
-bool set_nonblocking(int fd)
+bool set_nonblocking(MORL_SOCKET fd)
 {
-    int flags = fcntl(fd, F_GETFL, 0);
-    return flags >= 0 && (flags & O_NONBLOCK ? true : fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0);
+    uint32_t on = 1;
+    return MORL_IoctlSocket(fd, MORL_FIONBIO, &on) == 0;
 }
 
 // Starts a connect of fd to addr:port through the OS adapter, which
 // refuses 0.0.0.0 and keeps an immediate failure with the socket. 0 when
 // connected or under way, else the WSA error.
-int start_connect(int fd, uint32_t be_addr, uint16_t port)
+int start_connect(MORL_SOCKET fd, uint32_t be_addr, uint16_t port)
 {
     MORL_SockAddrIn to{};
     to.sin_family = MORL_AF_INET;
-    to.sin_port = htons(port);
+    to.sin_port = MORL_Htons(port);
     to.sin_addr = be_addr;
     if (MORL_Connect(fd, &to, sizeof to) == 0) {
         return 0;
@@ -193,8 +193,9 @@ std::string error_text(int wsa)
     return text;
 }
 
-// Connects fd to the proxy and waits for the connect to finish.
-int connect_to_proxy(int fd, const zeph_commonlib::ProxySetting& proxy)
+// Connects fd to the proxy and waits for the connect to finish. On failure
+// the thread's socket error tells why (10060 for a time-out).
+int connect_to_proxy(MORL_SOCKET fd, const zeph_commonlib::ProxySetting& proxy)
 {
     std::string proxy_text = zeph_commonlib::ipv4_text(proxy.addr);
     int err = start_connect(fd, proxy.addr, proxy.port);
@@ -203,6 +204,7 @@ int connect_to_proxy(int fd, const zeph_commonlib::ProxySetting& proxy)
         int r = MORL_Poll(&p, 1, kProxyTimeoutMs);
         if (r == 0) {
             CL_LOGW("connect to proxy %s:%u timed out", proxy_text.c_str(), proxy.port);
+            MORL_SetLastSocketErr(MORL_WSAETIMEDOUT);
             return -1;
         }
         int len = sizeof err;
@@ -214,6 +216,7 @@ int connect_to_proxy(int fd, const zeph_commonlib::ProxySetting& proxy)
     }
     if (err != 0) {
         CL_LOGW("connect to proxy %s:%u failed: %s", proxy_text.c_str(), proxy.port, error_text(err).c_str());
+        MORL_SetLastSocketErr(err); // the error of the connect, not of the wait for it
         return -1;
     }
     return 0;
@@ -240,7 +243,7 @@ int zeph_http_proxy_connect_ex(int /*reserved*/, MORL_SOCKET sock, const char* i
         CL_LOGW("CONNECT refused: the target (%zu bytes) is not a host name or address", std::strlen(ip));
         return kRefusedTarget;
     }
-    const int64_t deadline = monotonic_ms() + kProxyTimeoutMs;
+    const int64_t deadline = now_ms() + kProxyTimeoutMs;
     zeph_commonlib::ProxySetting proxy = zeph_commonlib::proxy_setting();
 
     char target[300];
@@ -252,7 +255,7 @@ int zeph_http_proxy_connect_ex(int /*reserved*/, MORL_SOCKET sock, const char* i
     request += "\r\n";
 
     if (!send_all(sock, request, deadline)) {
-        CL_LOGW("CONNECT %s: sending the request failed: %s", target, std::strerror(errno));
+        CL_LOGW("CONNECT %s: sending the request failed: %s", target, error_text(MORL_GetLastSocketErr()).c_str());
         return kIoFailure;
     }
     std::string header;
@@ -296,7 +299,7 @@ int zeph_tcp_over_http_proxy(MORL_SOCKET sock, uint32_t address, uint16_t port, 
         *is_domain = 1;
     }
     if (!set_nonblocking(sock)) {
-        CL_LOGW("cannot make socket %d non-blocking: %s", sock, std::strerror(errno));
+        CL_LOGW("cannot make socket %d non-blocking: %s", sock, error_text(MORL_GetLastSocketErr()).c_str());
         return -1;
     }
     zeph_commonlib::ProxySetting proxy = zeph_commonlib::proxy_setting();

@@ -1,11 +1,5 @@
 // Host settings (HTTP proxy, local address) and the address helpers that
 // read them.
-#include <arpa/inet.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cstring>
 #include <mutex>
@@ -28,38 +22,44 @@ SettingsState& settings()
     return state;
 }
 
+// 127.0.0.1, the answer when nothing routes outward.
+constexpr uint32_t kLoopbackHostOrder = 0x7F000001;
+// A documentation address (192.0.2.1, never reached) and the discard port:
+// connecting a UDP socket to them only chooses the outward route.
+constexpr uint32_t kRouteProbeHostOrder = 0xC0000201;
+constexpr uint16_t kRouteProbePort = 9;
+
 bool parse_dotted(const char* text, uint32_t* be_addr)
 {
-    in_addr a{};
-    if (text == nullptr || inet_pton(AF_INET, text, &a) != 1) {
+    uint32_t a = 0;
+    if (text == nullptr || MORL_Inet_Pton(MORL_AF_INET, text, &a, sizeof a) != 1) {
         return false;
     }
-    *be_addr = a.s_addr;
+    *be_addr = a;
     return true;
 }
 
 // The address of the interface the kernel would route outward. Connecting a
-// UDP socket only chooses the route: no packet is sent. 192.0.2.1 is a
-// documentation address that is never reached.
+// UDP socket only chooses the route: no packet is sent.
 uint32_t routed_local_addr()
 {
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
+    const MORL_SOCKET fd = MORL_Socket(MORL_AF_INET, MORL_SOCK_DGRAM, 0);
+    if (fd == MORL_INVALID_SOCKET) {
         return 0;
     }
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(9);
-    to.sin_addr.s_addr = htonl(0xC0000201); // 192.0.2.1
+    MORL_SockAddrIn to{};
+    to.sin_family = MORL_AF_INET;
+    to.sin_port = MORL_Htons(kRouteProbePort);
+    to.sin_addr = MORL_Htonl(kRouteProbeHostOrder);
     uint32_t result = 0;
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&to), sizeof to) == 0) {
-        sockaddr_in me{};
-        socklen_t len = sizeof me;
-        if (getsockname(fd, reinterpret_cast<sockaddr*>(&me), &len) == 0 && me.sin_family == AF_INET) {
-            result = me.sin_addr.s_addr;
+    if (MORL_Connect(fd, &to, sizeof to) == 0) {
+        MORL_SockAddrIn me{};
+        int len = sizeof me;
+        if (MORL_GetSockName(fd, &me, &len) == 0) {
+            result = me.sin_addr;
         }
     }
-    close(fd);
+    MORL_CloseSocket(fd);
     return result;
 }
 
@@ -106,10 +106,8 @@ bool is_credential_text(const char* text)
 
 std::string ipv4_text(uint32_t be_addr)
 {
-    char text[INET_ADDRSTRLEN] = {};
-    in_addr a{};
-    a.s_addr = be_addr;
-    inet_ntop(AF_INET, &a, text, sizeof text);
+    char text[kIpv4TextSize] = {};
+    MORL_Inet_Ntop(MORL_AF_INET, &be_addr, text, sizeof text);
     return text;
 }
 
@@ -126,22 +124,9 @@ uint32_t get_addr_ipv4(const char* text)
     if (zeph_commonlib::parse_dotted(text, &addr)) {
         return addr;
     }
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* res = nullptr;
-    if (getaddrinfo(text, nullptr, &hints, &res) != 0 || res == nullptr) {
+    if (MORL_ResolveIpv4(text, &addr) != 0) {
         return 0;
     }
-    for (const addrinfo* ai = res; ai != nullptr; ai = ai->ai_next) {
-        if (ai->ai_family == AF_INET && ai->ai_addrlen >= sizeof(sockaddr_in)) {
-            sockaddr_in sa{};
-            std::memcpy(&sa, ai->ai_addr, sizeof sa);
-            addr = sa.sin_addr.s_addr;
-            break;
-        }
-    }
-    freeaddrinfo(res);
     return addr;
 }
 
@@ -152,7 +137,7 @@ uint32_t zeph_get_local_addr()
         return addr;
     }
     addr = zeph_commonlib::routed_local_addr();
-    return addr != 0 ? addr : htonl(INADDR_LOOPBACK);
+    return addr != 0 ? addr : MORL_Htonl(zeph_commonlib::kLoopbackHostOrder);
 }
 
 int zeph_settings_set_local_addr(const char* addr)

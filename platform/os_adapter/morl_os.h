@@ -75,6 +75,15 @@ enum : int {
     MORL_WSAEHOSTDOWN = 10064,
     MORL_WSAEHOSTUNREACH = 10065,
     MORL_WSANOTINITIALISED = 10093,
+    MORL_WSAHOST_NOT_FOUND = 11001,
+};
+
+// Flags of send and recv.
+enum : int {
+    MORL_MSG_OOB = 0x1,
+    MORL_MSG_PEEK = 0x2, // read without taking the bytes off the socket
+    MORL_MSG_DONTROUTE = 0x4,
+    MORL_MSG_WAITALL = 0x8,
 };
 
 // 16-byte IPv4 socket address with the Windows layout: family, port in
@@ -149,6 +158,10 @@ int MORL_CloseSocket(MORL_SOCKET s);
 enum : int { MORL_SD_RECEIVE = 0, MORL_SD_SEND = 1, MORL_SD_BOTH = 2 };
 int MORL_Shutdown(MORL_SOCKET s, int how);
 int MORL_GetLastSocketErr();
+// WSASetLastError: what MORL_GetLastSocketErr() gives next on this thread.
+// For callers that find a socket's error by other means (SO_ERROR after a
+// wait, a time-out of their own) and must leave it for their caller.
+void MORL_SetLastSocketErr(int wsa);
 // Windows-style select over MORL_FdSet; nfds is ignored as on Windows.
 int MORL_Select(int nfds, MORL_FdSet* readfds, MORL_FdSet* writefds, MORL_FdSet* exceptfds, const MORL_TimeVal* timeout);
 void MORL_FD_ZERO(MORL_FdSet* set);
@@ -163,6 +176,16 @@ int MORL_Poll(MORL_PollFd* fds, uint32_t count, int timeout_ms);
 uint32_t MORL_InetAddr(const char* text);
 // inet_pton for family 2: 1 if text is a dotted IPv4 address (4 bytes written), 0 if not, -1 on bad family/size.
 int MORL_Inet_Pton(int family, const char* text, void* dst, uint32_t dst_size);
+// inet_ntop for family 2: dotted text of the 4-byte address at src into dst
+// (16 bytes hold any); dst, or nullptr on bad family, size or arguments.
+const char* MORL_Inet_Ntop(int family, const void* src, char* dst, uint32_t dst_size);
+// Byte order of the wire (most significant byte first) to and from the host's.
+uint16_t MORL_Htons(uint16_t host);
+uint32_t MORL_Htonl(uint32_t host);
+// Resolves a host name (or dotted text) to its first IPv4 address, in
+// network order. May block on the system resolver. 0 on success; -1 with
+// MORL_WSAHOST_NOT_FOUND (or MORL_WSAEFAULT for null arguments) otherwise.
+int MORL_ResolveIpv4(const char* name, uint32_t* be_addr);
 
 // ---- errors ------------------------------------------------------------------
 int MORL_GetLastErr();

@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>
 #include <netinet/tcp.h>
@@ -151,12 +152,11 @@ int give_addr(const sockaddr_storage& ss, MORL_SockAddrIn* addr, int* len) {
 
 // ---- message flags ---------------------------------------------------------------
 int to_linux_msg_flags(int flags) {
-    constexpr int kOob = 0x1, kPeek = 0x2, kDontRoute = 0x4, kWaitAll = 0x8;
     int out = 0;
-    if (flags & kOob) out |= MSG_OOB;
-    if (flags & kPeek) out |= MSG_PEEK;
-    if (flags & kDontRoute) out |= MSG_DONTROUTE;
-    if (flags & kWaitAll) out |= MSG_WAITALL;
+    if (flags & MORL_MSG_OOB) out |= MSG_OOB;
+    if (flags & MORL_MSG_PEEK) out |= MSG_PEEK;
+    if (flags & MORL_MSG_DONTROUTE) out |= MSG_DONTROUTE;
+    if (flags & MORL_MSG_WAITALL) out |= MSG_WAITALL;
     return out;
 }
 
@@ -602,6 +602,8 @@ int MORL_IoctlSocket(MORL_SOCKET s, uint32_t cmd, uint32_t* argp) {
 
 int MORL_GetLastSocketErr() { return morl::t_last_socket_err; }
 
+void MORL_SetLastSocketErr(int wsa) { morl::t_last_socket_err = wsa; }
+
 // ---- waiting on sockets ----------------------------------------------------------------
 namespace {
 
@@ -872,4 +874,52 @@ int MORL_Inet_Pton(int family, const char* text, void* dst, uint32_t dst_size) {
     }
     std::memcpy(dst, &a.s_addr, 4);
     return 1;
+}
+
+const char* MORL_Inet_Ntop(int family, const void* src, char* dst, uint32_t dst_size) {
+    if (family != static_cast<int>(MORL_AF_INET)) {
+        fail(MORL_WSAEAFNOSUPPORT);
+        return nullptr;
+    }
+    if (src == nullptr || dst == nullptr || dst_size == 0) {
+        fail(MORL_WSAEFAULT);
+        return nullptr;
+    }
+    in_addr a;
+    std::memcpy(&a.s_addr, src, sizeof a.s_addr);
+    if (::inet_ntop(AF_INET, &a, dst, dst_size) == nullptr) {
+        dst[0] = '\0';
+        fail(MORL_WSAEFAULT); // the text does not fit
+        return nullptr;
+    }
+    return dst;
+}
+
+uint16_t MORL_Htons(uint16_t host) { return htons(host); }
+uint32_t MORL_Htonl(uint32_t host) { return htonl(host); }
+
+// ---- names --------------------------------------------------------------------------------
+int MORL_ResolveIpv4(const char* name, uint32_t* be_addr) {
+    if (name == nullptr || be_addr == nullptr) {
+        return fail(MORL_WSAEFAULT);
+    }
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* res = nullptr;
+    if (::getaddrinfo(name, nullptr, &hints, &res) != 0 || res == nullptr) {
+        return fail(MORL_WSAHOST_NOT_FOUND);
+    }
+    int rc = fail(MORL_WSAHOST_NOT_FOUND);
+    for (const addrinfo* ai = res; ai != nullptr; ai = ai->ai_next) {
+        if (ai->ai_family == AF_INET && ai->ai_addrlen >= sizeof(sockaddr_in)) {
+            sockaddr_in sa{};
+            std::memcpy(&sa, ai->ai_addr, sizeof sa);
+            *be_addr = sa.sin_addr.s_addr;
+            rc = 0;
+            break;
+        }
+    }
+    ::freeaddrinfo(res);
+    return rc;
 }
