@@ -23,7 +23,8 @@ constexpr uint32_t kAllUnusedSleepMs = 100;
 constexpr uint32_t kSendIdleWaitMs = 5;
 constexpr int kConnectTimeoutMs = 2000;
 constexpr int32_t kSockBufSize = 0x40000;
-constexpr uint32_t kLogEvery = 0xFFF; // one line in 4096
+constexpr uint32_t kLogEveryCount = 4096;
+constexpr uint32_t kLogEvery = kLogEveryCount - 1; // mask: one line in 4096
 constexpr uint64_t kLogGapMs = 1000;
 constexpr int kSlowStartCount = 100;
 constexpr uint32_t kSlowStartIntervalMs = 50;
@@ -35,6 +36,19 @@ constexpr size_t kMaxRepairJobs = 16;
 // How long the repair thread waits before it looks again at a media type
 // that another thread is connecting.
 constexpr int kRepairRetryMs = 10;
+// How often a send interrupted by a signal is tried before it gives up.
+constexpr int kSendInterruptedTries = 5;
+// What the proxy layer answers when the proxy demanded authentication.
+constexpr int kProxyAuthRefused = 16;
+constexpr uint32_t kHttpForbidden = 403;
+
+// The OS adapter hands over the Linux number itself for an error it has no
+// Windows code for. The send path takes these three as it takes their
+// Windows codes, so that a path that reports the raw number is not mistaken
+// for a broken channel.
+constexpr int kLinuxEintr = 4;
+constexpr int kLinuxEagain = 11;
+constexpr int kLinuxEpipe = 32;
 
 std::atomic<bool> g_earlyWake{true};
 
@@ -55,13 +69,33 @@ struct DirtyPattern {
     uint32_t errorCode;
 };
 const DirtyPattern kDirtyPatterns[] = {
-    {"403 forbidden", 4, 403},
-    {"403forbidden", 4, 403},
+    {"403 forbidden", ZEPH_MEDIA_EVENT_REFUSED, kHttpForbidden},
+    {"403forbidden", ZEPH_MEDIA_EVENT_REFUSED, kHttpForbidden},
 };
 
-bool IsWouldBlock(int err) { return err == MORL_WSAEWOULDBLOCK || err == MORL_WSAEINPROGRESS || err == 11; }
-bool IsInterrupted(int err) { return err == MORL_WSAEINTR || err == 4; }
-bool IsNotConnected(int err) { return err == MORL_WSAENOTCONN || err == 32; }
+bool IsWouldBlock(int err)
+{
+    return err == MORL_WSAEWOULDBLOCK || err == MORL_WSAEINPROGRESS || err == kLinuxEagain;
+}
+bool IsInterrupted(int err) { return err == MORL_WSAEINTR || err == kLinuxEintr; }
+bool IsNotConnected(int err) { return err == MORL_WSAENOTCONN || err == kLinuxEpipe; }
+
+// Per media type: its range of poll records (half open), its channel
+// count, the capacity of its rings and the DSCP level of its sockets.
+struct MediaTypeTraits {
+    size_t fdStart;
+    size_t fdEnd;
+    uint32_t channels;
+    int32_t ringCapacity;
+    uint32_t dscpLevel;
+};
+constexpr MediaTypeTraits kMediaTypeTraits[kMediaTypeCount] = {
+    {4, 5, 1, 614400, 3}, // Video
+    {0, 4, 4, 30720, 4},  // Audio
+    {6, 7, 1, 614400, 3}, // Aux
+    {5, 6, 1, 262144, 4}, // MS
+    {7, 8, 1, 30720, 4},  // DATA
+};
 
 } // namespace
 
@@ -69,43 +103,29 @@ bool IsNotConnected(int err) { return err == MORL_WSAENOTCONN || err == 32; }
 
 bool GetMediaFdsIndex(uint32_t mediaType, size_t& start, size_t& end)
 {
-    switch (mediaType) {
-        case 1: start = 0; end = 4; return true;
-        case 0: start = 4; end = 5; return true;
-        case 3: start = 5; end = 6; return true;
-        case 2: start = 6; end = 7; return true;
-        case 4: start = 7; end = 8; return true;
-        default: start = 0; end = 0; return false;
+    if (mediaType >= kMediaTypeCount) {
+        start = 0;
+        end = 0;
+        return false;
     }
+    start = kMediaTypeTraits[mediaType].fdStart;
+    end = kMediaTypeTraits[mediaType].fdEnd;
+    return true;
 }
 
 uint32_t GetMediaDefaultChannels(uint32_t mediaType)
 {
-    return mediaType == 1 ? 4 : (mediaType < kMediaTypeCount ? 1 : 0);
+    return mediaType < kMediaTypeCount ? kMediaTypeTraits[mediaType].channels : 0;
 }
 
 int32_t GetMediaDefaultRingCapacity(uint32_t mediaType)
 {
-    switch (mediaType) {
-        case 0: return 614400;
-        case 1: return 30720;
-        case 2: return 614400;
-        case 3: return 262144;
-        case 4: return 30720;
-        default: return kMinRingCapacity;
-    }
+    return mediaType < kMediaTypeCount ? kMediaTypeTraits[mediaType].ringCapacity : kMinRingCapacity;
 }
 
 uint32_t GetMediaDscpLevel(uint32_t mediaType)
 {
-    switch (mediaType) {
-        case 0: return 3;
-        case 1: return 4;
-        case 2: return 3;
-        case 3: return 4;
-        case 4: return 4;
-        default: return 0;
-    }
+    return mediaType < kMediaTypeCount ? kMediaTypeTraits[mediaType].dscpLevel : 0;
 }
 
 // ---- records --------------------------------------------------------------------
@@ -532,14 +552,14 @@ int32_t MediaSocket::MediaConnect(int32_t sock, const std::string& address, uint
     MEDIA_LOGI << "zeph_tcp_over_http_proxy session id: " << sessionId << ", resutl: " << ret
                << ", lastError: " << lastError << ",isDomain:" << isDomain;
     if (isDomain == 1) {
-        DoEventCallback(FindSocketInfoBySock(sock), MediaEventInfo{6, static_cast<uint32_t>(ret)});
+        DoEventCallback(FindSocketInfoBySock(sock), MediaEventInfo{ZEPH_MEDIA_EVENT_CONNECT_DOMAIN, static_cast<uint32_t>(ret)});
     }
-    if (ret == 16) {
+    if (ret == kProxyAuthRefused) {
         return MEDIA_SOCKET_ERRCODE_PROXY_AUTH;
     }
     if (ret != 0) {
         DoEventCallbackOfSockChan(FindSockChannelBySock(FindSocketInfoBySock(sock), sock),
-                                  MediaEventInfo{5, static_cast<uint32_t>(ret)});
+                                  MediaEventInfo{ZEPH_MEDIA_EVENT_CONNECT_FAILED, static_cast<uint32_t>(ret)});
         MEDIA_LOGE << "session id: " << sessionId << ", connect error! serverAddr: " << address << ":" << port
                    << ", lastError: " << lastError << ", ret: " << ret << ", sock: " << sock;
         return MEDIA_SOCKET_ERRCODE_CONNECT_ERROR;
@@ -697,7 +717,7 @@ int32_t MediaSocket::MediaCreateChannel(uint32_t mediaType, const std::string& a
             std::lock_guard<std::mutex> g(info->mutex);
             ring->Clear();
         }
-        DoEventCallback(info, MediaEventInfo{3, 0});
+        DoEventCallback(info, MediaEventInfo{ZEPH_MEDIA_EVENT_RING_FLUSHED, 0});
     }
 
     size_t start = 0;
@@ -711,7 +731,7 @@ int32_t MediaSocket::MediaCreateChannel(uint32_t mediaType, const std::string& a
     const bool connectedAnew = std::any_of(toConnect.begin(), toConnect.end(), [](const std::shared_ptr<SockChannel>& ch) {
         return ch->state == SockChannel::Connected;
     });
-    if (connectedAnew && mediaType != 3 && mediaType != 4) {
+    if (connectedAnew && mediaType != ZEPH_MEDIA_MS && mediaType != ZEPH_MEDIA_DATA) {
         MediaSocketTcpAccelerateSlowStart(mediaType);
     }
     MEDIA_LOGI << "Create connect succ. session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType)
@@ -857,10 +877,10 @@ void MediaSocket::MediaSocketTcpAccelerateSlowStart(uint32_t mediaType)
     auto body = [id, mediaType]() {
         const char* word = nullptr;
         switch (mediaType) {
-            case 0: word = "stun_video"; break;
-            case 1: word = "stun_audio"; break;
-            case 2: word = "stun_aux"; break;
-            case 4: word = "stun_data"; break;
+            case ZEPH_MEDIA_VIDEO: word = "stun_video"; break;
+            case ZEPH_MEDIA_AUDIO: word = "stun_audio"; break;
+            case ZEPH_MEDIA_AUX: word = "stun_aux"; break;
+            case ZEPH_MEDIA_DATA: word = "stun_data"; break;
             default: return;
         }
         const std::string key = std::string(word) + "_" + std::to_string(id);
@@ -963,7 +983,7 @@ int32_t MediaSocket::MediaGetStats(uint32_t mediaType, MediaStats* stats)
 }
 
 void MediaSocket::RecvStatsCount(const std::shared_ptr<SocketInfo>& info, const std::shared_ptr<SockChannel>& ch,
-                                 int kind, uint32_t pktType, bool success)
+                                 RecvStat kind, uint32_t pktType, bool success)
 {
     if (!ch) {
         MEDIA_LOGE << "sockChanPtr is null! session id: " << sessionId;
@@ -971,17 +991,16 @@ void MediaSocket::RecvStatsCount(const std::shared_ptr<SocketInfo>& info, const 
     }
     for (MediaStatsCounters* s : {&info->stats, &ch->stats}) {
         switch (kind) {
-            case 0: CountPacket(s->recv, pktType, success); break;
-            case 1: MediaStatsCounters::Bump(s->dataLoss); break;
-            case 2: MediaStatsCounters::Bump(s->readHeadErrCount); break;
-            case 3: MediaStatsCounters::Bump(s->writeBufferErrCount); break;
-            default: break;
+            case RecvStat::Packet: CountPacket(s->recv, pktType, success); break;
+            case RecvStat::DataLoss: MediaStatsCounters::Bump(s->dataLoss); break;
+            case RecvStat::ReadHeadErr: MediaStatsCounters::Bump(s->readHeadErrCount); break;
+            case RecvStat::WriteBufferErr: MediaStatsCounters::Bump(s->writeBufferErrCount); break;
         }
     }
 }
 
 void MediaSocket::SendStatsCount(const std::shared_ptr<SocketInfo>& info, const std::shared_ptr<SockChannel>& ch,
-                                 int kind, uint32_t /*pktType*/, bool /*success*/)
+                                 SendStat kind)
 {
     if (!ch) {
         MEDIA_LOGE << "sockChanPtr is null! session id: " << sessionId;
@@ -989,11 +1008,10 @@ void MediaSocket::SendStatsCount(const std::shared_ptr<SocketInfo>& info, const 
     }
     for (MediaStatsCounters* s : {&info->stats, &ch->stats}) {
         switch (kind) {
-            case 5: MediaStatsCounters::Bump(s->sendErrCount); break;
-            case 6: MediaStatsCounters::Bump(s->sendLenErrorCount); break;
-            case 7: MediaStatsCounters::Bump(s->sendSuccessCount); break;
-            case 8: MediaStatsCounters::Bump(s->sendCount); break;
-            default: break;
+            case SendStat::Err: MediaStatsCounters::Bump(s->sendErrCount); break;
+            case SendStat::LenErr: MediaStatsCounters::Bump(s->sendLenErrorCount); break;
+            case SendStat::Success: MediaStatsCounters::Bump(s->sendSuccessCount); break;
+            case SendStat::Count: MediaStatsCounters::Bump(s->sendCount); break;
         }
     }
 }
@@ -1023,7 +1041,7 @@ int32_t MediaSocket::MediaSend(uint32_t pktType, uint32_t mediaType, const uint8
     if (!info->AnyOpenSocket()) {
         // Every channel is closed: the repair thread tries the whole media
         // type again, within its limits; this packet finds no channel.
-        DoEventCallback(info, MediaEventInfo{8, static_cast<uint32_t>(MEDIA_SOCKET_ERRCODE_NO_SOCKET)});
+        DoEventCallback(info, MediaEventInfo{ZEPH_MEDIA_EVENT_NO_SOCKET, static_cast<uint32_t>(MEDIA_SOCKET_ERRCODE_NO_SOCKET)});
     }
     if (!info->AnyConnected()) {
         MediaStatsCounters::Bump(info->stats.noConnectSendCount);
@@ -1047,11 +1065,11 @@ int32_t MediaSocket::MediaSend(uint32_t pktType, uint32_t mediaType, const uint8
     int32_t result = 0;
     {
         std::lock_guard<std::mutex> g(info->mutex);
-        uint32_t seq = 0xFFFFFFFFu;
-        if (pktType <= 9) {
+        uint32_t seq = kNoPkgSeq;
+        if (pktType <= kMaxMediaPktType) {
             seq = ++info->pkgSeq[pktType];
         } else if (pktType == kPktTypeKeepalive) {
-            seq = ++info->pkgSeq[8];
+            seq = ++info->pkgSeq[kKeepaliveSeqSlot];
         }
         uint8_t head[kPrivateHeadSize];
         BuildPrivateHead(pktType, mediaType, channel, seq, length, head);
@@ -1147,7 +1165,7 @@ void MediaSocket::SocketSendThread()
                            << GetSendStatsText(*info);
             }
             MediaStatsCounters::Bump(info->stats.readOnePktErrCount);
-            DoEventCallback(info, MediaEventInfo{3, static_cast<uint32_t>(MEDIA_SOCKET_ERRCODE_READ_HEAD)});
+            DoEventCallback(info, MediaEventInfo{ZEPH_MEDIA_EVENT_RING_FLUSHED, static_cast<uint32_t>(MEDIA_SOCKET_ERRCODE_READ_HEAD)});
         }
         if (idle && sendRunning) {
             IdleWait();
@@ -1190,7 +1208,7 @@ int32_t MediaSocket::DoSend(const std::shared_ptr<SocketInfo>& info, const uint8
             if (state == SockChannel::Closed) {
                 // A lost channel comes back here, within the limits of recovery.
                 DoEventCallbackOfSockChan(candidate,
-                                          MediaEventInfo{1, static_cast<uint32_t>(MEDIA_SOCKET_ERRCODE_CHANNEL_DOWN)});
+                                          MediaEventInfo{ZEPH_MEDIA_EVENT_CHANNEL_LOST, static_cast<uint32_t>(MEDIA_SOCKET_ERRCODE_CHANNEL_DOWN)});
             }
         }
         info->nextChannel = (info->nextChannel + 1) % n;
@@ -1217,8 +1235,8 @@ int32_t MediaSocket::DoSend(const std::shared_ptr<SocketInfo>& info, const uint8
             MEDIA_LOGW << "send data EWOULDBLOCK error! session id: " << sessionId << ", ret: " << r
                        << ", sendErrCount : " << before;
         }
-        SendStatsCount(info, ch, 5, 0, false);
-        DoEventCallbackOfSockChan(ch, MediaEventInfo{2, static_cast<uint32_t>(r)});
+        SendStatsCount(info, ch, SendStat::Err);
+        DoEventCallbackOfSockChan(ch, MediaEventInfo{ZEPH_MEDIA_EVENT_SEND_FAILED, static_cast<uint32_t>(r)});
     } else if (r == MEDIA_SOCKET_ERRCODE_WSA_NOT_INITIALISED) {
         static std::atomic<uint32_t> notInitCount{0};
         static std::atomic<uint64_t> notInitLogTime{0};
@@ -1233,16 +1251,16 @@ int32_t MediaSocket::DoSend(const std::shared_ptr<SocketInfo>& info, const uint8
             MORL_InitSocket();
         }
     } else if (r == length) {
-        SendStatsCount(info, ch, 7, 0, true);
+        SendStatsCount(info, ch, SendStat::Success);
     } else if (r > 0) {
-        SendStatsCount(info, ch, 7, 0, true);
+        SendStatsCount(info, ch, SendStat::Success);
         const uint32_t before = MediaStatsCounters::Load(ch->stats.sendLenErrorCount);
         if (SendLogDue(info, ch, before)) {
             MEDIA_LOGW << "tcp sendbuff full error! session id: " << sessionId << ", sendLen: " << length
                        << ", tx: " << r << ", sendLenErrorCount : " << before;
         }
-        SendStatsCount(info, ch, 6, 0, false);
-        DoEventCallbackOfSockChan(ch, MediaEventInfo{2, static_cast<uint32_t>(MEDIA_SOCKET_ERRCODE_WOULD_BLOCK)});
+        SendStatsCount(info, ch, SendStat::LenErr);
+        DoEventCallbackOfSockChan(ch, MediaEventInfo{ZEPH_MEDIA_EVENT_SEND_FAILED, static_cast<uint32_t>(MEDIA_SOCKET_ERRCODE_WOULD_BLOCK)});
     } else {
         const uint32_t before = MediaStatsCounters::Load(ch->stats.sendErrCount);
         if (SendLogDue(info, ch, before)) {
@@ -1251,9 +1269,9 @@ int32_t MediaSocket::DoSend(const std::shared_ptr<SocketInfo>& info, const uint8
                        << ":" << port << ", sendLen: " << length << ", errcode: " << r << GetHeadText(packet)
                        << ", sendErrCount: " << before;
         }
-        SendStatsCount(info, ch, 5, 0, false);
+        SendStatsCount(info, ch, SendStat::Err);
     }
-    SendStatsCount(info, ch, 8, 0, true);
+    SendStatsCount(info, ch, SendStat::Count);
     return r;
 }
 
@@ -1261,7 +1279,7 @@ int32_t MediaSocket::SendData(int32_t sock, const uint8_t* data, int32_t length)
 {
     static std::atomic<uint32_t> errorCount{0};
     static std::atomic<uint64_t> errorLogTime{0};
-    int tryCount = 5;
+    int tryCount = kSendInterruptedTries;
     bool interrupted = false;
     while (true) {
         const int r = MORL_Send(sock, data, length, 0);
@@ -1280,7 +1298,7 @@ int32_t MediaSocket::SendData(int32_t sock, const uint8_t* data, int32_t length)
         if (IsInterrupted(err)) {
             --tryCount;
             interrupted = true;
-            MEDIA_LOGW << "send data error! session id: " << sessionId << ", EINTR errno: " << 4;
+            MEDIA_LOGW << "send data error! session id: " << sessionId << ", EINTR errno: " << kLinuxEintr;
             MORL_SleepMs(kSendIdleWaitMs);
             if (tryCount == 0) {
                 return MEDIA_SOCKET_ERRCODE_EINTR;
@@ -1332,7 +1350,7 @@ void MediaSocket::SocketRecvThread()
             continue;
         }
         if (nready < 0) {
-            if (errCount.fetch_add(1) % 4096 == 0) {
+            if (errCount.fetch_add(1) % kLogEveryCount == 0) {
                 MEDIA_LOGW << "session id: " << sessionId << ", nready: " << nready
                            << ", errno: " << MORL_GetLastSocketErr();
             }
@@ -1355,7 +1373,7 @@ void MediaSocket::SocketRecvThread()
                 }
                 const int socketError = MORL_GetLastSocketErr();
                 const uint64_t now = NowMs();
-                if (recvErrCount.load() % 4096 == 0 && now - lastRecvErrTime.load() > kLogGapMs) {
+                if (recvErrCount.load() % kLogEveryCount == 0 && now - lastRecvErrTime.load() > kLogGapMs) {
                     lastRecvErrTime = now;
                     MEDIA_LOGW << "recv failed, session id: " << sessionId << ", error: " << MORL_GetLastErr()
                                << ", lastError: " << socketError << ", errCount: " << recvErrCount.load()
@@ -1367,7 +1385,7 @@ void MediaSocket::SocketRecvThread()
                 const int n = MORL_Recv(sock, buffer, kRecvReadSize, 0);
                 CheckAndReCreateChannel(sock, revents, n, MORL_GetLastSocketErr());
             } else if (revents != 0) {
-                if (errCount.fetch_add(1) % 4096 == 0) {
+                if (errCount.fetch_add(1) % kLogEveryCount == 0) {
                     MEDIA_LOGW << "recv poll failed, session id: " << sessionId << ", revents: " << revents
                                << ", errCount: " << errCount.load();
                 }
@@ -1393,7 +1411,7 @@ void MediaSocket::DeliverPacket(const std::shared_ptr<SocketInfo>& info, const s
     }
     const uint8_t* body = ch->packet + kPrivateHeadSize;
     const int32_t bodyLen = static_cast<int32_t>(head.head_Len) - kPrivateHeadSize;
-    if (head.mediaType == 1 && head.pktType == 0) {
+    if (head.mediaType == ZEPH_MEDIA_AUDIO && head.pktType == ZEPH_MEDIA_PKT_RTP) {
         const uint32_t mediaType = info->mediaType;
         const uint32_t pktType = head.pktType;
         const uint32_t id = sessionId;
@@ -1448,7 +1466,7 @@ int32_t MediaSocket::PutRecvBuffer(int32_t sock, const uint8_t* bytes, int32_t l
                     MEDIA_LOGW << "packet length error! session id: " << sessionId << ", len: " << head.head_Len
                                << ", currSize: " << held << GetRecvStatsText(*info);
                 }
-                RecvStatsCount(info, ch, 0, head.pktType, false);
+                RecvStatsCount(info, ch, RecvStat::Packet, head.pktType, false);
                 return MEDIA_SOCKET_ERRCODE_PACKET_LENGTH;
             }
             const int32_t need = head.head_Len - ch->currSize;
@@ -1463,7 +1481,7 @@ int32_t MediaSocket::PutRecvBuffer(int32_t sock, const uint8_t* bytes, int32_t l
             DeliverPacket(info, ch);
             ch->currSize = 0;
             if (counted) {
-                RecvStatsCount(info, ch, 0, head.pktType, true);
+                RecvStatsCount(info, ch, RecvStat::Packet, head.pktType, true);
             }
             if (ch->sock.load() != sock) {
                 // The callback closed or re-created this channel: the rest
@@ -1479,7 +1497,7 @@ int32_t MediaSocket::PutRecvBuffer(int32_t sock, const uint8_t* bytes, int32_t l
             if ((MediaStatsCounters::Load(ch->stats.dataLoss) & kLogEvery) == 0) {
                 MEDIA_LOGW << "data loss; session id: " << sessionId << ", " << GetRecvStatsText(*info);
             }
-            RecvStatsCount(info, ch, 1, 0, false);
+            RecvStatsCount(info, ch, RecvStat::DataLoss, 0, false);
             ch->dirtyDataLen = static_cast<uint32_t>(dirtySize);
             CheckDirtyData(ch);
             ch->dirtyDataLen = 0;
@@ -1498,13 +1516,13 @@ int32_t MediaSocket::PutRecvBuffer(int32_t sock, const uint8_t* bytes, int32_t l
             if ((MediaStatsCounters::Load(ch->stats.readHeadErrCount) & kLogEvery) == 0) {
                 MEDIA_LOGW << "read head error! session id: " << sessionId << ", " << GetRecvStatsText(*info);
             }
-            RecvStatsCount(info, ch, 2, 0, false);
+            RecvStatsCount(info, ch, RecvStat::ReadHeadErr, 0, false);
             return MEDIA_SOCKET_ERRCODE_READ_HEAD;
         }
         ch->currSize = kPrivateHeadSize;
         if (ring->GetUsedSize() == 0) {
             if (written < length) {
-                RecvStatsCount(info, ch, 3, 0, false);
+                RecvStatsCount(info, ch, RecvStat::WriteBufferErr, 0, false);
                 return MEDIA_SOCKET_ERRCODE_WRITE_BUFFER;
             }
             return 0;
@@ -1520,9 +1538,9 @@ void MediaSocket::DoEventCallback(const std::shared_ptr<SocketInfo>& info, Media
         return;
     }
     const uint32_t mediaType = info->mediaType;
-    if (event.eventId == 3) {
+    if (event.eventId == ZEPH_MEDIA_EVENT_RING_FLUSHED) {
         ClearSendBuffer(info);
-    } else if (event.eventId == 8) {
+    } else if (event.eventId == ZEPH_MEDIA_EVENT_NO_SOCKET) {
         // The rebuild connects, which takes up to seconds: it runs on the
         // repair thread, which tells the caller once it has succeeded.
         RepairJob job;
@@ -1548,8 +1566,8 @@ void MediaSocket::DoEventCallbackOfSockChan(const std::shared_ptr<SockChannel>& 
     if (!info) {
         return;
     }
-    const bool repairable = event.eventId == 1 || event.eventId == 2 ||
-                            (event.eventId == 4 && info->stats.recv.Get(PacketCounters::SuccessCount) > 0);
+    const bool repairable = event.eventId == ZEPH_MEDIA_EVENT_CHANNEL_LOST || event.eventId == ZEPH_MEDIA_EVENT_SEND_FAILED ||
+                            (event.eventId == ZEPH_MEDIA_EVENT_REFUSED && info->stats.recv.Get(PacketCounters::SuccessCount) > 0);
     if (repairable) {
         ReCreateGuard guard(*info);
         if (!guard) {
@@ -1710,7 +1728,7 @@ void MediaSocket::CheckAndReCreateChannel(int32_t sock, int16_t revents, int32_t
                    << ", reCreateCHannelCount: " << count << ", sock: " << sock;
     }
     if (count < kMaxReCreateCount) {
-        DoEventCallbackOfSockChan(ch, MediaEventInfo{1, static_cast<uint32_t>(socketError)});
+        DoEventCallbackOfSockChan(ch, MediaEventInfo{ZEPH_MEDIA_EVENT_CHANNEL_LOST, static_cast<uint32_t>(socketError)});
     } else if (count == kMaxReCreateCount) {
         MediaCloseSocketOfSockChan(ch);
     }
@@ -1957,7 +1975,7 @@ void MediaSocket::TellDirtyData(const std::shared_ptr<SockChannel>& ch)
     const uint64_t untold = ch->dirtyBytesUntold.exchange(0);
     const uint32_t bytes = static_cast<uint32_t>(std::min<uint64_t>(untold, UINT32_MAX));
     if (bytes != 0) {
-        DoEventCallbackOfSockChan(ch, MediaEventInfo{7, bytes});
+        DoEventCallbackOfSockChan(ch, MediaEventInfo{ZEPH_MEDIA_EVENT_DIRTY_DATA, bytes});
     }
 }
 

@@ -34,8 +34,14 @@
 #include "os_adapter/morl_os.h"
 #include "zeph_nettools/media_socket.h"
 
-constexpr uint32_t kMediaTypeCount = 5;
-constexpr uint32_t kMediaTypeUnset = 5;
+constexpr uint32_t kMediaTypeCount = ZEPH_MEDIA_TYPE_COUNT;
+constexpr uint32_t kMediaTypeUnset = kMediaTypeCount;
+// Sequence counters of a media type: one per media packet type 0..9, the
+// keepalive counting in slot 8 beside signalling; other types carry
+// kNoPkgSeq.
+constexpr size_t kPkgSeqSlots = kMaxMediaPktType + 1;
+constexpr size_t kKeepaliveSeqSlot = 8;
+constexpr uint32_t kNoPkgSeq = 0xFFFFFFFFu;
 constexpr size_t kMediaFdCount = 8;
 constexpr int32_t kMinRingCapacity = 30720;
 constexpr int32_t kMaxRingCapacity = 0xFA000;
@@ -127,7 +133,7 @@ public:
     // read and swapped through the atomic shared_ptr functions.
     std::mutex mutex;
     std::shared_ptr<RingBuffer> sendBuffer;
-    uint32_t pkgSeq[10] = {};
+    uint32_t pkgSeq[kPkgSeqSlots] = {};
 
     MediaStatsCounters stats;
 
@@ -294,14 +300,24 @@ private:
     bool IsPublished(const std::shared_ptr<SocketInfo>& info) const;
     static uint64_t PackFd(const MORL_PollFd& fd);
     static MORL_PollFd UnpackFd(uint64_t packed);
-    // Counting in the records of both the media type and the channel.
-    // Receive kinds: 0 a packet (CountPacket), 1 dataLoss, 2 readHeadErrCount,
-    // 3 writeBufferErrCount. Send kinds: 5 sendErrCount, 6 sendLenErrorCount,
-    // 7 sendSuccessCount, 8 sendCount.
+    // What the receive and send paths count, in the records of both the
+    // media type and the channel.
+    enum class RecvStat {
+        Packet,        // a packet cut, whole or refused (CountPacket)
+        DataLoss,      // bytes dropped while hunting for a head
+        ReadHeadErr,   // a head that could not be read
+        WriteBufferErr // bytes that did not fit the ring
+    };
+    enum class SendStat {
+        Err,     // a send that failed
+        LenErr,  // a send that took part of the packet only
+        Success, // a send that took bytes
+        Count    // every send
+    };
     void RecvStatsCount(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel,
-                        int kind, uint32_t pktType, bool success);
+                        RecvStat kind, uint32_t pktType, bool success);
     void SendStatsCount(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel,
-                        int kind, uint32_t pktType, bool success);
+                        SendStat kind);
     // Whether a throttled send warning may be written now for this channel.
     bool SendLogDue(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel,
                     uint32_t countBefore);

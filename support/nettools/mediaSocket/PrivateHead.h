@@ -18,9 +18,12 @@ constexpr int32_t kMaxMediaPacketSize = 2048;
 constexpr int32_t kMaxMediaBodySize = kMaxMediaPacketSize - kPrivateHeadSize;
 constexpr uint8_t kPrivateHeadTag = 0xFF;
 constexpr uint8_t kPrivateHeadVersion = 3;
+// Packet types 0..9 are media; 128 is the keepalive.
+constexpr uint8_t kMaxMediaPktType = 9;
 constexpr uint8_t kPktTypeKeepalive = 128;
 // Marks the STUN service's own head: deliberately not a valid media head.
 constexpr uint8_t kPktTypeStunPrivate = 129;
+constexpr uint8_t kMaxMediaType = 4;
 // Where head_Len stands in the head.
 constexpr size_t kPrivateHeadLenOffset = 12;
 
@@ -54,8 +57,8 @@ void BuildPrivateHead(uint32_t pktType, uint32_t mediaType, uint32_t channel, ui
 // are not looked at.
 inline bool PrivateHeadTest(uint8_t tag, uint8_t version, uint8_t pktType, uint8_t mediaType)
 {
-    return tag == kPrivateHeadTag && version == kPrivateHeadVersion && (pktType <= 9 || pktType == kPktTypeKeepalive) &&
-           mediaType <= 4;
+    return tag == kPrivateHeadTag && version == kPrivateHeadVersion &&
+           (pktType <= kMaxMediaPktType || pktType == kPktTypeKeepalive) && mediaType <= kMaxMediaType;
 }
 
 // Result of looking for one framed packet at the start of a byte span.
