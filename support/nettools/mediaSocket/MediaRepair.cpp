@@ -1,0 +1,407 @@
+// Repair and events: what becomes of a damage that a path reported. The
+// quick decisions (count, limits, one channel re-created in place) run on
+// the thread that reported: the receive thread, the send thread or a
+// connect. Rebuilding a whole media type, and a channel repair that found
+// another re-creation running, go to the repair thread ("MediaRepair").
+// The user's event callback is called from here.
+#include "mediaSocket/MediaSocket.h"
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <cstring>
+
+#include "mediaSocket/MediaLimits.h"
+#include "mediaSocket/MediaLog.h"
+#include "mediaSocket/MediaVocabulary.h"
+
+using namespace zeph_media;
+
+namespace {
+
+// Repairs waiting for the repair thread, per session: one per media type
+// and a few channel events; what does not fit is raised again by the path
+// that found the damage.
+constexpr size_t kMaxRepairJobs = 16;
+// How long the repair thread waits before it looks again at a media type
+// that another thread is connecting.
+constexpr int kRepairRetryMs = 10;
+constexpr uint32_t kHttpForbidden = 403;
+
+// What a proxy or a server may answer in place of the media stream.
+struct DirtyPattern {
+    const char* text;
+    uint32_t eventId;
+    uint32_t errorCode;
+};
+const DirtyPattern kDirtyPatterns[] = {
+    {"403 forbidden", ZEPH_MEDIA_EVENT_REFUSED, kHttpForbidden},
+    {"403forbidden", ZEPH_MEDIA_EVENT_REFUSED, kHttpForbidden},
+};
+
+} // namespace
+
+void MediaSocket::DoEventCallback(const std::shared_ptr<SocketInfo>& info, MediaEventInfo event)
+{
+    if (!info) {
+        return;
+    }
+    const uint32_t mediaType = info->mediaType;
+    if (event.eventId == ZEPH_MEDIA_EVENT_RING_FLUSHED) {
+        ClearSendBuffer(info);
+    } else if (event.eventId == ZEPH_MEDIA_EVENT_NO_SOCKET) {
+        // The rebuild connects, which takes up to seconds: it runs on the
+        // repair thread, which tells the caller once it has succeeded.
+        RepairJob job;
+        job.mediaType = mediaType;
+        job.event = event;
+        QueueRepair(job);
+        return;
+    }
+    const MediaEventCallback callback = info->eventCallback.load();
+    if (callback != nullptr) {
+        callback(sessionId, mediaType, event);
+    }
+}
+
+void MediaSocket::DoEventCallbackOfSockChan(const std::shared_ptr<SockChannel>& ch, MediaEventInfo event)
+{
+    if (!ch) {
+        MEDIA_LOGI << "DoEventCallbackOfSockChan start. session id: " << sessionId;
+        return;
+    }
+    const uint32_t mediaType = ch->mediaType;
+    auto info = GetSocketInfo(mediaType);
+    if (!info) {
+        return;
+    }
+    const bool repairable = event.eventId == ZEPH_MEDIA_EVENT_CHANNEL_LOST || event.eventId == ZEPH_MEDIA_EVENT_SEND_FAILED ||
+                            (event.eventId == ZEPH_MEDIA_EVENT_REFUSED && info->stats.recv.Get(PacketCounters::SuccessCount) > 0);
+    if (repairable) {
+        ReCreateGuard guard(*info);
+        if (!guard) {
+            // Another re-creation is under way; the repair thread takes the
+            // event up once it has ended, unless that one repaired the channel.
+            RepairJob job;
+            job.mediaType = mediaType;
+            job.channel = ch;
+            job.sockAtEvent = ch->sock;
+            job.event = event;
+            QueueRepair(job);
+            return;
+        }
+        const uint64_t now = NowMs();
+        uint64_t last = ch->lastReCreateTime.load();
+        if (IsReCreateTimeLater(now, last) && ch->reCreateChannelCount.load() < kMaxReCreateCount &&
+            ch->lastReCreateTime.compare_exchange_strong(last, now)) {
+            const int32_t chanCount = ++ch->reCreateChannelCount;
+            const int32_t infoCount = ++info->reCreateChannelCount;
+            MEDIA_LOGW << "DoEventCallbackOfSockChan MediaCreateChannelOfSockChan! session id: " << sessionId
+                       << ", mediaType: " << GetMediaTypeName(mediaType) << ", eventId: " << event.eventId
+                       << ", errorCode: " << static_cast<int32_t>(event.errorCode)
+                       << ", sockChanPtr->reCreateChannelCount: " << chanCount
+                       << ", sockInfoPtr-> reCreateChannelCount: " << infoCount;
+            if (MediaReCreateChannelOfSockChan(ch) != 0) {
+                MEDIA_LOGW << "DoEventCallbackOfSockChan MediaReCreateChannelOfSockChan error! session id: "
+                           << sessionId << ", mediaType: " << GetMediaTypeName(mediaType)
+                           << ", eventId: " << event.eventId
+                           << ", errorCode: " << static_cast<int32_t>(event.errorCode);
+            }
+        }
+        return;
+    }
+    const MediaEventCallback callback = info->eventCallback.load();
+    if (callback != nullptr) {
+        callback(sessionId, mediaType, event);
+    }
+}
+
+bool MediaSocket::QueueRepair(const RepairJob& job)
+{
+    {
+        std::lock_guard<std::mutex> g(repairMutex);
+        if (!repairRunning) {
+            return false;
+        }
+        for (const auto& queued : repairJobs) {
+            if (queued.mediaType == job.mediaType && queued.channel == job.channel &&
+                queued.event.eventId == job.event.eventId) {
+                return true;
+            }
+        }
+        if (repairJobs.size() >= kMaxRepairJobs) {
+            return false;
+        }
+        repairJobs.push_back(job);
+    }
+    repairCond.notify_one();
+    return true;
+}
+
+void MediaSocket::RepairThread()
+{
+    MORL_PthreadSetName("MediaRepair");
+    std::unique_lock<std::mutex> lock(repairMutex);
+    while (repairRunning) {
+        if (repairJobs.empty()) {
+            repairCond.wait(lock, [this] { return !repairRunning || !repairJobs.empty(); });
+            continue;
+        }
+        const RepairJob job = repairJobs.front();
+        repairJobs.pop_front();
+        lock.unlock();
+        const RepairOutcome outcome = RunRepair(job);
+        lock.lock();
+        if (outcome == RepairOutcome::Busy && repairRunning) {
+            // Someone else is connecting the media type: look again shortly.
+            repairJobs.push_front(job);
+            repairCond.wait_for(lock, std::chrono::milliseconds(kRepairRetryMs), [this] { return !repairRunning; });
+        }
+    }
+}
+
+MediaSocket::RepairOutcome MediaSocket::RunRepair(const RepairJob& job)
+{
+    if (!job.channel) {
+        return RebuildMediaType(job.mediaType, job.event);
+    }
+    auto info = GetSocketInfo(job.mediaType);
+    if (!info || std::find(info->sockMgr.begin(), info->sockMgr.end(), job.channel) == info->sockMgr.end()) {
+        return RepairOutcome::Done; // closed meanwhile
+    }
+    ReCreateGuard guard(*info);
+    if (!guard) {
+        return RepairOutcome::Busy;
+    }
+    if (job.channel->state == SockChannel::Connected && job.channel->sock != job.sockAtEvent) {
+        return RepairOutcome::Done; // the re-creation that ran gave it a new connection
+    }
+    DoEventCallbackOfSockChan(job.channel, job.event);
+    return RepairOutcome::Done;
+}
+
+MediaSocket::RepairOutcome MediaSocket::RebuildMediaType(uint32_t mediaType, MediaEventInfo event)
+{
+    auto info = GetSocketInfo(mediaType);
+    if (!info) {
+        return RepairOutcome::Done;
+    }
+    ReCreateGuard guard(*info);
+    if (!guard) {
+        return RepairOutcome::Busy;
+    }
+    if (info->AnyOpenSocket()) {
+        return RepairOutcome::Done; // connected again meanwhile
+    }
+    const uint64_t now = NowMs();
+    uint64_t last = info->lastReCreateTime.load();
+    if (!IsReCreateTimeLater(now, last) || info->reCreateChannelCount.load() >= kMaxReCreateCount ||
+        !info->lastReCreateTime.compare_exchange_strong(last, now)) {
+        return RepairOutcome::Done;
+    }
+    ClearSendBuffer(info);
+    const int32_t count = ++info->reCreateChannelCount;
+    MEDIA_LOGW << "DoEventCallback MediaReCreateChannel! session id: " << sessionId
+               << ", mediaType: " << GetMediaTypeName(mediaType) << ", eventId: " << event.eventId
+               << ", errorCode: " << static_cast<int32_t>(event.errorCode)
+               << ", sockInfoPtr-> reCreateChannelCount: " << count;
+    if (MediaReCreateChannel(mediaType, true) != 0) {
+        MEDIA_LOGW << "DoEventCallback  MediaReCreateChannel error! session id: " << sessionId
+                   << ", mediaType: " << GetMediaTypeName(mediaType) << ", eventId: " << event.eventId
+                   << ", errorCode: " << static_cast<int32_t>(event.errorCode);
+        return RepairOutcome::Done;
+    }
+    const MediaEventCallback callback = info->eventCallback.load();
+    if (callback != nullptr) {
+        callback(sessionId, mediaType, event);
+    }
+    return RepairOutcome::Done;
+}
+
+void MediaSocket::CheckAndReCreateChannel(int32_t sock, int16_t revents, int32_t recvLen, int32_t socketError)
+{
+    auto info = FindSocketInfoBySock(sock);
+    if (!info) {
+        MEDIA_LOGW << "recv poll. session id: " << sessionId << ", recvLen: " << recvLen << ", errno: " << socketError;
+        return;
+    }
+    auto ch = FindSockChannelBySock(info, sock);
+    if (!ch) {
+        return;
+    }
+    const int32_t count = ch->reCreateChannelCount;
+    if (IsReCreateTimeLater(NowMs(), ch->lastReCreateTime.load())) {
+        MEDIA_LOGW << "session id: " << sessionId << ", revents: " << revents
+                   << "; reCreateChannel recv poll recvLen: " << recvLen
+                   << ", mediaType: " << GetMediaTypeName(ch->mediaType) << ", errno: " << socketError
+                   << ", reCreateCHannelCount: " << count << ", sock: " << sock;
+    }
+    if (count < kMaxReCreateCount) {
+        DoEventCallbackOfSockChan(ch, MediaEventInfo{ZEPH_MEDIA_EVENT_CHANNEL_LOST, static_cast<uint32_t>(socketError)});
+    } else if (count == kMaxReCreateCount) {
+        MediaCloseSocketOfSockChan(ch);
+    }
+}
+
+int32_t MediaSocket::MediaReCreateChannelOfSockChan(const std::shared_ptr<SockChannel>& ch)
+{
+    if (!ch) {
+        MEDIA_LOGI << "MediaReCreateChannelOfSockChan start. session id: " << sessionId;
+        return MEDIA_SOCKET_ERRCODE_INVALID_PARAM;
+    }
+    const uint32_t mediaType = ch->mediaType;
+    MEDIA_LOGI << "MediaReCreateChannelOfSockChan start. session id: " << sessionId
+               << ", mediaType: " << GetMediaTypeName(mediaType);
+    int32_t refused = 0;
+    auto info = SocketInfoToReCreate(mediaType, refused);
+    if (!info) {
+        return refused;
+    }
+    ReCreateGuard guard(*info);
+    if (!guard) {
+        MEDIA_LOGW << "re-creation already under way, session id: " << sessionId
+                   << ", mediaType: " << GetMediaTypeName(mediaType);
+        return MEDIA_SOCKET_ERRCODE_FAILED;
+    }
+    std::string address;
+    std::string domain;
+    uint16_t port = 0;
+    info->GetServer(address, port, domain);
+    ClearFdsOfSock(mediaType, ch->sock);
+    CloseChannelSock(ch);
+    ch->state = SockChannel::Connecting;
+    const int32_t made = MediaCreateSocketOfSockChan(ch);
+    if (made != 0) {
+        ch->localPort = 0;
+        ch->state = SockChannel::Closed;
+        return made;
+    }
+    const int32_t r = MediaCreateChannelOfSockChan(ch, address, port, domain);
+    MEDIA_LOGI << "MediaReCreateChannelOfSockChan succ. session id: " << sessionId
+               << ", mediaType: " << GetMediaTypeName(mediaType) << ", server addr: " << address << ", port: " << port
+               << ", ret: " << r << ", sock: " << ch->sock.load();
+    return r;
+}
+
+int32_t MediaSocket::MediaReCreateChannel(uint32_t mediaType, bool makeSockets)
+{
+    MEDIA_LOGI << "ReCreate channel start. session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
+    int32_t refused = 0;
+    auto info = SocketInfoToReCreate(mediaType, refused);
+    if (!info) {
+        return refused;
+    }
+    ReCreateGuard guard(*info);
+    if (!guard) {
+        MEDIA_LOGW << "re-creation already under way, session id: " << sessionId
+                   << ", mediaType: " << GetMediaTypeName(mediaType);
+        return MEDIA_SOCKET_ERRCODE_FAILED;
+    }
+    std::string address;
+    std::string domain;
+    uint16_t port = 0;
+    info->GetServer(address, port, domain);
+    size_t start = 0;
+    size_t end = 0;
+    GetMediaFdsIndex(mediaType, start, end);
+    for (size_t i = start; i < end; ++i) {
+        SetFd(i, MORL_INVALID_SOCKET, 0);
+    }
+    if (makeSockets) {
+        for (const auto& ch : info->sockMgr) {
+            if (ch) {
+                CloseChannelSock(ch);
+                ch->state = SockChannel::Connecting;
+            }
+        }
+        MediaCreateSocket(mediaType, static_cast<uint32_t>(info->sockMgr.size()));
+    }
+    const int32_t r = MediaCreateChannel(mediaType, address, port, domain);
+    MEDIA_LOGI << "ReCreate connect succ. session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType)
+               << ", server addr: " << address << ", port: " << port << ", ret: " << r;
+    return r;
+}
+
+int32_t MediaSocket::CheckDirtyData(const std::shared_ptr<SockChannel>& ch)
+{
+    if (!ch) {
+        MEDIA_LOGE << "sockChanPtr is null! session id: " << sessionId;
+        return MEDIA_SOCKET_ERRCODE_INVALID_PARAM;
+    }
+    auto info = GetSocketInfo(ch->mediaType);
+    if (!info) {
+        return MEDIA_SOCKET_ERRCODE_FAILED;
+    }
+    const uint32_t len = std::min<uint32_t>(ch->dirtyDataLen, kMaxMediaPacketSize);
+    // A noisy path sends a run of garbage before every packet: one line in
+    // 4096 runs, at most one a second, tells of it.
+    const uint64_t now = NowMs();
+    if ((ch->dirtyRuns++ & kLogEvery) == 0 && now - ch->lastDirtyLogTime >= kLogGapMs) {
+        ch->lastDirtyLogTime = now;
+        MEDIA_LOGW << "CheckDirtyData. session id: " << sessionId << ", mediaType: " << GetMediaTypeName(ch->mediaType)
+                   << ", dirtyDataLen: " << len << ", dirty info: " << GetHeadText(ch->dirtyData)
+                   << ", runs: " << ch->dirtyRuns;
+    }
+    for (uint32_t i = 0; i < len; ++i) {
+        ch->dirtyData[i] = static_cast<uint8_t>(std::tolower(ch->dirtyData[i]));
+    }
+    for (uint32_t offset = 0; offset < len; ++offset) {
+        for (const auto& pattern : kDirtyPatterns) {
+            const size_t n = std::strlen(pattern.text);
+            if (n <= len - offset && std::memcmp(ch->dirtyData + offset, pattern.text, n) == 0) {
+                // A server repeating its refusal page is acted on (told or
+                // repaired) and logged once a second at most per channel.
+                if (ch->lastRefusalTime == 0 || now - ch->lastRefusalTime >= kLogGapMs) {
+                    ch->lastRefusalTime = now;
+                    DoEventCallbackOfSockChan(ch, MediaEventInfo{pattern.eventId, pattern.errorCode});
+                    MEDIA_LOGW << "CheckDirtyData reason: [" << pattern.text << "]";
+                }
+                return 0;
+            }
+        }
+    }
+    ch->dirtyBytesUntold += len;
+    dirtyUntold = true;
+    TellDirtyData(ch);
+    return 0;
+}
+
+void MediaSocket::TellDirtyData(const std::shared_ptr<SockChannel>& ch)
+{
+    if (ch->dirtyBytesUntold == 0) {
+        return;
+    }
+    // One event per second at most per channel, carrying every byte dropped
+    // since the last one, so that a hostile server cannot flood the caller.
+    const uint64_t now = NowMs();
+    if (now - ch->lastDirtyEventTime.load() < kLogGapMs) {
+        return;
+    }
+    ch->lastDirtyEventTime = now;
+    const uint64_t untold = ch->dirtyBytesUntold.exchange(0);
+    const uint32_t bytes = static_cast<uint32_t>(std::min<uint64_t>(untold, UINT32_MAX));
+    if (bytes != 0) {
+        DoEventCallbackOfSockChan(ch, MediaEventInfo{ZEPH_MEDIA_EVENT_DIRTY_DATA, bytes});
+    }
+}
+
+void MediaSocket::FlushDirtyData()
+{
+    if (!dirtyUntold) {
+        return;
+    }
+    bool left = false;
+    for (uint32_t type = 0; type < kMediaTypeCount; ++type) {
+        auto info = GetSocketInfo(type);
+        if (!info) {
+            continue;
+        }
+        for (const auto& ch : info->sockMgr) {
+            if (ch) {
+                TellDirtyData(ch);
+                left = left || ch->dirtyBytesUntold != 0;
+            }
+        }
+    }
+    dirtyUntold = left;
+}
