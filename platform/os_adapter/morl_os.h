@@ -224,6 +224,7 @@ int MORL_MutexDestroy(void* block);
 // Handles are never reused; Start, Stop and Free of a handle that is not
 // (or no longer) alive give a non-zero result and do nothing else.
 // Timers fire in deadline order, one at a time, on the thread "morl_timer".
+enum : uint32_t { MORL_TIMER_OWNED = 0, MORL_TIMER_FIRE_ONCE = 2 };
 using MORL_TimerHandle = uint64_t; // 0 is no timer
 using MORL_TimerCallback = void (*)(uint64_t argument);
 MORL_TimerHandle MORL_CreateRelTimerM(MORL_TimerCallback callback, uint32_t mode, const char* name);

@@ -12,7 +12,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <time.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -607,11 +607,7 @@ void MORL_SetLastSocketErr(int wsa) { morl::t_last_socket_err = wsa; }
 // ---- waiting on sockets ----------------------------------------------------------------
 namespace {
 
-int64_t mono_ms() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
+int64_t mono_ms() { return static_cast<int64_t>(MORL_GetSystemTime()); }
 
 // poll() that resumes after a signal with the time that is left.
 int poll_retry(pollfd* fds, nfds_t n, int timeout_ms) {

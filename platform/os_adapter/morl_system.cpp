@@ -52,19 +52,27 @@ void MORL_SleepMs(uint32_t ms) {
     }
 }
 
-uint64_t MORL_GetSystemTime() {
+// The one clock of the library: every clock above the adapter (the module
+// clock, the probes' clocks, the proxy's deadlines, the timer service) is
+// this monotonic count seen from an origin of its own.
+namespace {
+constexpr int64_t kNsPerSecond = 1000000000LL;
+constexpr int64_t kNsPerMs = 1000000LL;
+
+int64_t monotonic_ns() {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
+    return static_cast<int64_t>(ts.tv_sec) * kNsPerSecond + ts.tv_nsec;
 }
+} // namespace
+
+uint64_t MORL_GetSystemTime() { return static_cast<uint64_t>(monotonic_ns() / kNsPerMs); }
 
 int MORL_QueryPerformanceCounter(int64_t* count) {
     if (count == nullptr) {
         return EINVAL;
     }
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    *count = static_cast<int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
+    *count = monotonic_ns();
     return 0;
 }
 
@@ -72,7 +80,7 @@ int MORL_QueryPerformanceFrequency(int64_t* freq) {
     if (freq == nullptr) {
         return EINVAL;
     }
-    *freq = 1000000000LL; // the counter counts nanoseconds
+    *freq = kNsPerSecond; // the counter counts nanoseconds
     return 0;
 }
 

@@ -18,6 +18,8 @@
 
 namespace {
 
+// The condition variable waits on the standard steady clock, which is the
+// same monotonic kernel clock that MORL_GetSystemTime reads.
 using Clock = std::chrono::steady_clock;
 // Deadline, then arming order: timers due at the same moment fire in the
 // order in which they were armed.

@@ -5,22 +5,27 @@
 #include "inc/net_tools_log.h"
 #include "net_tools_util/net_tools_util.h"
 
+namespace {
+// Detection protocol numbers: the plain STUN binding, the private probe, ICE.
+enum : uint32_t { kDetectStun = 0, kDetectStunCustom = 1, kDetectIce = 2 };
+} // namespace
+
 extern "C" {
 
 ZEPH_API const char* zeph_get_detect_protocol_type_str(uint32_t type) {
     switch (type) {
-    case 0: return "STUN";
-    case 1: return "STUN_CUSTOM";
-    case 2: return "ICE";
+    case kDetectStun: return "STUN";
+    case kDetectStunCustom: return "STUN_CUSTOM";
+    case kDetectIce: return "ICE";
     default: return "UNKNOW";
     }
 }
 
 ZEPH_API const char* zeph_get_trans_protocol_type_str(uint32_t type) {
     switch (type) {
-    case 1: return "TCP";
-    case 2: return "UDP";
-    case 11: return "ICMP";
+    case ZEPH_TRANS_TCP: return "TCP";
+    case ZEPH_TRANS_UDP: return "UDP";
+    case ZEPH_TRANS_ICMP: return "ICMP";
     default: return "UNKNOW";
     }
 }

@@ -33,10 +33,12 @@ int64_t counter_to_unit(int64_t ticks, int64_t freq, int64_t unit) {
     return seconds * unit + rest * unit / freq;
 }
 
+// What a clock without a frequency reads.
+constexpr int64_t kNoClock = 0xFFFFFFFFLL;
 // Both hold 0xFFFFFFFF until the first init_runtime_clock, so the clock is
 // usable (with a meaningless origin) before the runtime is started.
-std::atomic<int64_t> m_freq_time{0xFFFFFFFFLL};
-std::atomic<int64_t> m_start_time{0xFFFFFFFFLL};
+std::atomic<int64_t> m_freq_time{kNoClock};
+std::atomic<int64_t> m_start_time{kNoClock};
 } // namespace
 
 void init_runtime_clock() {
@@ -49,14 +51,23 @@ void init_runtime_clock() {
 }
 
 int64_t get_runtime_current() {
+    return counter_ms_since(m_start_time.load(), m_freq_time.load(), "get_runtime_current");
+}
+
+int64_t counter_ms_since(int64_t origin, int64_t freq, const char* clock) {
     int64_t now = 0;
     MORL_QueryPerformanceCounter(&now);
-    const int64_t freq = m_freq_time.load();
     if (freq == 0) {
-        NT_LOGE("get_runtime_current: m_freq_time is null");
-        return 0xFFFFFFFFLL;
+        NT_LOGE("%s: m_freq_time is null", clock);
+        return kNoClock;
     }
-    return counter_to_ms(now - m_start_time.load(), freq);
+    return counter_to_ms(now - origin, freq);
+}
+
+int64_t counter_us_since(int64_t origin, int64_t freq) {
+    int64_t now = 0;
+    MORL_QueryPerformanceCounter(&now);
+    return counter_to_us(now - origin, freq);
 }
 
 void set_runtime_clock_origin(int64_t start) { m_start_time.store(start); }

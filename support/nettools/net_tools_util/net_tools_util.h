@@ -1,8 +1,13 @@
-// Module clock, IPv4 text and the recursive lock of the detection side.
+// Module clock, IPv4 text, the thread starter and the recursive lock of the
+// detection side. Runs on whichever thread calls it.
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <system_error>
+#include <thread>
 
+#include "inc/net_tools_log.h"
 #include "os_adapter/morl_os.h"
 
 // Module clock: reads the counter frequency and origin. Run by zeph_net_tools_init.
@@ -21,8 +26,29 @@ void set_runtime_clock_origin(int64_t start);
 // bits saturates; a `freq` below 1 gives 0.
 int64_t counter_to_ms(int64_t ticks, int64_t freq);
 int64_t counter_to_us(int64_t ticks, int64_t freq);
+// Every clock of the detection side is the OS adapter's performance counter
+// seen from an origin of its own (a counter value, with the frequency read
+// beside it). Milliseconds since `origin`; 0xFFFFFFFF, with a log line naming
+// `clock`, when the frequency is 0.
+int64_t counter_ms_since(int64_t origin, int64_t freq, const char* clock);
+// Microseconds since `origin`.
+int64_t counter_us_since(int64_t origin, int64_t freq);
 // Dotted text of an address in network byte order into out (callers give 32 bytes).
 void ipv4_int2str(char* out, uint32_t size, uint32_t addr);
+
+// Runs (*keep.*body)() on a detached thread that holds `keep` until the body
+// has returned, so the object outlives its thread. False, with a log line,
+// when no thread could be started.
+template <class T, class Body>
+bool start_detached(const std::shared_ptr<T>& keep, Body body) {
+    try {
+        std::thread([keep, body] { ((*keep).*body)(); }).detach();
+        return true;
+    } catch (const std::system_error& e) {
+        NT_LOGE("thread start failed: %s", e.what());
+        return false;
+    }
+}
 
 // Recursive mutex living in a 72-byte malloc'ed block; lock and unlock do
 // nothing when the block could not be had.

@@ -1,8 +1,6 @@
 #include "inc/net_detect.h"
 
 #include <new>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include "commonlib/zeph_commonlib.h"
@@ -43,18 +41,6 @@ int32_t span_since(uint32_t start) {
 }
 
 uint32_t now32() { return static_cast<uint32_t>(get_runtime_current()); }
-
-// Runs fn on a detached thread that holds `keep` until fn has returned.
-template <typename T, typename Fn>
-bool start_detached(const std::shared_ptr<T>& keep, Fn fn) {
-    try {
-        std::thread([keep, fn] { ((*keep).*fn)(); }).detach();
-        return true;
-    } catch (const std::system_error& e) {
-        NT_LOGE("thread start failed: %s", e.what());
-        return false;
-    }
-}
 
 } // namespace
 
