@@ -355,12 +355,8 @@ int32_t MediaSocket::MediaCreateChannel(uint32_t mediaType, const std::string& a
 
 void MediaSocket::MediaSocketTcpAccelerateSlowStart(uint32_t mediaType)
 {
-    if (mediaType >= kMediaTypeCount) {
-        MEDIA_LOGE << "Invalid param! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-        return;
-    }
-    if (!GetSocketInfo(mediaType)) {
-        MEDIA_LOGE << "no create! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
+    int32_t refused = 0;
+    if (!FindCreated(mediaType, refused)) {
         return;
     }
     // A new connection sends little until its congestion window has grown:

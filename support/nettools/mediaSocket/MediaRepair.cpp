@@ -253,7 +253,7 @@ int32_t MediaSocket::MediaReCreateChannelOfSockChan(const std::shared_ptr<SockCh
     MEDIA_LOGI << "MediaReCreateChannelOfSockChan start. session id: " << sessionId
                << ", mediaType: " << GetMediaTypeName(mediaType);
     int32_t refused = 0;
-    auto info = SocketInfoToReCreate(mediaType, refused);
+    auto info = FindCreated(mediaType, refused);
     if (!info) {
         return refused;
     }
@@ -263,10 +263,9 @@ int32_t MediaSocket::MediaReCreateChannelOfSockChan(const std::shared_ptr<SockCh
                    << ", mediaType: " << GetMediaTypeName(mediaType);
         return MEDIA_SOCKET_ERRCODE_FAILED;
     }
-    std::string address;
-    std::string domain;
-    uint16_t port = 0;
-    info->GetServer(address, port, domain);
+    const SocketInfo::Server server = info->GetServer();
+    const std::string& address = server.address;
+    const uint16_t port = server.port;
     ClearFdsOfSock(mediaType, ch->sock);
     CloseChannelSock(ch);
     ch->state = SockChannel::Connecting;
@@ -276,7 +275,7 @@ int32_t MediaSocket::MediaReCreateChannelOfSockChan(const std::shared_ptr<SockCh
         ch->state = SockChannel::Closed;
         return made;
     }
-    const int32_t r = MediaCreateChannelOfSockChan(ch, address, port, domain);
+    const int32_t r = MediaCreateChannelOfSockChan(ch, address, port, server.domain);
     MEDIA_LOGI << "MediaReCreateChannelOfSockChan succ. session id: " << sessionId
                << ", mediaType: " << GetMediaTypeName(mediaType) << ", server addr: " << address << ", port: " << port
                << ", ret: " << r << ", sock: " << ch->sock.load();
@@ -287,7 +286,7 @@ int32_t MediaSocket::MediaReCreateChannel(uint32_t mediaType, bool makeSockets)
 {
     MEDIA_LOGI << "ReCreate channel start. session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
     int32_t refused = 0;
-    auto info = SocketInfoToReCreate(mediaType, refused);
+    auto info = FindCreated(mediaType, refused);
     if (!info) {
         return refused;
     }
@@ -297,16 +296,10 @@ int32_t MediaSocket::MediaReCreateChannel(uint32_t mediaType, bool makeSockets)
                    << ", mediaType: " << GetMediaTypeName(mediaType);
         return MEDIA_SOCKET_ERRCODE_FAILED;
     }
-    std::string address;
-    std::string domain;
-    uint16_t port = 0;
-    info->GetServer(address, port, domain);
-    size_t start = 0;
-    size_t end = 0;
-    GetMediaFdsIndex(mediaType, start, end);
-    for (size_t i = start; i < end; ++i) {
-        SetFd(i, MORL_INVALID_SOCKET, 0);
-    }
+    const SocketInfo::Server server = info->GetServer();
+    const std::string& address = server.address;
+    const uint16_t port = server.port;
+    ClearFdsOfType(mediaType);
     if (makeSockets) {
         for (const auto& ch : info->sockMgr) {
             if (ch) {
@@ -316,7 +309,7 @@ int32_t MediaSocket::MediaReCreateChannel(uint32_t mediaType, bool makeSockets)
         }
         MediaCreateSocket(mediaType, static_cast<uint32_t>(info->sockMgr.size()));
     }
-    const int32_t r = MediaCreateChannel(mediaType, address, port, domain);
+    const int32_t r = MediaCreateChannel(mediaType, address, port, server.domain);
     MEDIA_LOGI << "ReCreate connect succ. session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType)
                << ", server addr: " << address << ", port: " << port << ", ret: " << r;
     return r;

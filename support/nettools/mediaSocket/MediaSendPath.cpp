@@ -244,13 +244,10 @@ int32_t MediaSocket::DoSend(const std::shared_ptr<SocketInfo>& info, const uint8
 
     const int32_t sock = ch->sock;
     const int32_t r = SendData(sock, packet, length);
-    std::string addr;
-    std::string domain;
-    uint16_t port = 0;
     if (r == MEDIA_SOCKET_ERRCODE_SEND_ZERO) {
-        info->GetServer(addr, port, domain);
-        MEDIA_LOGW << "socket already close, session id: " << sessionId << ", send; addr: " << addr << ":" << port
-                   << ", sendLen: " << length;
+        const SocketInfo::Server server = info->GetServer();
+        MEDIA_LOGW << "socket already close, session id: " << sessionId << ", send; addr: " << server.address << ":"
+                   << server.port << ", sendLen: " << length;
         MediaReCreateChannelOfSockChan(ch);
     } else if (r == MEDIA_SOCKET_ERRCODE_WOULD_BLOCK || r == MEDIA_SOCKET_ERRCODE_NOT_CONNECTED) {
         const uint32_t before = MediaStatsCounters::Load(ch->stats.sendErrCount);
@@ -287,9 +284,10 @@ int32_t MediaSocket::DoSend(const std::shared_ptr<SocketInfo>& info, const uint8
     } else {
         const uint32_t before = MediaStatsCounters::Load(ch->stats.sendErrCount);
         if (SendLogDue(info, ch, before)) {
-            info->GetServer(addr, port, domain);
-            MEDIA_LOGW << "send data error! session id: " << sessionId << ", sock: " << sock << ", addr: " << addr
-                       << ":" << port << ", sendLen: " << length << ", errcode: " << r << GetHeadText(packet)
+            const SocketInfo::Server server = info->GetServer();
+            MEDIA_LOGW << "send data error! session id: " << sessionId << ", sock: " << sock
+                       << ", addr: " << server.address << ":" << server.port << ", sendLen: " << length
+                       << ", errcode: " << r << GetHeadText(packet)
                        << ", sendErrCount: " << before;
         }
         SendStatsCount(info, ch, SendStat::Err);

@@ -127,12 +127,7 @@ int32_t MediaSocket::MediaCloseSocket(uint32_t mediaType)
         MEDIA_LOGE << "no create, mediaType: session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
         return MEDIA_SOCKET_ERRCODE_NO_CREATE;
     }
-    size_t start = 0;
-    size_t end = 0;
-    GetMediaFdsIndex(mediaType, start, end);
-    for (size_t i = start; i < end; ++i) {
-        SetFd(i, MORL_INVALID_SOCKET, 0);
-    }
+    ClearFdsOfType(mediaType);
     for (const auto& ch : info->sockMgr) {
         if (ch) {
             CloseChannelSock(ch);
@@ -150,14 +145,10 @@ int32_t MediaSocket::MediaCloseSocket(uint32_t mediaType)
 
 int32_t MediaSocket::MediaSetChannelBufSize(uint32_t mediaType, uint32_t size)
 {
-    if (mediaType >= kMediaTypeCount) {
-        MEDIA_LOGE << "Invalid param! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_INVALID_PARAM;
-    }
-    auto info = GetSocketInfo(mediaType);
+    int32_t refused = 0;
+    auto info = FindCreated(mediaType, refused);
     if (!info) {
-        MEDIA_LOGE << "no create! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_NO_CREATE;
+        return refused;
     }
     const int32_t capacity = static_cast<int32_t>(
         std::min<uint32_t>(std::max<uint32_t>(size, kMinRingCapacity), static_cast<uint32_t>(kMaxRingCapacity)));
@@ -186,14 +177,11 @@ int32_t MediaSocket::MediaSetChannelBufSize(uint32_t mediaType, uint32_t size)
 
 int32_t MediaSocket::MediaGetChannelBufSize(int32_t mediaType)
 {
-    if (mediaType < 0 || mediaType >= static_cast<int32_t>(kMediaTypeCount)) {
-        MEDIA_LOGE << "Invalid param! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_INVALID_PARAM;
-    }
-    auto info = GetSocketInfo(static_cast<uint32_t>(mediaType));
+    // A negative type turns into one above the last and is refused.
+    int32_t refused = 0;
+    auto info = FindCreated(static_cast<uint32_t>(mediaType), refused);
     if (!info) {
-        MEDIA_LOGE << "no create! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_NO_CREATE;
+        return refused;
     }
     auto ring = info->GetSendBuffer();
     if (!ring) {
@@ -205,14 +193,10 @@ int32_t MediaSocket::MediaGetChannelBufSize(int32_t mediaType)
 
 int32_t MediaSocket::MediaSetTcpBufSize(uint32_t mediaType, uint32_t size, uint32_t direction)
 {
-    if (mediaType >= kMediaTypeCount) {
-        MEDIA_LOGE << "Invalid param! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_INVALID_PARAM;
-    }
-    auto info = GetSocketInfo(mediaType);
+    int32_t refused = 0;
+    auto info = FindCreated(mediaType, refused);
     if (!info) {
-        MEDIA_LOGE << "no create! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_NO_CREATE;
+        return refused;
     }
     const int option = direction != 0 ? MORL_SO_RCVBUF : MORL_SO_SNDBUF;
     std::ostringstream lens;
@@ -237,14 +221,10 @@ int32_t MediaSocket::MediaRegisterRecvCallback(uint32_t mediaType, MediaRecvCall
 {
     MEDIA_LOGI << "register recv callback start. session id: " << sessionId
                << ", mediaType: " << GetMediaTypeName(mediaType);
-    if (mediaType >= kMediaTypeCount) {
-        MEDIA_LOGE << "Invalid param! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_INVALID_PARAM;
-    }
-    auto info = GetSocketInfo(mediaType);
+    int32_t refused = 0;
+    auto info = FindCreated(mediaType, refused);
     if (!info) {
-        MEDIA_LOGE << "no create! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_NO_CREATE;
+        return refused;
     }
     info->recvCallback = callback;
     MEDIA_LOGI << "register recv callback succ. session id: " << sessionId
@@ -254,14 +234,10 @@ int32_t MediaSocket::MediaRegisterRecvCallback(uint32_t mediaType, MediaRecvCall
 
 int32_t MediaSocket::MediaSetEventCallback(uint32_t mediaType, MediaEventCallback callback)
 {
-    if (mediaType >= kMediaTypeCount) {
-        MEDIA_LOGE << "Invalid param! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_INVALID_PARAM;
-    }
-    auto info = GetSocketInfo(mediaType);
+    int32_t refused = 0;
+    auto info = FindCreated(mediaType, refused);
     if (!info) {
-        MEDIA_LOGE << "no create! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_NO_CREATE;
+        return refused;
     }
     info->eventCallback = callback;
     return 0;

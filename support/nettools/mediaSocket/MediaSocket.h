@@ -141,8 +141,13 @@ public:
     void SetSendBuffer(std::shared_ptr<RingBuffer> ring) { std::atomic_store(&sendBuffer, std::move(ring)); }
 
     // Server of the media type, stored by MediaCreateChannel for re-creation.
+    struct Server {
+        std::string address;
+        uint16_t port = 0;
+        std::string domain;
+    };
     void SetServer(const std::string& addr, uint16_t port, const std::string& domain);
-    void GetServer(std::string& addr, uint16_t& port, std::string& domain) const;
+    Server GetServer() const;
 
     bool AnyOpenSocket() const;
     bool AnyConnected() const;
@@ -280,13 +285,15 @@ private:
     // After a connect, successful or not: the socket's traffic class is
     // marked and its local port noted. Returns what MORL_GetSockName did.
     int MarkConnectedSock(const std::shared_ptr<SockChannel>& channel, int32_t sock);
-    // The SocketInfo a re-creation works on, or null with the code that
-    // refuses it (a bad media type, or one not created).
-    std::shared_ptr<SocketInfo> SocketInfoToReCreate(uint32_t mediaType, int32_t& refused) const;
+    // The SocketInfo of a created media type, or null with the code that
+    // refuses it (a bad media type, or one not created), told in the log.
+    std::shared_ptr<SocketInfo> FindCreated(uint32_t mediaType, int32_t& refused) const;
     void DeliverPacket(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel);
     void ClearSendBuffer(const std::shared_ptr<SocketInfo>& socketInfo);
     void SetFd(size_t index, int32_t sock, int16_t events);
     void ClearFdsOfSock(uint32_t mediaType, int32_t sock);
+    // Empties every poll record of the media type.
+    void ClearFdsOfType(uint32_t mediaType);
     void WakeSendThread();
     void IdleWait();
     // Closes the channel's socket. The descriptor is shut down at once, so

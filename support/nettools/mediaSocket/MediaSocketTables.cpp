@@ -100,12 +100,10 @@ void SocketInfo::SetServer(const std::string& addr, uint16_t newPort, const std:
     domain = newDomain;
 }
 
-void SocketInfo::GetServer(std::string& addr, uint16_t& outPort, std::string& outDomain) const
+SocketInfo::Server SocketInfo::GetServer() const
 {
     std::lock_guard<std::mutex> g(serverMutex);
-    addr = serverAddr;
-    outPort = port;
-    outDomain = domain;
+    return Server{serverAddr, port, domain};
 }
 
 bool SocketInfo::AnyOpenSocket() const
@@ -121,44 +119,44 @@ bool SocketInfo::AnyConnected() const
     });
 }
 
-std::string GetRecvStatsText(const SocketInfo& info)
+namespace {
+
+// The counters of a media type, then those of each of its channels.
+template <typename Part>
+std::string StatsText(const SocketInfo& info, const char* title, Part part)
 {
     std::ostringstream os;
-    auto part = [&os](const MediaStatsCounters& s) {
-        os << "writeBufferErrCount: " << MediaStatsCounters::Load(s.writeBufferErrCount)
-           << ", readHeadErrCount: " << MediaStatsCounters::Load(s.readHeadErrCount)
-           << ", dataLoss: " << MediaStatsCounters::Load(s.dataLoss) << GetPacketCountsText(s.recv);
-    };
-    os << ", [RECV]: ";
-    part(info.stats);
+    os << title;
+    part(os, info.stats);
     for (const auto& ch : info.sockMgr) {
         if (ch) {
             os << ", [sock: " << ch->sock.load() << "], ";
-            part(ch->stats);
+            part(os, ch->stats);
         }
     }
     return os.str();
 }
 
+} // namespace
+
+std::string GetRecvStatsText(const SocketInfo& info)
+{
+    return StatsText(info, ", [RECV]: ", [](std::ostringstream& os, const MediaStatsCounters& s) {
+        os << "writeBufferErrCount: " << MediaStatsCounters::Load(s.writeBufferErrCount)
+           << ", readHeadErrCount: " << MediaStatsCounters::Load(s.readHeadErrCount)
+           << ", dataLoss: " << MediaStatsCounters::Load(s.dataLoss) << GetPacketCountsText(s.recv);
+    });
+}
+
 std::string GetSendStatsText(const SocketInfo& info)
 {
-    std::ostringstream os;
-    auto part = [&os](const MediaStatsCounters& s) {
+    return StatsText(info, ", [SEND]: ", [](std::ostringstream& os, const MediaStatsCounters& s) {
         os << "sendCount: " << MediaStatsCounters::Load(s.sendCount)
            << ", sendSuccessCount: " << MediaStatsCounters::Load(s.sendSuccessCount)
            << ", sendErrCount: " << MediaStatsCounters::Load(s.sendErrCount) << GetPacketCountsText(s.send)
            << ", readOnePktErrCount: " << MediaStatsCounters::Load(s.readOnePktErrCount)
            << ", noConnectSendCount: " << MediaStatsCounters::Load(s.noConnectSendCount);
-    };
-    os << ", [SEND]: ";
-    part(info.stats);
-    for (const auto& ch : info.sockMgr) {
-        if (ch) {
-            os << ", [sock: " << ch->sock.load() << "], ";
-            part(ch->stats);
-        }
-    }
-    return os.str();
+    });
 }
 
 SocketInfo::~SocketInfo()
@@ -254,7 +252,7 @@ void MediaSocket::ClearFdsOfSock(uint32_t mediaType, int32_t sock)
     }
 }
 
-std::shared_ptr<SocketInfo> MediaSocket::SocketInfoToReCreate(uint32_t mediaType, int32_t& refused) const
+std::shared_ptr<SocketInfo> MediaSocket::FindCreated(uint32_t mediaType, int32_t& refused) const
 {
     if (mediaType >= kMediaTypeCount) {
         MEDIA_LOGE << "Invalid param! session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
@@ -267,4 +265,14 @@ std::shared_ptr<SocketInfo> MediaSocket::SocketInfoToReCreate(uint32_t mediaType
         refused = MEDIA_SOCKET_ERRCODE_NO_CREATE;
     }
     return info;
+}
+
+void MediaSocket::ClearFdsOfType(uint32_t mediaType)
+{
+    size_t start = 0;
+    size_t end = 0;
+    GetMediaFdsIndex(mediaType, start, end);
+    for (size_t i = start; i < end; ++i) {
+        SetFd(i, MORL_INVALID_SOCKET, 0);
+    }
 }
