@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -394,33 +395,42 @@ TEST(ProbeClock, ReadsRightMonthsAfterItsOrigin) {
 
 // A responder of the test's own answers after a set time. The delay runs
 // from the send call to the answer's arrival, not to the next poll's end;
-// and an answer behind 300 stray datagrams is still found in time.
+// and an answer behind 300 stray datagrams is still found in time. Each
+// delay is judged against how long the responder really held the request
+// (its sleep may run late on a loaded machine), and a poll-grid reading is
+// told by the best of three: a reading rounded up to 10 ms steps is 6 ms or
+// more high for each of 14, 33 and 24 ms.
 TEST(UdpProbe, AnswerIsTimedAtArrivalAndFoundBehindStrays) {
     UdpSocket peer;
     ASSERT_TRUE(peer.ok());
-    const int delays_ms[] = {14, 33, 0, 0};
-    const int strays[] = {0, 0, 300, 300};
+    constexpr size_t kTimed = 3;
+    const int delays_ms[] = {14, 33, 24, 0, 0};
+    const int strays[] = {0, 0, 0, 300, 300};
+    double held_ms[kTimed] = {};
     std::thread responder([&] {
-        for (size_t k = 0; k < 4; ++k) {
+        for (size_t k = 0; k < 5; ++k) {
             uint8_t req[64];
             std::string ip;
             uint16_t port = 0;
             if (peer.recv(req, sizeof req, 3000, &ip, &port) < 20) return;
-            std::this_thread::sleep_until(std::chrono::steady_clock::now() + std::chrono::milliseconds(delays_ms[k]));
+            const auto got = std::chrono::steady_clock::now();
+            std::this_thread::sleep_until(got + std::chrono::milliseconds(delays_ms[k]));
             const Bytes stray = stun_message(Bytes(12, 0x5A).data());
             for (int i = 0; i < strays[k]; ++i) {
                 peer.send_to(stray.data(), stray.size(), ip, port);
                 if (i % 50 == 49) MORL_SleepMs(1); // paced, so that the probe's buffer keeps up
             }
             const Bytes good = answer_to(req);
+            if (k < kTimed)
+                held_ms[k] = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - got).count();
             peer.send_to(good.data(), good.size(), ip, port);
         }
     });
-    for (int k = 0; k < 2; ++k) {
+    uint32_t delay[kTimed] = {};
+    for (size_t k = 0; k < kTimed; ++k) {
         auto probe = started<PortDetectUDP>(peer.port(), 1);
         ASSERT_EQ(wait_end(*probe, 3000), PROBE_REACHED);
-        EXPECT_GE(probe->get_delay(), static_cast<uint32_t>(delays_ms[k] - 1));
-        EXPECT_LE(probe->get_delay(), static_cast<uint32_t>(delays_ms[k] + 5));
+        delay[k] = probe->get_delay();
     }
     for (uint32_t mode : {1u, 0u}) {
         const uint64_t t0 = now_ms();
@@ -428,6 +438,12 @@ TEST(UdpProbe, AnswerIsTimedAtArrivalAndFoundBehindStrays) {
         EXPECT_LT(now_ms() - t0, 500u) << "mode " << mode;
     }
     responder.join();
+    double best = 1e9;
+    for (size_t k = 0; k < kTimed; ++k) {
+        EXPECT_GE(delay[k] + 1.0, held_ms[k]) << "read " << delay[k] << " for " << held_ms[k];
+        best = std::min(best, delay[k] - held_ms[k]);
+    }
+    EXPECT_LE(best, 4.0) << "every delay read high: " << delay[0] << ", " << delay[1] << ", " << delay[2];
 }
 
 // A destination that drops every SYN: three cycles of 1000 ms, each a new

@@ -21,7 +21,7 @@ namespace {
 
 constexpr int kTimeoutMs = 2000;
 constexpr double kToB = 20, kToA = 10; // different, so a swapped direction shows
-constexpr double kSlackMs = 25;        // scheduling under sanitizers; the bench measures the real figure
+constexpr double kSlackMs = 200;       // scheduling under sanitizers and load; the bench measures the real figure
 constexpr double kStampSlackMs = 0.5;   // a write returning after the reader woke
 constexpr uint16_t kEchoId = 0x7A11;
 
