@@ -36,7 +36,7 @@
 #include <string>
 #include <vector>
 
-#include "demo_peers.h"
+#include "loopback_peers.h"
 #include "tun_wire.h"
 #include "udp_relay.h"
 

@@ -25,7 +25,7 @@
 #include <string>
 #include <thread>
 
-#include "demo_peers.h"
+#include "loopback_peers.h"
 #include "inc/port_detect.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "demo_peers.h"
+#include "loopback_peers.h"
 #include "tun_wire.h"
 
 using zeph_wire::kAddrB;

@@ -9,7 +9,7 @@
 #include <mutex>
 
 #include "mediaSocket/PrivateHead.h"
-#include "peers.h"
+#include "waits.h"
 
 namespace zeph_test {
 

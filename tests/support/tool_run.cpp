@@ -8,7 +8,8 @@
 #include <algorithm>
 #include <sstream>
 
-#include "peers.h"
+#include "process.h"
+#include "waits.h"
 
 namespace zeph_test {
 

@@ -18,6 +18,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "ipv4.h"
+
 namespace zeph_relay {
 
 // ---- the model -----------------------------------------------------------------
@@ -68,13 +70,6 @@ struct Later {
 };
 
 uint64_t addr_key(const sockaddr_in& sa) { return (uint64_t(sa.sin_addr.s_addr) << 16) | sa.sin_port; }
-
-bool parse_ipv4(const std::string& ip, uint16_t port, sockaddr_in& sa) {
-    std::memset(&sa, 0, sizeof sa);
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(port);
-    return inet_pton(AF_INET, ip.c_str(), &sa.sin_addr) == 1;
-}
 
 } // namespace
 
@@ -239,8 +234,9 @@ int UdpRelay::start(std::string* error) {
         return -1;
     };
     sockaddr_in la{};
-    if (!parse_ipv4(m.cfg.listen_ip, m.cfg.listen_port, la)) return fail("not an IPv4 address: " + m.cfg.listen_ip);
-    if (!parse_ipv4(m.cfg.server_ip, m.cfg.server_port, m.server) || m.cfg.server_port == 0)
+    if (!zeph_tools::ipv4_sockaddr(m.cfg.listen_ip, m.cfg.listen_port, la))
+        return fail("not an IPv4 address: " + m.cfg.listen_ip);
+    if (!zeph_tools::ipv4_sockaddr(m.cfg.server_ip, m.cfg.server_port, m.server) || m.cfg.server_port == 0)
         return fail("bad server address: " + m.cfg.server_ip + ":" + std::to_string(m.cfg.server_port));
     m.listen_fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (m.listen_fd < 0) return fail(std::string("socket: ") + std::strerror(errno));

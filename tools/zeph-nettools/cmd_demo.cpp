@@ -19,8 +19,8 @@
 
 #include "cmd_media.h"
 #include "commands.h"
-#include "demo_peers.h"
 #include "inbox.h"
+#include "loopback_peers.h"
 #include "media_peer.h"
 #include "options.h"
 #include "render.h"

@@ -43,21 +43,23 @@ uint32_t Event::num() const {
     }
 }
 
-void on_any_port(void* result) {
+namespace {
+
+// The port detections hand their record over as an untyped pointer.
+template <typename Record>
+void deliver_copy(Event::Kind kind, Record Event::*field, const void* result) {
     if (!result) return;
     Event ev;
-    ev.kind = Event::AnyPort;
-    std::memcpy(&ev.any, result, sizeof ev.any);
+    ev.kind = kind;
+    std::memcpy(&(ev.*field), result, sizeof(Record));
     deliver(ev);
 }
 
-void on_three_port(void* result) {
-    if (!result) return;
-    Event ev;
-    ev.kind = Event::ThreePort;
-    std::memcpy(&ev.port, result, sizeof ev.port);
-    deliver(ev);
-}
+} // namespace
+
+void on_any_port(void* result) { deliver_copy(Event::AnyPort, &Event::any, result); }
+
+void on_three_port(void* result) { deliver_copy(Event::ThreePort, &Event::port, result); }
 
 void on_net(NetDetectResult* result) {
     if (!result) return;

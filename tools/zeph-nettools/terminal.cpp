@@ -33,14 +33,18 @@ Terminal& terminal() {
     return t;
 }
 
+// Wipes the progress line when one is shown; t.mu is held.
+void clear_progress(Terminal& t) {
+    if (!t.progress_shown) return;
+    std::fputs("\r\033[K", stderr);
+    std::fflush(stderr);
+    t.progress_shown = false;
+}
+
 void write_locked(FILE* f, const std::string& text) {
     Terminal& t = terminal();
     std::lock_guard<std::mutex> lock(t.mu);
-    if (t.progress_shown) {
-        std::fputs("\r\033[K", stderr);
-        std::fflush(stderr);
-        t.progress_shown = false;
-    }
+    clear_progress(t);
     std::fwrite(text.data(), 1, text.size(), f);
     std::fflush(f);
 }
@@ -99,11 +103,7 @@ Progress::~Progress() {
     m_state->thread.join();
     Terminal& t = terminal();
     std::lock_guard<std::mutex> lock(t.mu);
-    if (t.progress_shown) {
-        std::fputs("\r\033[K", stderr);
-        std::fflush(stderr);
-        t.progress_shown = false;
-    }
+    clear_progress(t);
     delete m_state;
 }
 

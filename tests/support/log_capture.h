@@ -1,0 +1,39 @@
+// A capture of the library's log lines for tests: installs a sink that stores
+// every line (called on library threads) and restores the default sink when
+// it ends.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace zeph_test {
+
+struct LogLine {
+    int level;
+    std::string module;
+    std::string function;
+    std::string file;
+    int line;
+    std::string message;
+};
+
+// Installs a log sink of level 3 (debug) that stores every line; restores the
+// default sink on destruction. One capture at a time per process. Lines that
+// library threads log after the capture ended are dropped safely.
+class LogCapture {
+public:
+    explicit LogCapture(int max_level = 3);
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<LogLine> lines() const;
+    bool contains(const std::string& substr) const;
+    int count(const std::string& substr) const;
+    bool wait_for(const std::string& substr, int timeout_ms) const;
+    void clear();
+    // All lines as text, one per line, for failure messages.
+    std::string dump() const;
+};
+
+} // namespace zeph_test
