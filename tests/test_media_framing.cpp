@@ -30,20 +30,32 @@ TEST(MediaFraming, HeadCodecAndHeadTest)
     }
     EXPECT_FALSE(PrivateHeadTest(0xFE, 3, 0, 0) || PrivateHeadTest(0xFF, 2, 0, 0));
 
-    // The flat decoder: need-more until the whole packet is there; a length
-    // out of 16..2048 is an error however many bytes follow.
-    PrivateHead head;
-    size_t length = 0;
+    // The framer: need-more until the whole packet is there; a length out
+    // of 16..2048 spends the head however many bytes follow; noise is cut
+    // up to the next head, and its last 15 bytes wait for more.
     auto packet = Head(1, 2, 0, 0, 4);
     packet.resize(64);
-    EXPECT_EQ(DecodeFrame(packet.data(), 19, head, length), FrameStatus::NeedMore);
-    ASSERT_EQ(DecodeFrame(packet.data(), 64, head, length), FrameStatus::Packet);
-    EXPECT_EQ(length, 20u);
+    EXPECT_EQ(CutFrame(packet.data(), 19).kind, FrameCut::NeedMore);
+    const FrameCut whole = CutFrame(packet.data(), 64);
+    ASSERT_EQ(whole.kind, FrameCut::Packet);
+    EXPECT_EQ(whole.length, 20u);
+    EXPECT_EQ(whole.head.mediaType, 2u);
     for (uint32_t body : {0xFFFFFFFFu /* head_Len 15 */, 2033u /* 2049 */}) {
         auto bad = Head(0, 0, 0, 0, body);
         bad.resize(4096);
-        EXPECT_EQ(DecodeFrame(bad.data(), bad.size(), head, length), FrameStatus::Error) << body;
+        const FrameCut cut = CutFrame(bad.data(), bad.size());
+        EXPECT_EQ(cut.kind, FrameCut::BadLength) << body;
+        EXPECT_EQ(cut.length, 16u) << body;
     }
+    std::vector<uint8_t> noisy(5, 0x41);
+    const auto next = Head(0, 0, 0, 0, 0);
+    noisy.insert(noisy.end(), next.begin(), next.end());
+    const FrameCut dirty = CutFrame(noisy.data(), noisy.size());
+    EXPECT_EQ(dirty.kind, FrameCut::Dirty);
+    EXPECT_EQ(dirty.length, 5u);
+    EXPECT_EQ(CutFrame(noisy.data(), 20).length, 5u);
+    EXPECT_EQ(CutFrame(noisy.data(), 18).length, 3u);
+    EXPECT_EQ(CutFrame(noisy.data() + 5, 16).kind, FrameCut::Packet);
 }
 
 TEST(MediaFraming, HeadAndPacketTextsReadOnlyWhatIsThere)

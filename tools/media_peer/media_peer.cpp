@@ -56,11 +56,17 @@ Cut CutOne(const uint8_t* data, size_t size, PrivateHead& head, size_t& length)
         length = zeph::stun::kHeaderSize + len;
         return size >= length ? Cut::Stun : Cut::NeedMore;
     }
-    switch (DecodeFrame(data, size, head, length)) {
-    case FrameStatus::NeedMore: return Cut::NeedMore;
-    case FrameStatus::Packet: return Cut::Packet;
-    case FrameStatus::Error: break;
+    const FrameCut cut = CutFrame(data, size);
+    switch (cut.kind) {
+    case FrameCut::NeedMore: return Cut::NeedMore;
+    case FrameCut::Packet:
+        head = cut.head;
+        length = cut.length;
+        return Cut::Packet;
+    case FrameCut::Dirty:
+    case FrameCut::BadLength: break;
     }
+    // One byte at a time, so that a STUN request behind noise is found.
     return Cut::Noise;
 }
 

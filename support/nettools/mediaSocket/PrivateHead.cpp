@@ -47,21 +47,37 @@ void BuildPrivateHead(uint32_t pktType, uint32_t mediaType, uint32_t channel, ui
     WritePrivateHead(w, head); // 16 bytes always fit
 }
 
-FrameStatus DecodeFrame(const uint8_t* data, size_t size, PrivateHead& head, size_t& length)
+FrameCut CutFrame(const uint8_t* data, size_t size)
 {
+    FrameCut cut;
     zeph::ByteReader r(data, size);
-    if (!ReadPrivateHead(r, head)) {
-        return FrameStatus::NeedMore;
+    size_t dirty = 0;
+    while (r.remaining() >= static_cast<size_t>(kPrivateHeadSize)) {
+        const uint8_t* at = r.peek(kPrivateHeadSize);
+        if (PrivateHeadTest(at[0], at[1], at[2], at[3])) {
+            break;
+        }
+        r.skip(1);
+        ++dirty;
     }
-    if (!PrivateHeadTest(head.tag, head.version, head.pktType, head.mediaType) || head.head_Len < kPrivateHeadSize ||
-        head.head_Len > kMaxMediaPacketSize) {
-        return FrameStatus::Error;
+    if (dirty != 0) {
+        cut.kind = FrameCut::Dirty;
+        cut.length = dirty;
+        return cut;
     }
-    if (size < head.head_Len) {
-        return FrameStatus::NeedMore;
+    if (!ReadPrivateHead(r, cut.head)) {
+        return cut; // fewer than 16 bytes
     }
-    length = head.head_Len;
-    return FrameStatus::Packet;
+    if (cut.head.head_Len < kPrivateHeadSize || cut.head.head_Len > kMaxMediaPacketSize) {
+        cut.kind = FrameCut::BadLength;
+        cut.length = kPrivateHeadSize;
+        return cut;
+    }
+    if (size >= cut.head.head_Len) {
+        cut.kind = FrameCut::Packet;
+        cut.length = cut.head.head_Len;
+    }
+    return cut;
 }
 
 std::string GetHeadText(const uint8_t* ph)

@@ -61,16 +61,25 @@ inline bool PrivateHeadTest(uint8_t tag, uint8_t version, uint8_t pktType, uint8
            (pktType <= kMaxMediaPktType || pktType == kPktTypeKeepalive) && mediaType <= kMaxMediaType;
 }
 
-// Result of looking for one framed packet at the start of a byte span.
-enum class FrameStatus {
-    NeedMore, // fewer bytes than the head or than head_Len: wait for more
-    Packet,   // a whole packet of `length` bytes starts here
-    Error,    // no head here, or head_Len below 16 or above 2048
+// The one framer of the transport: what stands at the start of a byte
+// stream. Every cutter of framed packets (the receive path through its ring,
+// the send ring, the media peer) takes its decisions from here.
+struct FrameCut {
+    enum Kind {
+        NeedMore,  // fewer than 16 bytes, or a head whose packet is not all there
+        Packet,    // a whole packet of `length` bytes, head included
+        Dirty,     // `length` bytes (at least 1) that start no head: drop them
+        BadLength, // a head whose head_Len is out of 16..2048: its 16 bytes are spent
+    };
+    Kind kind = NeedMore;
+    size_t length = 0;
+    PrivateHead head; // Packet and BadLength
 };
 
-// Decodes the head at the start of data[0..size) and tells whether a whole
-// packet is there. head_Len is checked against 16..2048 before it is used.
-FrameStatus DecodeFrame(const uint8_t* data, size_t size, PrivateHead& head, size_t& length);
+// Cuts at the start of data[0..size). A head is looked for only where 16
+// bytes stand, so that up to 15 trailing bytes always wait for more;
+// head_Len is checked against 16..2048 before it is used.
+FrameCut CutFrame(const uint8_t* data, size_t size);
 
 // ", tag: 255, version: 3, pktType: 0, mediaType: Audio, channel: 7,
 // pkgSeq: 1, head_Len: 216" for the 16 bytes at ph (which need not be a

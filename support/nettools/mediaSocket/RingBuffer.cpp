@@ -143,32 +143,32 @@ int32_t RingBuffer::IsPrivateHead() const
 uint32_t RingBuffer::SkipToPrivateHead(uint8_t* dirty, int32_t* size)
 {
     const int32_t room = (dirty != nullptr && size != nullptr && *size > 0) ? *size : 0;
-    int32_t used = usedSize.load(std::memory_order_relaxed);
-    if (storage == nullptr || used < kPrivateHeadSize) {
-        if (size != nullptr) {
-            *size = 0;
-        }
-        return kNoHead;
-    }
-    uint32_t result = kNoHead;
     int32_t copied = 0;
     bool dropped = false;
-    while (used >= kPrivateHeadSize) {
-        if (IsPrivateHead() != 0) {
-            result = kHeadFound;
+    // The framer sees a window of the stored bytes: the head's 16 at first,
+    // as a head mostly stands at the front; a packet's worth once the hunt
+    // has started.
+    uint8_t window[kMaxMediaPacketSize];
+    int32_t windowSize = kPrivateHeadSize;
+    while (storage != nullptr && GetUsedSize() >= kPrivateHeadSize) {
+        const FrameCut cut = CutFrame(window, static_cast<size_t>(Peek(window, windowSize)));
+        if (cut.kind != FrameCut::Dirty) {
             break;
         }
-        if (copied < room) {
-            dirty[copied++] = storage[readPos];
+        const int32_t n = static_cast<int32_t>(cut.length);
+        const int32_t keep = std::min(n, room - copied);
+        if (keep > 0) {
+            (void)memcpy_s(dirty + copied, static_cast<size_t>(room - copied), window, static_cast<size_t>(keep));
+            copied += keep;
         }
-        readPos = (readPos + 1 == capacity) ? 0 : readPos + 1;
-        --used;
-        usedSize.store(used, std::memory_order_relaxed);
+        Skip(n);
         dropped = true;
+        windowSize = kMaxMediaPacketSize;
     }
     if (size != nullptr) {
         *size = copied;
     }
+    const uint32_t result = (storage != nullptr && GetUsedSize() >= kPrivateHeadSize) ? kHeadFound : kNoHead;
     return dropped ? result + kBytesDropped : result;
 }
 
@@ -178,16 +178,18 @@ int32_t RingBuffer::ReadPacket(uint8_t* dst, int32_t size)
         return MEDIA_SOCKET_ERRCODE_FAILED;
     }
     int32_t none = 0;
-    if ((SkipToPrivateHead(nullptr, &none) & kHeadFound) == 0) {
+    if ((SkipToPrivateHead(nullptr, &none) & kHeadFound) == 0 || size < kPrivateHeadSize) {
         return MEDIA_SOCKET_ERRCODE_FAILED;
     }
-    if (size < kPrivateHeadSize || Read(dst, kPrivateHeadSize) < kPrivateHeadSize) {
-        return MEDIA_SOCKET_ERRCODE_FAILED;
+    uint8_t window[kMaxMediaPacketSize];
+    const FrameCut cut = CutFrame(window, static_cast<size_t>(Peek(window, kMaxMediaPacketSize)));
+    const int32_t length = cut.head.head_Len;
+    if (cut.kind == FrameCut::Packet && length <= size) {
+        return Read(dst, length);
     }
-    const int32_t length = PrivateHeadLength(dst);
-    if (length < kPrivateHeadSize || length > kMaxMediaPacketSize || length > size) {
-        return MEDIA_SOCKET_ERRCODE_FAILED;
-    }
-    const int32_t body = Read(dst + kPrivateHeadSize, length - kPrivateHeadSize);
-    return kPrivateHeadSize + body == length ? length : MEDIA_SOCKET_ERRCODE_FAILED;
+    // Damage: a length out of bounds or above size, or a packet cut short by
+    // a full ring. What there is of it goes, so that the next call hunts
+    // behind it.
+    Read(dst, cut.kind == FrameCut::NeedMore && length <= size ? GetUsedSize() : kPrivateHeadSize);
+    return MEDIA_SOCKET_ERRCODE_FAILED;
 }
