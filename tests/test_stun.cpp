@@ -97,33 +97,6 @@ std::vector<std::map<std::string, std::string>> Decode(const std::vector<Bytes>&
     return out;
 }
 
-TEST(StunWire, FingerprintKnownAnswers)
-{
-    EXPECT_EQ(zeph::stun::crc32(reinterpret_cast<const uint8_t*>("123456789"), 9), 0xCBF43926u);
-    // RFC 5769 2.1 sample request and 2.2 sample IPv4 response.
-    for (const char* hex :
-         {"000100582112a442b7e7a701bc34d686fa87dfae802200105354554e207465737420636c69656e74002400046e0001ff802900"
-          "08932ff9b151263b36000600096576746a3a68367659202020000800149aeaa70cbfd8cb56781ef2b5b2d3f249c1b571a28028"
-          "0004e57a3bcf",
-          "0101003c2112a442b7e7a701bc34d686fa87dfae8022000b7465737420766563746f7220002000080001a147e112a6430008"
-          "00142b91f599fd9e90c38c7489f92af9ba53f06be7d780280004c07d4c96"}) {
-        Bytes msg;
-        for (; hex[0] != '\0'; hex += 2) msg.push_back(uint8_t(std::stoul(std::string(hex, 2), nullptr, 16)));
-        EXPECT_TRUE(zeph::stun::check_fingerprint(msg.data(), msg.size()));
-        for (size_t i : {size_t(3), size_t(8), msg.size() - 9}) { // length, id, last covered byte
-            Bytes bad = msg;
-            bad[i] ^= 1;
-            EXPECT_FALSE(zeph::stun::check_fingerprint(bad.data(), bad.size())) << i;
-        }
-        Attrs attrs;
-        EXPECT_TRUE(Walk(msg.data(), msg.size(), attrs)); // padding and all
-        // A declared length beyond what is there is refused before use.
-        zeph::ByteReader cut(msg.data() + 20, attrs[0].length + 3u);
-        EXPECT_FALSE(zeph::stun::read_attribute(cut, attrs[0]));
-        EXPECT_EQ(cut.position(), 0u);
-    }
-}
-
 // Usernames of 1 to 65 bytes, bare and behind the private head, and
 // usernames near the size limit, where an attribute that would bring the
 // message length to 236 or more is left out and the packet stays whole
