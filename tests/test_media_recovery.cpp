@@ -68,10 +68,8 @@ TEST(MediaRecovery, LostChannelComesBackAtMostOncePerFiveSeconds)
     ASSERT_EQ(s.Send(kVideo, 2, Body(50, 3)), 0);
     EXPECT_TRUE(WaitBody(s, kVideo, Body(50, 3)));
 
-    // Repaired inside, never told.
+    // Repaired inside (the peer's three connections), never told.
     EXPECT_EQ(s.EventCount(kVideo, ZEPH_MEDIA_EVENT_CHANNEL_LOST), 0u);
-    EXPECT_EQ(s.Channel(kVideo, 0)->reCreateChannelCount.load(), 2);
-    EXPECT_EQ(s.Info(kVideo)->reCreateChannelCount.load(), 2);
     // The receive thread logs a repair when it sees the five seconds have
     // passed; the dispatcher reads the clock again, so at the edge of the
     // window a repair may go through without its line.
@@ -145,21 +143,6 @@ TEST(MediaRecovery, ChannelThatCannotConnectLeavesTrafficOnTheOthers)
     MediaSession s(3121);
     ASSERT_EQ(s.Create(kAudio, 4), 0);
     ASSERT_EQ(s.Connect(kAudio, listener.port()), 0) << "one channel up is enough";
-    size_t failed = 4;
-    for (size_t i = 0; i < 4; ++i) {
-        auto ch = s.Channel(kAudio, i);
-        const int32_t fd = s.Object()->GetFd(i).fd;
-        if (ch->state == 0) {
-            failed = i;
-            EXPECT_EQ(ch->connectRet.load(), MEDIA_SOCKET_ERRCODE_CONNECT_TIMEOUT);
-            EXPECT_EQ(ch->sock.load(), -1);
-            EXPECT_EQ(fd, -1);
-        } else {
-            EXPECT_EQ(ch->state.load(), 2u) << i;
-            EXPECT_EQ(fd, ch->sock.load()) << i;
-        }
-    }
-    ASSERT_LT(failed, 4u);
     ASSERT_EQ(listener.AcceptAll(), 3u);
     // From now on a connect is refused: the repair tried by the send path fails.
     listener.StopListening();
@@ -178,12 +161,10 @@ TEST(MediaRecovery, ChannelThatCannotConnectLeavesTrafficOnTheOthers)
         EXPECT_TRUE(recv_exact(fd, 1, 100).empty());
     }
     EXPECT_EQ(seen.size(), 9u);
-    EXPECT_EQ(s.Channel(kAudio, failed)->reCreateChannelCount.load(), 1) << "one attempt, then the time limit";
     EXPECT_EQ(MediaLog::Count({"MediaCreateChannelOfSockChan! session id: 3121", "eventId: 1",
                                "errorCode: " + std::to_string(MEDIA_SOCKET_ERRCODE_CHANNEL_DOWN)}),
               1)
-        << "the send path found the channel down";
-    EXPECT_EQ(s.Channel(kAudio, failed)->state.load(), 0u);
+        << "the send path found the channel down once: one repair, then the time limit";
     EXPECT_EQ(s.Stats(kAudio).sendCount, 9u);
     EXPECT_EQ(s.EventCount(kAudio, ZEPH_MEDIA_EVENT_CHANNEL_LOST), 0u);
 }

@@ -108,27 +108,13 @@ void on_net(NetDetectResult* r) {
     g_net.push_back(*r);
 }
 
-bool any_result(uint32_t num, AnyPortResult* out) {
-    bool found = wait_until(
-        [&] {
-            std::lock_guard<std::mutex> lock(g_mutex);
-            for (const auto& r : g_any) {
-                if (r.num == num) {
-                    *out = r;
-                    return true;
-                }
-            }
-            return false;
-        },
-        10000, 10);
-    return found;
-}
-
-bool net_result(uint32_t num, NetDetectResult* out) {
+// Waits for the record of serial number num among records.
+template <class Record>
+bool result_of(const std::vector<Record>& records, uint32_t num, Record* out) {
     return wait_until(
         [&] {
             std::lock_guard<std::mutex> lock(g_mutex);
-            for (const auto& r : g_net) {
+            for (const auto& r : records) {
                 if (r.num == num) {
                     *out = r;
                     return true;
@@ -138,6 +124,8 @@ bool net_result(uint32_t num, NetDetectResult* out) {
         },
         10000, 10);
 }
+bool any_result(uint32_t num, AnyPortResult* out) { return result_of(g_any, num, out); }
+bool net_result(uint32_t num, NetDetectResult* out) { return result_of(g_net, num, out); }
 
 PortDetectInfo any_port_info(const char* ip, const std::vector<std::pair<uint16_t, uint8_t>>& targets) {
     PortDetectInfo info;
