@@ -1,14 +1,15 @@
 // What does the media transport cost against writing the same framed packets
 // with plain blocking TCP calls to the same media peer on loopback?
 //
-//   1. CPU time of an idle session with all five media types connected;
+//   1. CPU time of an idle session with all five media types connected,
+//      with the send thread sleeping until woken and with its literal loop
+//      (a pass every 5 ms); the receive thread polls every 10 ms in both;
 //   2. throughput into a sink peer, 200- and 1200-byte bodies, over one
 //      channel (video) and four (audio), counted where the packets arrive;
 //   3. latency of an echoed packet from MORL_MediaSend to the receive
-//      callback, at 50 and at 1000 packets/s, with and without the early wake
-//      of the send thread.
+//      callback, at 50 and at 1000 packets/s, in both modes.
 //
-//   bench_media [--no-early-wake]    (only the runs without the early wake)
+//   bench_media [--literal-loops]    (throughput with the literal loops)
 #include <zeph_nettools/media_socket.h>
 #include <zeph_nettools/settings.h>
 
@@ -162,7 +163,8 @@ struct IdleFigures {
     bool ok = false;
 };
 
-IdleFigures idle_cpu(double seconds) {
+IdleFigures idle_cpu(double seconds, bool literal) {
+    MediaSocket::SetLiteralLoops(literal);
     IdleFigures f;
     MediaPeer peer(MediaPeerMode::Sink);
     if (!peer.start()) return f;
@@ -312,8 +314,8 @@ constexpr uint32_t kLatencyBody = 200;
 
 // Video: one channel, and its RTP skips the audio sort, so every packet
 // comes back to the callback.
-Latency session_latency(double rate, size_t count, bool earlyWake) {
-    MediaSocket::SetEarlyWake(earlyWake);
+Latency session_latency(double rate, size_t count, bool literal) {
+    MediaSocket::SetLiteralLoops(literal);
     MediaPeer peer(MediaPeerMode::Echo);
     if (!peer.start()) return {};
     LatencyProbe& p = probe();
@@ -385,34 +387,39 @@ std::string ratio(double a, double b) {
 } // namespace
 
 int main(int argc, char** argv) {
-    bool onlyWithoutEarlyWake = false;
+    bool literalThroughput = false;
     for (int i = 1; i < argc; ++i) {
-        if (!std::strcmp(argv[i], "--no-early-wake")) {
-            onlyWithoutEarlyWake = true;
+        if (!std::strcmp(argv[i], "--literal-loops")) {
+            literalThroughput = true;
         } else {
-            std::fprintf(stderr, "usage: bench_media [--no-early-wake]\n");
+            std::fprintf(stderr, "usage: bench_media [--literal-loops]\n");
             return 2;
         }
     }
     MORL_MediaSetLogCallback(quiet_log);
     zeph_settings_set_log_sink(quiet_sink, nullptr, ZEPH_LOG_ERROR);
-    MediaSocket::SetEarlyWake(!onlyWithoutEarlyWake);
-    const char* wake = onlyWithoutEarlyWake ? "off" : "on";
+    const char* modeName[] = {"send thread woken", "literal 5 ms send loop"};
     const auto started = Clock::now();
 
     std::printf("media transport against plain blocking TCP, on loopback, one media peer per run\n\n");
 
-    IdleFigures idle = idle_cpu(3.0);
-    if (!idle.ok) {
-        std::fprintf(stderr, "bench_media: the idle session could not connect\n");
-        return 1;
+    std::printf("idle session, all five media types connected, CPU over 3 s:\n");
+    for (int literal = 0; literal < 2; ++literal) {
+        IdleFigures idle = idle_cpu(3.0, literal == 1);
+        if (!idle.ok) {
+            std::fprintf(stderr, "bench_media: the idle session could not connect\n");
+            return 1;
+        }
+        std::printf("  %-23s session %.2f ms/s, process without it %.2f ms/s: %.2f ms of CPU per second\n",
+                    modeName[literal], idle.sessionMsPerS, idle.processMsPerS,
+                    idle.sessionMsPerS - idle.processMsPerS);
+        std::fflush(stdout);
     }
-    std::printf("idle session, all five media types connected (early wake %s), CPU over 3 s:\n", wake);
-    std::printf("  session %.2f ms/s, process without it %.2f ms/s: %.2f ms of CPU per second of idle session\n\n",
-                idle.sessionMsPerS, idle.processMsPerS, idle.sessionMsPerS - idle.processMsPerS);
-    std::fflush(stdout);
+    std::printf("\n");
 
-    std::printf("throughput into a sink peer, %.1f s per run, counted at the peer (early wake %s);\n"
+    MediaSocket::SetLiteralLoops(literalThroughput);
+    const char* wake = modeName[literalThroughput ? 1 : 0];
+    std::printf("throughput into a sink peer, %.1f s per run, counted at the peer (%s);\n"
                 "session: MORL_MediaSend in a loop, %lld us pause after each refusal; baseline: blocking send();\n"
                 "short: short sends (the rest of the packet is lost and the channel re-created), flushed:\n"
                 "damaged packets found in the send ring (the ring is emptied), lost: accepted, never seen whole\n",
@@ -447,7 +454,7 @@ int main(int argc, char** argv) {
     std::printf("\nlatency of an echoed packet (video, 1 channel, %u-byte body): MORL_MediaSend to the receive\n"
                 "callback; baseline: blocking send() and recv() of the echo on one connection\n",
                 kLatencyBody);
-    std::printf("  %-10s %-15s %9s %9s %13s %9s %10s %10s %10s %10s\n", "rate", "send thread", "p50 ms", "p99 ms",
+    std::printf("  %-10s %-23s %9s %9s %13s %9s %10s %10s %10s %10s\n", "rate", "session threads", "p50 ms", "p99 ms",
                 "baseline p50", "p99", "added p50", "added p99", "echoes", "baseline");
     struct Rate {
         double pps;
@@ -456,24 +463,24 @@ int main(int argc, char** argv) {
     const Rate rates[] = {{50, 150}, {1000, 2000}};
     for (const Rate& r : rates) {
         const Latency base = baseline_latency(r.pps, r.count);
-        for (int mode = onlyWithoutEarlyWake ? 0 : 1; mode >= 0; --mode) {
-            const Latency l = session_latency(r.pps, r.count, mode == 1);
+        for (int literal = 0; literal < 2; ++literal) {
+            const Latency l = session_latency(r.pps, r.count, literal == 1);
             char rate[16];
             std::snprintf(rate, sizeof rate, "%.0f pps", r.pps);
             if (!l.ok || !base.ok) {
-                std::printf("  %-10s %-15s failed\n", rate, mode ? "early wake" : "no early wake");
+                std::printf("  %-10s %-23s failed\n", rate, modeName[literal]);
                 continue;
             }
             char echoes[32], baseEchoes[32];
             std::snprintf(echoes, sizeof echoes, "%zu/%zu", l.samples, l.sent);
             std::snprintf(baseEchoes, sizeof baseEchoes, "%zu/%zu", base.samples, base.sent);
-            std::printf("  %-10s %-15s %9.3f %9.3f %13.3f %9.3f %+10.3f %+10.3f %10s %10s\n", rate,
-                        mode ? "early wake" : "no early wake", l.p50, l.p99, base.p50, base.p99, l.p50 - base.p50,
+            std::printf("  %-10s %-23s %9.3f %9.3f %13.3f %9.3f %+10.3f %+10.3f %10s %10s\n", rate,
+                        modeName[literal], l.p50, l.p99, base.p50, base.p99, l.p50 - base.p50,
                         l.p99 - base.p99, echoes, baseEchoes);
             std::fflush(stdout);
         }
     }
-    MediaSocket::SetEarlyWake(!onlyWithoutEarlyWake);
+    MediaSocket::SetLiteralLoops(false);
     std::printf("\ntotal %.1f s\n", std::chrono::duration<double>(Clock::now() - started).count());
     return 0;
 }

@@ -1,8 +1,9 @@
 // Send path. MediaSend runs on the caller's thread and only queues: it
-// writes head and body to the media type's send ring. The send thread takes
-// one packet per media type per pass and writes it to the next connected
-// channel. What a send finds wrong is reported as an event; the repair code
-// decides what to do about it.
+// writes head and body to the media type's send ring, or refuses the packet
+// whole when the ring has no room for both. The send thread takes one packet
+// per media type per pass and writes it to the next connected channel; with
+// nothing to send it sleeps until MediaSend wakes it. What a send finds
+// wrong is reported as an event; the repair code decides what to do about it.
 #include "mediaSocket/MediaSocket.h"
 
 #include <chrono>
@@ -28,7 +29,7 @@ constexpr int kLinuxEintr = 4;
 constexpr int kLinuxEagain = 11;
 constexpr int kLinuxEpipe = 32;
 
-std::atomic<bool> g_earlyWake{true};
+std::atomic<bool> g_literalLoops{false};
 
 bool IsWouldBlock(int err)
 {
@@ -39,7 +40,8 @@ bool IsNotConnected(int err) { return err == MORL_WSAENOTCONN || err == kLinuxEp
 
 } // namespace
 
-void MediaSocket::SetEarlyWake(bool enabled) { g_earlyWake.store(enabled); }
+void MediaSocket::SetLiteralLoops(bool enabled) { g_literalLoops.store(enabled); }
+bool MediaSocket::LiteralLoops() { return g_literalLoops.load(std::memory_order_relaxed); }
 
 int32_t MediaSocket::MediaSend(uint32_t pktType, uint32_t mediaType, const uint8_t* data, uint32_t length,
                                uint32_t channel)
@@ -94,25 +96,29 @@ int32_t MediaSocket::MediaSend(uint32_t pktType, uint32_t mediaType, const uint8
         } else if (pktType == kPktTypeKeepalive) {
             seq = ++info->pkgSeq[kKeepaliveSeqSlot];
         }
-        uint8_t head[kPrivateHeadSize];
-        BuildPrivateHead(pktType, mediaType, channel, seq, length, head);
-        const int32_t headLen = ring->Write(head, kPrivateHeadSize);
-        if (headLen < kPrivateHeadSize) {
+        // Room for head and body is checked first: a packet that does not
+        // fit is refused whole, and what is queued in front of it stays
+        // intact instead of ending in a head without its body.
+        const int32_t room = ring->GetFreeSize();
+        if (room < kPrivateHeadSize) {
             MEDIA_LOGW << "Write Private Header error! session id: " << sessionId
-                       << ", mediaType: " << GetMediaTypeName(mediaType) << ", write len: " << headLen
+                       << ", mediaType: " << GetMediaTypeName(mediaType) << ", write len: " << 0
                        << ", len: " << kPrivateHeadSize;
             result = MEDIA_SOCKET_ERRCODE_WRITE_BUFFER;
+        } else if (room - kPrivateHeadSize < static_cast<int32_t>(length)) {
+            MEDIA_LOGW << "Write Body error! session id: " << sessionId
+                       << ", mediaType: " << GetMediaTypeName(mediaType) << ", write len: " << 0
+                       << ", len: " << length << ", realWriteLen:" << 0 << ", dataLen: " << length;
+            CountPacket(info->stats.send, pktType, false);
+            result = MEDIA_SOCKET_ERRCODE_WRITE_BUFFER;
         } else {
-            const int32_t bodyLen = length != 0 ? ring->Write(data, static_cast<int32_t>(length)) : 0;
-            if (bodyLen < static_cast<int32_t>(length)) {
-                MEDIA_LOGW << "Write Body error! session id: " << sessionId
-                           << ", mediaType: " << GetMediaTypeName(mediaType) << ", write len: " << bodyLen
-                           << ", len: " << length << ", realWriteLen:" << bodyLen << ", dataLen: " << length;
-                CountPacket(info->stats.send, pktType, false);
-                result = MEDIA_SOCKET_ERRCODE_WRITE_BUFFER;
-            } else {
-                CountPacket(info->stats.send, pktType, true);
+            uint8_t head[kPrivateHeadSize];
+            BuildPrivateHead(pktType, mediaType, channel, seq, length, head);
+            ring->Write(head, kPrivateHeadSize);
+            if (length != 0) {
+                ring->Write(data, static_cast<int32_t>(length));
             }
+            CountPacket(info->stats.send, pktType, true);
         }
     }
     if (result == 0) {
@@ -123,28 +129,32 @@ int32_t MediaSocket::MediaSend(uint32_t pktType, uint32_t mediaType, const uint8
 
 void MediaSocket::WakeSendThread()
 {
-    if (!g_earlyWake.load(std::memory_order_relaxed)) {
-        return;
+    if (LiteralLoops() || sendPending.exchange(true)) {
+        return; // the thread passes anyway, or was woken already
     }
-    {
-        std::lock_guard<std::mutex> g(sendWakeMutex);
-        sendPending = true;
-    }
+    // Taking the mutex orders this against a thread that has just found
+    // nothing pending and is about to sleep: it sleeps before the notify,
+    // or sees the flag.
+    { std::lock_guard<std::mutex> g(sendWakeMutex); }
     sendWakeCond.notify_one();
 }
 
-void MediaSocket::IdleWait()
+void MediaSocket::IdleWait(bool queued)
 {
-    if (!g_earlyWake.load(std::memory_order_relaxed)) {
+    if (LiteralLoops()) {
         MORL_SleepMs(kSendIdleWaitMs);
         return;
     }
-    // Still one pass per 5 ms at most when idle; a queued packet ends the
-    // wait at once instead of waiting for the next pass.
     std::unique_lock<std::mutex> lock(sendWakeMutex);
-    sendWakeCond.wait_for(lock, std::chrono::milliseconds(kSendIdleWaitMs),
-                          [this] { return sendPending || !sendRunning; });
-    sendPending = false;
+    const auto woken = [this] { return sendPending.load() || !sendRunning; };
+    if (queued) {
+        sendWakeCond.wait_for(lock, std::chrono::milliseconds(kSendIdleWaitMs), woken);
+    } else {
+        sendWakeCond.wait(lock, woken);
+    }
+    // An exchange, not a store: it pairs with the one in WakeSendThread, so
+    // the next pass sees what was queued before the wake.
+    sendPending.exchange(false);
 }
 
 void MediaSocket::ClearSendBuffer(const std::shared_ptr<SocketInfo>& info)
@@ -162,13 +172,18 @@ void MediaSocket::SocketSendThread()
     uint8_t packet[kMaxMediaPacketSize];
     while (sendRunning) {
         bool idle = true;
+        bool queued = false;
         for (uint32_t mediaType = 0; mediaType < kMediaTypeCount && sendRunning; ++mediaType) {
             auto info = GetSocketInfo(mediaType);
             if (!info) {
                 continue;
             }
             auto ring = info->GetSendBuffer();
-            if (!ring || ring->GetUsedSize() == 0 || !info->AnyConnected()) {
+            if (!ring || ring->GetUsedSize() == 0) {
+                continue;
+            }
+            if (!info->AnyConnected()) {
+                queued = true; // kept for a channel that comes back
                 continue;
             }
             idle = false;
@@ -191,7 +206,7 @@ void MediaSocket::SocketSendThread()
             DoEventCallback(info, MediaEventInfo{ZEPH_MEDIA_EVENT_RING_FLUSHED, static_cast<uint32_t>(MEDIA_SOCKET_ERRCODE_READ_HEAD)});
         }
         if (idle && sendRunning) {
-            IdleWait();
+            IdleWait(queued);
         }
     }
     MEDIA_LOGI << "SocketSendThread leave. session id: " << sessionId;

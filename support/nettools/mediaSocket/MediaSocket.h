@@ -249,10 +249,13 @@ public:
     // True on this session's repair thread.
     bool IsRepairThread() const;
 
-    // Whether MediaSend wakes an idle send thread at once (default), or the
-    // thread finds the packet on its next pass after up to 5 ms. Process-wide;
-    // for benchmarks.
-    static void SetEarlyWake(bool enabled);
+    // How the send thread waits when there is nothing to send. By default it
+    // sleeps until MediaSend wakes it (or, while packets wait for a channel,
+    // for one pass interval). With the literal loop it passes every 5 ms and
+    // a queued packet waits for the next pass. Process-wide; for benchmarks
+    // that compare the two.
+    static void SetLiteralLoops(bool enabled);
+    static bool LiteralLoops();
 
 private:
     // A repair handed to the repair thread: the whole media type (no
@@ -295,7 +298,10 @@ private:
     // Empties every poll record of the media type.
     void ClearFdsOfType(uint32_t mediaType);
     void WakeSendThread();
-    void IdleWait();
+    // Wait of the send thread after a pass that sent nothing. `queued`: some
+    // ring holds packets that wait for a connected channel, so the thread
+    // looks again after the pass interval even if nobody wakes it.
+    void IdleWait(bool queued);
     // Closes the channel's socket. The descriptor is shut down at once, so
     // that the peer sees the end, but released only by the receive thread
     // between two polls: Linux hands a freed number to the next socket at
@@ -343,11 +349,12 @@ private:
     std::shared_ptr<SocketInfo> socketInfos[kMediaTypeCount];
     mutable std::shared_mutex socketInfoLock;
 
-    // Early wake of the send thread: MediaSend raises `sendPending` after it
-    // let go of the SocketInfo mutex.
+    // Wake of the send thread: MediaSend raises `sendPending` after it let
+    // go of the SocketInfo mutex, and takes sendWakeMutex only when it is
+    // the one that raised it, so a busy stream costs one atomic per packet.
     std::mutex sendWakeMutex;
     std::condition_variable sendWakeCond;
-    bool sendPending = false;
+    std::atomic<bool> sendPending{false};
 
     std::mutex closeMutex;
     std::vector<int32_t> closePending;

@@ -181,15 +181,17 @@ int32_t RingBuffer::ReadPacket(uint8_t* dst, int32_t size)
     if ((SkipToPrivateHead(nullptr, &none) & kHeadFound) == 0 || size < kPrivateHeadSize) {
         return MEDIA_SOCKET_ERRCODE_FAILED;
     }
-    uint8_t window[kMaxMediaPacketSize];
-    const FrameCut cut = CutFrame(window, static_cast<size_t>(Peek(window, kMaxMediaPacketSize)));
+    // Judged by its head alone, so that a whole packet is copied once.
+    uint8_t head[kPrivateHeadSize];
+    const FrameCut cut = CutFrame(head, static_cast<size_t>(Peek(head, kPrivateHeadSize)));
     const int32_t length = cut.head.head_Len;
-    if (cut.kind == FrameCut::Packet && length <= size) {
+    const bool fits = cut.kind != FrameCut::BadLength && length <= size;
+    if (fits && GetUsedSize() >= length) {
         return Read(dst, length);
     }
     // Damage: a length out of bounds or above size, or a packet cut short by
     // a full ring. What there is of it goes, so that the next call hunts
     // behind it.
-    Read(dst, cut.kind == FrameCut::NeedMore && length <= size ? GetUsedSize() : kPrivateHeadSize);
+    Read(dst, fits ? GetUsedSize() : kPrivateHeadSize);
     return MEDIA_SOCKET_ERRCODE_FAILED;
 }

@@ -64,6 +64,8 @@ public:
     // much waits in the ring.
     int32_t GetUsedSize() const { return usedSize.load(std::memory_order_relaxed); }
     bool HasStorage() const { return storage != nullptr; }
+    // Bytes a Write would store now; 0 for a ring without storage.
+    int32_t GetFreeSize() const { return storage != nullptr ? capacity - GetUsedSize() : 0; }
 
 private:
     static bool CapacityValid(int32_t value) { return value >= kMinCapacity && value <= kMaxCapacity; }
