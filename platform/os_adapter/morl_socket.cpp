@@ -17,6 +17,7 @@
 
 #include <cerrno>
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <unordered_map>
@@ -226,25 +227,33 @@ public:
     void remember(int s, int wsa) {
         std::lock_guard<std::mutex> lock(mu_);
         errors_[s] = wsa;
+        count_.store(errors_.size(), std::memory_order_release);
     }
     void forget(int s) {
+        if (!any()) {
+            return; // the common case: every socket close and connect passes here
+        }
         std::lock_guard<std::mutex> lock(mu_);
         errors_.erase(s);
+        count_.store(errors_.size(), std::memory_order_release);
     }
     // The error a failed connect left with s, 0 if none.
     int error_of(int s) {
+        if (!any()) {
+            return 0;
+        }
         std::lock_guard<std::mutex> lock(mu_);
         auto it = errors_.find(s);
         return it == errors_.end() ? 0 : it->second;
     }
-    bool any() {
-        std::lock_guard<std::mutex> lock(mu_);
-        return !errors_.empty();
-    }
+    // Lock-free, so that the polling threads pay nothing while no connect
+    // has failed at once.
+    bool any() const { return count_.load(std::memory_order_acquire) != 0; }
 
 private:
     std::mutex mu_;
     std::unordered_map<int, int> errors_; // socket -> WSA code; bounded by the open descriptors
+    std::atomic<size_t> count_{0};
 };
 
 FailedConnects& failed_connects() {
