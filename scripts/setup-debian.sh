@@ -8,7 +8,7 @@ PACKAGES=(
   libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang lld libclang-rt-14-dev
-  coturn tinyproxy
+  coturn tinyproxy irtt
   python3 procps iproute2
 )
 
@@ -25,7 +25,7 @@ export DEBIAN_FRONTEND=noninteractive
 $SUDO apt-get update -qq
 $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 # The packaged daemons are not wanted as services: tests start their own.
-for svc in coturn tinyproxy; do
+for svc in coturn tinyproxy irtt; do
   $SUDO systemctl disable --now "$svc" >/dev/null 2>&1 || true
   $SUDO service "$svc" stop >/dev/null 2>&1 || true
 done
