@@ -5,7 +5,7 @@ set -euo pipefail
 
 PACKAGES=(
   cmake make g++ pkg-config ccache
-  libssl-dev
+  libssl-dev libc-ares-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang lld libclang-rt-14-dev
   coturn tinyproxy irtt
