@@ -260,6 +260,19 @@ void DetectBase::set_pkt_auth_result(uint8_t* pkt, size_t size, uint32_t result)
 uint32_t DetectBase::get_auth_result(const uint8_t* pkt, size_t size) const {
     return q::get_auth_result(pkt, size, m_is_stun != 0);
 }
+void DetectBase::build_pkt_image(uint8_t* pkt, size_t size, uint32_t session, uint8_t level) {
+    uint16_t nonce = 0;
+    ZEPH_CPYPT_RealRandom(&nonce, sizeof nonce);
+    if (!q::build_image(pkt, size, nonce, session, level)) NT_LOGE("secure function return error err=%d", kCopyRefused);
+}
+
+void DetectBase::build_stun_pkt_image(uint8_t* pkt, size_t size, uint32_t session) {
+    uint16_t nonce = 0;
+    ZEPH_CPYPT_RealRandom(&nonce, sizeof nonce);
+    if (!q::build_stun_image(pkt, size, nonce, session)) NT_LOGE("secure function return error");
+    m_is_stun = 1;
+}
+
 int32_t DetectBase::base_pkt_is_valid(const uint8_t* pkt, size_t size, uint32_t seq_limit) const {
     return q::base_pkt_is_valid(pkt, size, m_is_stun != 0, seq_limit);
 }

@@ -148,6 +148,12 @@ public:
     void set_pkt_auth_result(uint8_t* pkt, size_t size, uint32_t result);
     // quality::kAuthNotAResponse (counts as refused) unless the type is the auth response.
     uint32_t get_auth_result(const uint8_t* pkt, size_t size) const;
+    // The image a client sends from, in the private layout, with a fresh
+    // random nonce (quality::build_image).
+    void build_pkt_image(uint8_t* pkt, size_t size, uint32_t session, uint8_t level);
+    // Its STUN form (quality::build_stun_image); switches this object to the
+    // STUN layout.
+    void build_stun_pkt_image(uint8_t* pkt, size_t size, uint32_t session);
     // Version, cookie, seq not negative and below `seq_limit`
     // (quality::kSeqNoLimit: none); 1 if all hold, else 0.
     int32_t base_pkt_is_valid(const uint8_t* pkt, size_t size, uint32_t seq_limit) const;

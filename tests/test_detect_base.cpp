@@ -1,0 +1,426 @@
+// The quality packet's codec and the detection base: wire bytes of both
+// image forms, the reading quirks of the head, the first validity check,
+// token fields, the state rules, the clock and the making of sockets.
+// Runs on the test thread only.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "bwdetect/detect_base.h"
+#include "bwdetect/quality_wire.h"
+#include "os_adapter/morl_os.h"
+#include "support/log_capture.h"
+
+namespace q = zeph::quality;
+
+namespace {
+
+std::string hex(const uint8_t* p, size_t n) {
+    static const char* digits = "0123456789ABCDEF";
+    std::string out;
+    for (size_t i = 0; i < n; ++i) {
+        if (i) out += ' ';
+        out += digits[p[i] >> 4];
+        out += digits[p[i] & 0xF];
+    }
+    return out;
+}
+
+bool all_bytes(const uint8_t* p, size_t from, size_t to, uint8_t v) {
+    for (size_t i = from; i < to; ++i)
+        if (p[i] != v) return false;
+    return true;
+}
+
+// A data response as a server sends it, in the private layout.
+std::vector<uint8_t> response(uint32_t seq, uint16_t type = q::kTypeDataResp) {
+    std::vector<uint8_t> pkt(q::kImageSize);
+    q::build_image(pkt.data(), pkt.size(), 0, 1, 1);
+    q::set_type(pkt.data(), pkt.size(), false, type);
+    q::set_seq(pkt.data(), pkt.size(), seq);
+    return pkt;
+}
+
+class Probe : public DetectBase {
+public:
+    using DetectBase::set_clock;
+};
+
+// A derived class whose binding always fails, keeping the socket it saw.
+class RefusingBind : public DetectBase {
+public:
+    int32_t bind_port(MORL_SOCKET sock) override {
+        seen = sock;
+        return kRefusal;
+    }
+    static constexpr int32_t kRefusal = 77;
+    MORL_SOCKET seen = MORL_INVALID_SOCKET;
+};
+
+bool socket_is_open(MORL_SOCKET s) {
+    int type = 0;
+    int len = sizeof type;
+    return MORL_GetSockOpt(s, MORL_SOL_SOCKET, MORL_SO_TYPE, &type, &len) == 0;
+}
+
+} // namespace
+
+// ---- wire bytes -----------------------------------------------------------------------
+
+TEST(QualityImage, PrivateImageCarriesItsHeadAndFillsTheRest) {
+    uint8_t img[q::kImageSize];
+    std::memset(img, 0x55, sizeof img);
+    ASSERT_TRUE(q::build_image(img, sizeof img, 0xABCD, 0x11223344, 3));
+    EXPECT_EQ(hex(img, q::kHeadSize), "FF 01 AB CD 80 70 EC EC 10 EC 00 02 21 12 A4 42 "
+                                      "00 00 00 00 11 22 33 44 EC EC EC EC 03 00 05 78");
+    // Region and payload keep the fill; the last byte is 0.
+    EXPECT_TRUE(all_bytes(img, q::kHeadSize, q::kImageSize - 1, q::kImageFillByte));
+    EXPECT_EQ(img[q::kImageSize - 1], 0);
+    EXPECT_TRUE(q::test_flags(img, sizeof img, 0x80)); // the flags read the fill
+    // An image too small for head and region is refused untouched.
+    uint8_t small[q::kHeadRegionSize - 1];
+    std::memset(small, 0x55, sizeof small);
+    EXPECT_FALSE(q::build_image(small, sizeof small, 0, 0, 0));
+    EXPECT_TRUE(all_bytes(small, 0, sizeof small, 0x55));
+}
+
+TEST(QualityImage, StunImageReadsAsBindingRequest) {
+    Probe base;
+    uint8_t img[q::kImageSize];
+    base.build_stun_pkt_image(img, sizeof img, 0);
+    EXPECT_EQ(base.get_is_stun(), 1u);
+    EXPECT_EQ(hex(img, q::kHeadSize), "00 01 00 64 21 12 A4 42 10 EC 00 02 31 32 33 34 "
+                                      "00 00 00 00 00 00 00 00 EC EC EC EC 00 00 05 78");
+    EXPECT_EQ(base.get_pkt_type(img, sizeof img), q::kStunImageType);
+    EXPECT_EQ(base.get_pkt_len(img, sizeof img), q::kStunImageLen);
+    // The version byte shares the session's word and still reads 16.
+    EXPECT_EQ(base.base_pkt_is_valid(img, sizeof img, q::kSeqNoLimit), 1);
+}
+
+// ---- head reading --------------------------------------------------------------------------
+
+TEST(QualityHead, ReadingQuirksOfLevelPairsTimeAndAuthResult) {
+    std::vector<uint8_t> pkt = response(5);
+    uint8_t* p = pkt.data();
+    const size_t n = pkt.size();
+
+    // Levels 7 and up read 1; in the STUN layout a level reads 0.
+    for (uint8_t stored : {uint8_t(6), uint8_t(7), uint8_t(200)}) {
+        q::set_level(p, n, stored);
+        EXPECT_EQ(q::get_level(p, n, false), stored == 6 ? 6 : 1) << int(stored);
+        EXPECT_EQ(q::get_level(p, n, true), 0);
+    }
+    // More than eight pairs read as none.
+    q::set_pair_count(p, n, 8);
+    EXPECT_EQ(q::get_pair_count(p, n), 8);
+    q::set_pair_count(p, n, 9);
+    EXPECT_EQ(q::get_pair_count(p, n), 0);
+    // The time is written in both layouts and read only in the private one.
+    q::set_time(p, n, 0xCAFE);
+    EXPECT_EQ(q::get_time(p, n, false), 0xCAFEu);
+    EXPECT_EQ(q::get_time(p, n, true), 0u);
+    // Pairs and status sit side by side without overlap.
+    for (uint32_t i = 0; i < q::kMaxPairs; ++i) {
+        q::set_pair_seq(p, n, i, 100 + i);
+        q::set_pair_time(p, n, i, 200 + i);
+    }
+    q::set_status(p, n, q::kStatusRefused);
+    EXPECT_EQ(q::get_pair_seq(p, n, 7), 107u);
+    EXPECT_EQ(q::get_pair_time(p, n, 7), 207u);
+    EXPECT_EQ(q::get_pair_seq(p, n, 0), 100u);
+    EXPECT_EQ(q::get_status(p, n), q::kStatusRefused);
+    EXPECT_FALSE(q::set_pair_seq(p, n, q::kMaxPairs, 1));
+    EXPECT_EQ(q::get_pair_time(p, n, q::kMaxPairs), 0u);
+    // An auth result is read only from an auth response.
+    q::set_auth_result(p, n, 0);
+    EXPECT_EQ(q::get_auth_result(p, n, false), q::kAuthNotAResponse);
+    q::set_type(p, n, false, q::kTypeAuthResp);
+    EXPECT_EQ(q::get_auth_result(p, n, false), 0u);
+    q::set_auth_result(p, n, 1);
+    EXPECT_EQ(q::get_auth_result(p, n, false), 1u);
+}
+
+TEST(QualityHead, StunLayoutMovesTypeLenCookieAndEchoesTheSession) {
+    Probe base;
+    base.set_is_stun(1);
+    uint8_t pkt[q::kImageSize] = {};
+    base.set_pkt_session(pkt, sizeof pkt, 0xFFFFFFFF);
+    EXPECT_EQ(hex(pkt + q::kStunOffSession, 8), "FF FF FF FF 00 00 00 EB");
+    EXPECT_EQ(base.get_pkt_session(pkt, sizeof pkt), 0xFFFFFFFFu);
+    base.set_pkt_type(pkt, sizeof pkt, q::kTypeAuthResp);
+    base.set_pkt_len(pkt, sizeof pkt, 0x1234);
+    base.set_pkt_cookie(pkt, sizeof pkt);
+    EXPECT_EQ(hex(pkt, 8), "01 02 12 34 21 12 A4 42");
+    base.set_pkt_auth_result(pkt, sizeof pkt, 0);
+    EXPECT_EQ(base.get_auth_result(pkt, sizeof pkt), 0u);
+    base.set_is_stun(0);
+    EXPECT_EQ(base.get_auth_result(pkt, sizeof pkt), q::kAuthNotAResponse);
+}
+
+TEST(QualityHead, FieldsBeyondThePacketAreNeitherWrittenNorRead) {
+    uint8_t pkt[q::kHeadSize + 8];
+    std::memset(pkt, 0x77, sizeof pkt);
+    // Only the first pair fits in 40 bytes.
+    EXPECT_TRUE(q::set_pair_seq(pkt, sizeof pkt, 0, 9));
+    EXPECT_FALSE(q::set_pair_seq(pkt, sizeof pkt, 1, 9));
+    EXPECT_FALSE(q::set_status(pkt, sizeof pkt, 1));
+    EXPECT_FALSE(q::write_auth_token(pkt, sizeof pkt, "t", 1));
+    EXPECT_TRUE(all_bytes(pkt, q::kHeadSize + 8, sizeof pkt, 0x77));
+    EXPECT_EQ(q::get_status(pkt, sizeof pkt), 0u);
+    // A STUN session is written whole or not at all.
+    EXPECT_FALSE(q::set_session(pkt, q::kStunOffSessionEcho + 3, true, 1));
+    EXPECT_EQ(hex(pkt + q::kStunOffSession, 4), "77 77 77 77");
+    EXPECT_EQ(q::get_seq(nullptr, 0), 0u);
+}
+
+// ---- the first check ------------------------------------------------------------------------
+
+TEST(QualityValidity, ChecksVersionCookieSignAndLimitInThatOrder) {
+    std::vector<uint8_t> pkt = response(0x80000000);
+    uint8_t* p = pkt.data();
+    const size_t n = pkt.size();
+    q::set_ver(p, n, 17);
+    q::set_cookie(p, n, false, 0);
+    EXPECT_EQ(q::check_base(p, n, false, 10), q::Validity::BadVersion);
+    q::set_ver(p, n, q::kPktVer);
+    EXPECT_EQ(q::check_base(p, n, false, 10), q::Validity::BadCookie);
+    q::set_cookie(p, n, false, q::kPktCookie);
+    // Negative however high the limit.
+    EXPECT_EQ(q::check_base(p, n, false, q::kSeqNoLimit), q::Validity::NegativeSeq);
+    // The limit is the stream's packet count: its last number passes.
+    const uint32_t count = q::stream_packets(0, 3);
+    EXPECT_EQ(count, 75u);
+    q::set_seq(p, n, count);
+    EXPECT_EQ(q::check_base(p, n, false, count), q::Validity::SeqBeyond);
+    q::set_seq(p, n, count - 1);
+    EXPECT_EQ(q::check_base(p, n, false, count), q::Validity::Valid);
+    // The cookie is looked for where the layout keeps it.
+    EXPECT_EQ(q::check_base(p, n, true, count), q::Validity::BadCookie);
+    // A datagram without its whole head fails, whatever its first bytes say.
+    EXPECT_EQ(q::check_base(p, q::kHeadSize - 1, false, count), q::Validity::Short);
+    EXPECT_EQ(q::base_pkt_is_valid(p, q::kHeadSize, false, count), 1);
+}
+
+// ---- token fields and sites -----------------------------------------------------------------
+
+TEST(DetectBaseAuth, TokenAndParameterArePaddedWithFF) {
+    Probe base;
+    uint8_t pkt[q::kImageSize];
+    std::memset(pkt, q::kImageFillByte, sizeof pkt);
+    base.set_pkt_auth_token(pkt, sizeof pkt, "0123456789");
+    EXPECT_EQ(std::memcmp(pkt + q::kOffAuthToken, "0123456789", 10), 0);
+    EXPECT_TRUE(all_bytes(pkt, q::kOffAuthToken + 10, q::kOffAuthPara, q::kAuthPadByte));
+    EXPECT_EQ(pkt[q::kOffAuthPara], q::kImageFillByte);
+
+    // Full-size values leave no terminator and touch nothing behind their field.
+    const std::string token(q::kAuthTokenSize, 't');
+    const std::string para(q::kAuthParaSize, 'p');
+    base.set_pkt_auth_token(pkt, sizeof pkt, token.c_str());
+    base.set_pkt_auth_para(pkt, sizeof pkt, para.c_str());
+    EXPECT_TRUE(all_bytes(pkt, q::kOffAuthToken, q::kOffAuthPara, 't'));
+    EXPECT_TRUE(all_bytes(pkt, q::kOffAuthPara, q::kHeadRegionSize, 'p'));
+    EXPECT_EQ(pkt[q::kHeadRegionSize], q::kImageFillByte);
+
+    // Too long for the field: logged, nothing written.
+    zeph_test::LogCapture logs;
+    base.set_pkt_auth_para(pkt, sizeof pkt, (para + "x").c_str());
+    EXPECT_TRUE(logs.contains("secure function return error"));
+    EXPECT_TRUE(all_bytes(pkt, q::kOffAuthPara, q::kHeadRegionSize, 'p'));
+}
+
+TEST(DetectBaseAuth, CheckTokenBoundsSitesTokensAndParameters) {
+    DetectSiteInfo good;
+    good.auth_token = std::string(q::kAuthTokenSize, 't');
+    good.auth_para = std::string(q::kAuthParaSize, 'p');
+    EXPECT_EQ(DetectBase::check_token({}), 0);
+    EXPECT_EQ(DetectBase::check_token(std::vector<DetectSiteInfo>(DETECT_MAX_SITES, good)), 0);
+
+    zeph_test::LogCapture logs;
+    // Eleven sites are refused before any token is looked at.
+    DetectSiteInfo bad = good;
+    bad.auth_token.clear();
+    EXPECT_EQ(DetectBase::check_token(std::vector<DetectSiteInfo>(DETECT_MAX_SITES + 1, bad)),
+              DETECT_ERR_TOO_MANY_SITES);
+    EXPECT_TRUE(logs.contains("size of the sites(11) is larger than 10!"));
+    EXPECT_FALSE(logs.contains("auth_token"));
+
+    struct Case {
+        size_t token, para;
+        const char* line;
+    };
+    for (const Case& c : {Case{0, 1, "size of auth_token(0) is invalid!"},
+                          Case{65, 1, "size of auth_token(65) is invalid!"},
+                          Case{1, 0, "size of auth_para(0) is invalid!"},
+                          Case{1, 129, "size of auth_para(129) is invalid!"},
+                          // A site's token is judged before its parameter.
+                          Case{65, 129, "size of auth_token(65) is invalid!"}}) {
+        logs.clear();
+        DetectSiteInfo site;
+        site.auth_token.assign(c.token, 't');
+        site.auth_para.assign(c.para, 'p');
+        EXPECT_EQ(DetectBase::check_token({good, site, good}), DETECT_ERR_BAD_TOKEN) << c.line;
+        EXPECT_TRUE(logs.contains(c.line)) << logs.dump();
+    }
+}
+
+// ---- state ---------------------------------------------------------------------------------------
+
+TEST(DetectBaseState, SwitchesFollowTheLifeCycle) {
+    // allowed[from][to] for targets -1..7 (index to + 1).
+    const int allowed[7][9] = {
+        //  -1 0  1  2  3  4  5  6  7
+        {0, 1, 1, 1, 1, 0, 0, 1, 0}, // from 0
+        {0, 1, 0, 1, 1, 0, 0, 1, 0}, // from 1
+        {0, 1, 0, 0, 1, 1, 0, 1, 0}, // from 2
+        {0, 1, 0, 0, 1, 0, 0, 1, 0}, // from 3
+        {0, 1, 0, 0, 1, 0, 1, 1, 0}, // from 4
+        {0, 1, 0, 0, 1, 0, 0, 1, 0}, // from 5
+        {0, 1, 0, 0, 1, 0, 0, 1, 0}, // from 6
+    };
+    // The shortest allowed road to each state.
+    const std::vector<std::vector<int>> road = {{0}, {0, 1}, {0, 2}, {3}, {0, 2, 4}, {0, 2, 4, 5}, {6}};
+    zeph_test::LogCapture logs;
+    for (int from = 0; from < 7; ++from) {
+        for (int to = -1; to <= 7; ++to) {
+            Probe base;
+            for (int s : road[from]) ASSERT_EQ(base.set_state(s), 0);
+            ASSERT_EQ(base.get_state(), from);
+            logs.clear();
+            const int ok = allowed[from][to + 1];
+            EXPECT_EQ(base.set_state(to), ok ? 0 : 1) << from << "->" << to;
+            EXPECT_EQ(base.get_state(), ok ? to : from) << from << "->" << to;
+            // Every attempt is logged, refused or not.
+            EXPECT_TRUE(logs.contains("state switching(" + std::to_string(from) + "->" + std::to_string(to) + ")"));
+        }
+    }
+}
+
+// ---- clock ---------------------------------------------------------------------------------------
+
+TEST(DetectBaseClock, TimeRangesWrapAndDifferencesCrossTheWrap) {
+    zeph_test::LogCapture logs;
+    EXPECT_EQ(DetectBase::time_is_out_range(0xFFFFFFF0, 0x10, 0x5), 0);
+    EXPECT_EQ(DetectBase::time_is_out_range(0xFFFFFFF0, 0x10, 0xFFFFFFF0), 0);
+    EXPECT_EQ(DetectBase::time_is_out_range(0xFFFFFFF0, 0x10, 0x10), 0);
+    EXPECT_FALSE(logs.contains("current"));
+    EXPECT_EQ(DetectBase::time_is_out_range(0xFFFFFFF0, 0x10, 0x11), 1);
+    EXPECT_EQ(DetectBase::time_is_out_range(0xFFFFFFF0, 0x10, 0xFFFFFFEF), 1);
+    EXPECT_EQ(DetectBase::time_is_out_range(10, 20, 10), 0);
+    EXPECT_EQ(DetectBase::time_is_out_range(10, 20, 20), 0);
+    EXPECT_EQ(DetectBase::time_is_out_range(10, 20, 21), 1);
+    EXPECT_EQ(DetectBase::time_is_out_range(10, 20, 9), 1);
+    // An empty range holds nothing, not even its own point.
+    EXPECT_EQ(DetectBase::time_is_out_range(5, 5, 5), 1);
+    EXPECT_TRUE(logs.contains("start=0X5, end=0X5, current=0X5}"));
+
+    EXPECT_EQ(DetectBase::get_time_diff(0xFFFFFFFE, 3), 5u);
+    EXPECT_EQ(static_cast<int32_t>(DetectBase::get_time_diff(3, 0xFFFFFFFE)), -5);
+}
+
+TEST(DetectBaseClock, MonthsOfCounterDoNotOverflowAndNoFrequencyIsTold) {
+    Probe base;
+    int64_t now = 0;
+    int64_t freq = 0;
+    MORL_QueryPerformanceCounter(&now);
+    MORL_QueryPerformanceFrequency(&freq);
+    ASSERT_GT(freq, 0);
+    // 200 days of a nanosecond counter: times 1000 is beyond 64 bits.
+    const int64_t days_ms = 200LL * 86400 * 1000;
+    base.set_clock(now - days_ms / 1000 * freq, freq);
+    const int64_t ms = base.get_runtime_current();
+    EXPECT_GE(ms, days_ms);
+    EXPECT_LT(ms, days_ms + 60000);
+
+    zeph_test::LogCapture logs;
+    base.set_clock(now, 0);
+    EXPECT_EQ(base.get_runtime_current(), 0xFFFFFFFFLL);
+    EXPECT_TRUE(logs.contains("get_runtime_current: m_freq_time is null"));
+}
+
+// ---- sleeping ------------------------------------------------------------------------------------
+
+TEST(DetectBaseSleep, FineTimerSleepsOneLessUpToForty) {
+    const std::pair<uint32_t, uint32_t> asked_slept[] = {{0, 0}, {1, 1}, {2, 1}, {5, 4}, {40, 39}, {41, 40}, {1000, 40}};
+    for (const auto& [asked, slept] : asked_slept) EXPECT_EQ(DetectBase::fine_timer_sleep_ms(asked), slept) << asked;
+    // A request of 5 really sleeps at least 4 ms.
+    const auto begin = std::chrono::steady_clock::now();
+    DetectBase::sleep_with_fine_timer(5);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4));
+}
+
+TEST(DetectBaseSleep, PrecisionTableMeasuresNominalSeconds) {
+    Probe base;
+    EXPECT_EQ(base.get_sleep_precision(0), 0u);
+    EXPECT_EQ(base.get_sleep_precision(3), 3u);
+    base.precision_sleep_time(); // about five seconds of sleeping
+    for (uint32_t t = 1; t <= 5; ++t) {
+        // One nominal second of sleeps rounds to one second here (two on a
+        // very loaded machine).
+        EXPECT_GE(base.get_sleep_precision(t), 1u) << t;
+        EXPECT_LE(base.get_sleep_precision(t), 2u) << t;
+    }
+    EXPECT_EQ(base.get_sleep_precision(0), 1u);
+    EXPECT_EQ(base.get_sleep_precision(9), base.get_sleep_precision(5));
+}
+
+// ---- sockets -------------------------------------------------------------------------------------
+
+TEST(DetectBaseSocket, FailedBindGivesNoSocketAndClosesItOnce) {
+    zeph_test::LogCapture logs;
+    RefusingBind base;
+    DetectSockPtr sock = base.create_socket();
+    EXPECT_FALSE(sock);
+    ASSERT_NE(base.seen, MORL_INVALID_SOCKET);
+    EXPECT_FALSE(socket_is_open(base.seen));
+    EXPECT_TRUE(logs.contains("[detect_base] bind failed port is 77 and before 64"));
+    int closes = 0;
+    for (const auto& line : logs.lines())
+        if (line.function == "DetectBase::close_socket") ++closes;
+    EXPECT_EQ(closes, 1) << logs.dump();
+}
+
+TEST(DetectBaseSocket, InitSocketConnectsANonBlockingSocketToTheServer) {
+    // A server socket of the test's own on loopback.
+    const MORL_SOCKET server = MORL_Socket(MORL_AF_INET, MORL_SOCK_DGRAM, MORL_IPPROTO_UDP);
+    ASSERT_NE(server, MORL_INVALID_SOCKET);
+    uint32_t non_blocking = 1;
+    ASSERT_EQ(MORL_IoctlSocket(server, MORL_FIONBIO, &non_blocking), 0);
+    MORL_SockAddrIn addr = {};
+    addr.sin_family = MORL_AF_INET;
+    addr.sin_addr = MORL_InetAddr("127.0.0.1");
+    ASSERT_EQ(MORL_Bind(server, &addr, sizeof addr), 0);
+    int len = sizeof addr;
+    ASSERT_EQ(MORL_GetSockName(server, &addr, &len), 0);
+
+    Probe base;
+    DetectSockPtr sock = base.init_socket("127.0.0.1", MORL_Htons(addr.sin_port), 64100);
+    ASSERT_TRUE(sock);
+    // Nothing to read yet: the socket does not block.
+    uint8_t buf[q::kRecvBufSize];
+    EXPECT_EQ(MORL_Recv(*sock, buf, sizeof buf, 0), -1);
+    EXPECT_EQ(MORL_GetLastSocketErr(), MORL_WSAEWOULDBLOCK);
+    // Connected: a plain send reaches the server.
+    base.build_pkt_image(base.m_pkt_buf, sizeof base.m_pkt_buf, 7, 2);
+    ASSERT_EQ(MORL_Send(*sock, base.m_pkt_buf, q::level_row(2).pkt_len, 0), int(q::level_row(2).pkt_len));
+    int got = -1;
+    for (int i = 0; i < 1000 && got < 0; ++i) {
+        got = MORL_Recv(server, buf, sizeof buf, 0);
+        if (got < 0) MORL_SleepMs(2);
+    }
+    ASSERT_EQ(got, int(q::level_row(2).pkt_len));
+    EXPECT_EQ(base.get_pkt_session(buf, size_t(got)), 7u);
+    EXPECT_EQ(base.get_pkt_level(buf, size_t(got)), 2);
+    // Buffers were asked large; the kernel keeps what its limit allows.
+    int rcvbuf = 0;
+    len = sizeof rcvbuf;
+    ASSERT_EQ(MORL_GetSockOpt(*sock, MORL_SOL_SOCKET, MORL_SO_RCVBUF, &rcvbuf, &len), 0);
+    EXPECT_GT(rcvbuf, 0);
+
+    const MORL_SOCKET fd = *sock;
+    sock.reset();
+    EXPECT_FALSE(socket_is_open(fd));
+    MORL_CloseSocket(server);
+}
