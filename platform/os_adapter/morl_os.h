@@ -253,3 +253,39 @@ int MORL_QOSCreateHandle(const MORL_QosVersion* version, uint64_t* handle);
 int MORL_QOSAddSocketToFlow(uint64_t handle, MORL_SOCKET fd, const MORL_SockAddrIn* dest, uint32_t level,
                             uint32_t flags, uint32_t* flowId);
 int MORL_QOSCloseHandle(uint64_t handle);
+
+// ---- batched datagrams with arrival times ------------------------------------------
+// A UDP server that answers many clients reads and writes many datagrams per
+// system call, and takes each datagram's time from the kernel's stamp of its
+// arrival rather than from the moment the reader got round to it.
+
+// One datagram of a batched read. The caller fills buf and cap; the read
+// fills len, from and arrival: the moment the kernel received the datagram,
+// on the scale of MORL_QueryPerformanceCounter, or 0 when the kernel gave no
+// stamp (MORL_EnableRecvTimestamps not called or refused). A datagram longer
+// than cap is cut to cap.
+struct MORL_DatagramIn {
+    void* buf;
+    int cap;
+    int len;
+    MORL_SockAddrIn from;
+    int64_t arrival;
+};
+// One datagram of a batched write: len bytes at buf to `to`.
+struct MORL_DatagramOut {
+    const void* buf;
+    int len;
+    MORL_SockAddrIn to;
+};
+// Asks the kernel to stamp every datagram that arrives on s from now on.
+// 0, or -1 with the error in MORL_GetLastSocketErr().
+int MORL_EnableRecvTimestamps(MORL_SOCKET s);
+// recvmmsg: reads up to count waiting datagrams without blocking. The number
+// read (1..count); -1 with 10035 (would block) when none waits, or with the
+// error of the read.
+int MORL_RecvBatch(MORL_SOCKET s, MORL_DatagramIn* slots, uint32_t count);
+// sendmmsg: writes the datagrams in order without blocking. The number
+// written (0..count): a datagram the kernel refused and the ones behind it
+// stay unsent, with that refusal's error in MORL_GetLastSocketErr(). -1 with
+// the error when the first one could not go.
+int MORL_SendBatch(MORL_SOCKET s, const MORL_DatagramOut* slots, uint32_t count);

@@ -1,0 +1,328 @@
+// The quality server against a raw client of the test's own over loopback:
+// what each answer carries (pairs of the client's own last eight data
+// packets, fields echoed, the same length), what gets no answer, the start
+// codes, restarts, many clients at once, and the zeph-quality-server program.
+// Each test binds its own 127.0.64.x so that tests run in parallel.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "bwdetect/detect_server.h"
+#include "log_capture.h"
+#include "peers.h"
+#include "process.h"
+#include "waits.h"
+#include "zeph_nettools/settings.h"
+
+using zeph_test::UdpSocket;
+
+namespace {
+
+constexpr uint16_t kPort = 64000;
+constexpr int kAnswerWaitMs = 2000;
+constexpr int kSilenceWaitMs = 150;
+constexpr size_t kLevel1Len = 327; // the length of a level-1 packet
+
+// Wire offsets, written out here independently of the library's codec.
+constexpr size_t kType = 10, kSeq = 16, kSession = 20, kTime = 24, kLevel = 28, kPairCount = 29, kLen = 30;
+constexpr size_t kPairs = 32, kStatus = 96, kAuthResult = 32, kEchoedFrom = 100;
+
+void put16(std::vector<uint8_t>& p, size_t at, uint16_t v) {
+    p[at] = uint8_t(v >> 8);
+    p[at + 1] = uint8_t(v);
+}
+void put32(std::vector<uint8_t>& p, size_t at, uint32_t v) {
+    for (int i = 0; i < 4; ++i) p[at + i] = uint8_t(v >> (24 - 8 * i));
+}
+uint16_t get16(const std::vector<uint8_t>& p, size_t at) { return uint16_t(p[at] << 8 | p[at + 1]); }
+uint32_t get32(const std::vector<uint8_t>& p, size_t at) {
+    return uint32_t(p[at]) << 24 | uint32_t(p[at + 1]) << 16 | uint32_t(p[at + 2]) << 8 | p[at + 3];
+}
+
+// A client's packet: the head, then a payload whose every byte is known.
+std::vector<uint8_t> Packet(uint16_t type, uint32_t seq, uint32_t session, size_t len = kLevel1Len) {
+    std::vector<uint8_t> p(len, 0xEC);
+    p[0] = 0xFF;
+    p[1] = 0x01;
+    p[8] = 16;
+    put16(p, kType, type);
+    put32(p, 12, 0x2112A442);
+    put32(p, kSeq, seq);
+    put32(p, kSession, session);
+    put32(p, kTime, 0x11223344);
+    p[kLevel] = 1;
+    p[kPairCount] = 0;
+    put16(p, kLen, uint16_t(len - 224));
+    for (size_t i = kEchoedFrom; i < len; ++i) p[i] = uint8_t(i * 7 + seq);
+    return p;
+}
+
+struct Pair {
+    uint32_t seq, time;
+};
+std::vector<Pair> PairsOf(const std::vector<uint8_t>& r) {
+    std::vector<Pair> out;
+    for (uint32_t i = 0; i < r[kPairCount] && i < 8; ++i) out.push_back({get32(r, kPairs + 8 * i), get32(r, kPairs + 8 * i + 4)});
+    return out;
+}
+
+class QualityServerTest : public ::testing::Test {
+protected:
+    // Each test names its own address.
+    void Serve(const std::string& addr) {
+        addr_ = addr;
+        ASSERT_EQ(zeph_settings_set_local_addr(addr.c_str()), 0);
+        server_ = DetectServer::get_instance();
+        ASSERT_NE(server_, nullptr);
+        ASSERT_EQ(server_->start_server(kPort), DetectServer::kStarted);
+    }
+    void TearDown() override {
+        DetectServer::destroy_instance();
+        DetectServer::set_literal_loop(false);
+    }
+
+    // Sends p and waits for one answer; empty when none came.
+    std::vector<uint8_t> Exchange(UdpSocket& s, const std::vector<uint8_t>& p, int wait_ms = kAnswerWaitMs) {
+        EXPECT_TRUE(s.send_to(p.data(), p.size(), addr_, kPort));
+        std::vector<uint8_t> r(4096);
+        const int n = s.recv(r.data(), r.size(), wait_ms);
+        r.resize(n > 0 ? size_t(n) : 0);
+        return r;
+    }
+
+    std::string addr_;
+    DetectServer* server_ = nullptr;
+};
+
+// A run of data packets from one client, through the batched loop and the
+// one-packet-per-wake loop alike.
+TEST_F(QualityServerTest, DataAnswersCarryTheLastEightPacketsInRingOrder) {
+    for (bool literal : {false, true}) {
+        SCOPED_TRACE(literal ? "literal loop" : "batched loop");
+        DetectServer::set_literal_loop(literal);
+        Serve(literal ? "127.0.64.2" : "127.0.64.1");
+        UdpSocket client;
+        const uint32_t session = 0xC0FFEE00u + literal;
+        uint32_t last_time = 0;
+        for (uint32_t seq = 0; seq <= 20; ++seq) {
+            const std::vector<uint8_t> sent = Packet(1, seq, session);
+            const std::vector<uint8_t> r = Exchange(client, sent);
+            ASSERT_EQ(r.size(), sent.size()) << "seq " << seq;
+            EXPECT_EQ(get16(r, kType), 0x0101);
+            EXPECT_EQ(get32(r, kStatus), 0u);
+            EXPECT_EQ(r[kPairCount], std::min<uint32_t>(seq, 8));
+            // Echoed as sent: seq, session, level, len, and everything behind the status.
+            EXPECT_EQ(get32(r, kSeq), seq);
+            EXPECT_EQ(get32(r, kSession), session);
+            EXPECT_EQ(r[kLevel], 1);
+            EXPECT_EQ(get16(r, kLen), kLevel1Len - 224);
+            EXPECT_TRUE(std::equal(r.begin() + kEchoedFrom, r.end(), sent.begin() + kEchoedFrom));
+            // The server's clock: stamped, never backwards, and each pair's
+            // time no later than the packet at hand.
+            const uint32_t t = get32(r, kTime);
+            EXPECT_NE(t, 0x11223344u);
+            EXPECT_GE(t, last_time);
+            last_time = t;
+            for (const Pair& p : PairsOf(r)) EXPECT_LE(p.time, t);
+            if (seq == 20) {
+                // After 20 packets the ring holds 12..19 in slot order:
+                // 16..19 took slots 0..3, 12..15 slots 4..7.
+                const std::vector<Pair> pairs = PairsOf(r);
+                const uint32_t want[8] = {16, 17, 18, 19, 12, 13, 14, 15};
+                for (int i = 0; i < 8; ++i) EXPECT_EQ(pairs[i].seq, want[i]) << "pair " << i;
+            }
+        }
+        server_->stop_server();
+    }
+}
+
+TEST_F(QualityServerTest, AuthAndEndAreAnsweredAndLeaveTheRingAlone) {
+    Serve("127.0.64.3");
+    UdpSocket client;
+    std::vector<uint8_t> auth = Packet(2, 0, 77, 1310);
+    std::memcpy(auth.data() + 32, "any token at all", 16);
+    const std::vector<uint8_t> a = Exchange(client, auth);
+    ASSERT_EQ(a.size(), auth.size());
+    EXPECT_EQ(get16(a, kType), 0x0102);
+    EXPECT_EQ(get32(a, kAuthResult), 0u);
+    // Only type, result and time differ from the request.
+    std::vector<uint8_t> same = a;
+    for (size_t at : {kType, kType + 1}) same[at] = auth[at];
+    for (size_t i = 0; i < 4; ++i) same[kTime + i] = auth[kTime + i], same[kAuthResult + i] = auth[kAuthResult + i];
+    EXPECT_EQ(same, auth);
+
+    const std::vector<uint8_t> end = Packet(3, 5, 77);
+    const std::vector<uint8_t> e = Exchange(client, end);
+    ASSERT_EQ(e.size(), end.size());
+    EXPECT_EQ(get16(e, kType), 0x0103);
+    EXPECT_NE(get32(e, kTime), 0x11223344u);
+    EXPECT_TRUE(std::equal(e.begin() + 32, e.end(), end.begin() + 32));
+
+    const std::vector<uint8_t> d = Exchange(client, Packet(1, 0, 77));
+    ASSERT_FALSE(d.empty());
+    EXPECT_EQ(d[kPairCount], 0) << "auth and end packets are no data packets";
+}
+
+TEST_F(QualityServerTest, InvalidPacketsGetNoAnswer) {
+    zeph_test::LogCapture log;
+    Serve("127.0.64.4");
+    UdpSocket client;
+    std::vector<std::vector<uint8_t>> bad;
+    for (uint16_t type : {0, 4, 0x0101, 0x0103}) bad.push_back(Packet(type, 1, 9));
+    bad.push_back(Packet(1, 1, 9));
+    bad.back()[8] = 15; // version
+    bad.push_back(Packet(1, 1, 9));
+    bad.back()[15] ^= 1; // cookie
+    bad.push_back(Packet(1, 0x80000000u, 9)); // negative seq
+    bad.push_back(Packet(1, 1, 9, 31));       // head cut short
+    bad.push_back({});                        // empty datagram
+    for (const auto& p : bad) {
+        const std::vector<uint8_t> r = Exchange(client, p, kSilenceWaitMs);
+        EXPECT_TRUE(r.empty()) << "answered a packet of type " << (p.size() > 11 ? get16(p, kType) : 0);
+    }
+    // Still serving, and none of the refused packets entered the ring.
+    const std::vector<uint8_t> r = Exchange(client, Packet(1, 3, 9));
+    ASSERT_FALSE(r.empty());
+    EXPECT_EQ(get32(r, kSeq), 3u);
+    EXPECT_EQ(r[kPairCount], 0);
+    EXPECT_TRUE(log.contains("server_recv_thread invalid pkt")) << log.dump();
+}
+
+TEST_F(QualityServerTest, StartCodesAndARestartKeepsTheRing) {
+    Serve("127.0.64.5");
+    EXPECT_EQ(server_->start_server(kPort), DetectServer::kErrRunning);
+    UdpSocket client;
+    for (uint32_t seq = 0; seq < 10; ++seq) ASSERT_FALSE(Exchange(client, Packet(1, seq, 5)).empty());
+
+    server_->stop_server();
+    EXPECT_TRUE(Exchange(client, Packet(1, 10, 5), kSilenceWaitMs).empty()) << "answered while stopped";
+    EXPECT_EQ(server_->start_server(0), DetectServer::kErrPortZero);
+
+    // The port taken by someone else: no socket.
+    {
+        UdpSocket squatter("127.0.64.5", kPort);
+        ASSERT_TRUE(squatter.ok());
+        EXPECT_EQ(server_->start_server(kPort), DetectServer::kErrNoSocket);
+    }
+    ASSERT_EQ(server_->start_server(kPort), DetectServer::kStarted);
+    const std::vector<uint8_t> r = Exchange(client, Packet(1, 11, 5));
+    ASSERT_FALSE(r.empty());
+    const std::vector<Pair> pairs = PairsOf(r);
+    ASSERT_EQ(pairs.size(), 8u) << "the ring outlives a restart";
+    const uint32_t want[8] = {8, 9, 2, 3, 4, 5, 6, 7};
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(pairs[i].seq, want[i]) << "pair " << i;
+}
+
+// Pairs only ever carry the client's own packets: two sockets, and two
+// sessions on one socket, interleaved.
+TEST_F(QualityServerTest, EachClientGetsOnlyItsOwnPairs) {
+    Serve("127.0.64.6");
+    UdpSocket a, b;
+    struct Stream {
+        UdpSocket* sock;
+        uint32_t session, first_seq;
+    };
+    const Stream streams[] = {{&a, 1, 0}, {&b, 1, 1000}, {&a, 2, 5000}};
+    for (uint32_t k = 0; k < 12; ++k) {
+        for (const Stream& s : streams) {
+            const std::vector<uint8_t> r = Exchange(*s.sock, Packet(1, s.first_seq + k, s.session));
+            ASSERT_FALSE(r.empty());
+            EXPECT_EQ(r[kPairCount], std::min<uint32_t>(k, 8));
+            for (const Pair& p : PairsOf(r)) {
+                EXPECT_GE(p.seq, s.first_seq);
+                EXPECT_LT(p.seq, s.first_seq + k);
+            }
+        }
+    }
+    EXPECT_EQ(server_->clients().size(), 3u);
+}
+
+// A sender of endless new sessions fills the table to its bound and no
+// further; the clients seen longest ago lose their rings first.
+TEST_F(QualityServerTest, TheClientTableStaysBounded) {
+    Serve("127.0.64.7");
+    UdpSocket client;
+    const uint32_t total = DetectServer::kMaxClients + 100;
+    ASSERT_FALSE(Exchange(client, Packet(1, 0, 0)).empty()); // session 0 has one packet in its ring
+    constexpr uint32_t kInFlight = 64;                        // well inside the socket buffers
+    std::vector<uint8_t> r(2048);
+    for (uint32_t session = 1; session < total; session += kInFlight) {
+        const uint32_t end = std::min(total, session + kInFlight);
+        for (uint32_t s = session; s < end; ++s) {
+            const std::vector<uint8_t> p = Packet(1, 0, s, 64);
+            ASSERT_TRUE(client.send_to(p.data(), p.size(), addr_, kPort));
+        }
+        for (uint32_t s = session; s < end; ++s) ASSERT_GT(client.recv(r.data(), r.size(), kAnswerWaitMs), 0);
+    }
+    EXPECT_EQ(server_->clients().size(), DetectServer::kMaxClients);
+    // The last session still has its packet; session 0 was dropped long ago.
+    std::vector<uint8_t> last = Exchange(client, Packet(1, 1, total - 1));
+    ASSERT_FALSE(last.empty());
+    EXPECT_EQ(last[kPairCount], 1);
+    std::vector<uint8_t> first = Exchange(client, Packet(1, 1, 0));
+    ASSERT_FALSE(first.empty());
+    EXPECT_EQ(first[kPairCount], 0);
+}
+
+// The program: prints where it answers, answers, reports its client, and
+// stops cleanly on SIGTERM.
+TEST(QualityServerProgram, AnswersReportsAndStopsOnSigterm) {
+    zeph_test::Process server;
+    ASSERT_TRUE(server.start({zeph_test::tool_path("zeph-quality-server"), "--addr", "127.0.64.20", "--json",
+                              "--every", "1"}))
+        << server.error();
+    ASSERT_TRUE(zeph_test::wait_until([&] { return server.stdout_text().find("listening") != std::string::npos; },
+                                      kAnswerWaitMs))
+        << server.stderr_text();
+    EXPECT_NE(server.stdout_text().find("\"addr\":\"127.0.64.20\",\"port\":64000"), std::string::npos);
+
+    UdpSocket client;
+    const std::vector<uint8_t> p = Packet(1, 0, 0xABCD);
+    ASSERT_TRUE(client.send_to(p.data(), p.size(), "127.0.64.20", kPort));
+    std::vector<uint8_t> r(2048);
+    ASSERT_EQ(client.recv(r.data(), r.size(), kAnswerWaitMs), int(p.size()));
+
+    const int status = server.stop();
+    ASSERT_TRUE(WIFEXITED(status)) << server.stderr_text();
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    const std::string out = server.stdout_text();
+    EXPECT_NE(out.find("\"event\":\"client\",\"addr\":\"127.0.0.1\",\"port\":" + std::to_string(client.port()) +
+                       ",\"session\":43981,\"packets\":1"),
+              std::string::npos)
+        << out;
+    EXPECT_NE(out.find("\"event\":\"stopped\""), std::string::npos) << out;
+}
+
+TEST(QualityServerProgram, OptionsHelpVersionAndRefusals) {
+    struct Case {
+        std::vector<std::string> args;
+        int code;
+        const char* says;
+    };
+    const Case cases[] = {
+        {{"--help"}, 0, "usage: zeph-quality-server"},
+        {{"--version"}, 0, "zeph-quality-server "},
+        {{"--addr", "localhost"}, 2, "dotted IPv4"},
+        {{"--every", "0"}, 2, "--every"},
+        {{"--bogus"}, 2, "unknown option"},
+        // 192.0.2.1 is not an address of this machine: nothing is sent anywhere.
+        {{"--addr", "192.0.2.1"}, 1, "cannot answer on 192.0.2.1:64000"},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> argv = {zeph_test::tool_path("zeph-quality-server")};
+        argv.insert(argv.end(), c.args.begin(), c.args.end());
+        zeph_test::Process p;
+        ASSERT_TRUE(p.start(argv));
+        ASSERT_TRUE(zeph_test::wait_until([&] { return !p.running(); }, kAnswerWaitMs)) << c.args[0];
+        const int status = p.stop();
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), c.code) << c.args[0];
+        EXPECT_NE((p.stdout_text() + p.stderr_text()).find(c.says), std::string::npos) << c.args[0];
+    }
+}
+
+} // namespace
