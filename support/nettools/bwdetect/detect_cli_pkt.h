@@ -13,6 +13,8 @@
 #include <cstdint>
 #include <memory>
 
+#include "bwdetect/detect_base.h"
+
 // One sequence number of a stream. The send thread writes `valid_flag` and
 // `client_send_time` (and clears both reception times when it sends a number
 // again); the receive thread writes the reception times. A time of 0 means
@@ -72,3 +74,77 @@ void qos_stat_all(DetectPktStat& result, const DetectPktRecord* table, int total
 inline int32_t pkt_time_diff(uint32_t first, uint32_t second) {
     return static_cast<int32_t>(second - first);
 }
+
+// Result of start_SR besides 0.
+constexpr int32_t DETECT_ERR_NO_MEMORY = 3;
+constexpr int32_t DETECT_ERR_ALREADY_STARTED = 21;
+// Result of save_recv_pkt_time when the server refused the token.
+constexpr int32_t DETECT_ERR_TOKEN_REFUSED = 31;
+
+class DetectCliPktAnyTime : public DetectBase {
+public:
+    // `level` above 6 becomes 6, `seconds` outside 3..10 becomes 10, each
+    // with a log line. The stream has seconds x the level's packets per second.
+    DetectCliPktAnyTime(DetectSockPtr sock, int32_t level, int32_t seconds);
+    ~DetectCliPktAnyTime() override;
+
+    // Starts a stream from `image` (m_pkt_len bytes of it are sent each
+    // time). `self` is the owner's shared pointer to this object: both
+    // threads hold it until they end. 0; DETECT_ERR_NO_MEMORY when the table
+    // cannot be had; DETECT_ERR_ALREADY_STARTED while a stream runs. State 2,
+    // then 4 when the last burst is out and 5 when get_stat has the result;
+    // 3 when the server refused the token. Run again after set_state(0).
+    int32_t start_SR(const uint8_t* image, std::shared_ptr<DetectCliPktAnyTime> self);
+    // The part of start_SR that needs no thread: the table (allocated once,
+    // then cleared) and the image, with pkt_len set to what follows the head
+    // and region. 0 or DETECT_ERR_NO_MEMORY.
+    int32_t prepare_stream(const uint8_t* image);
+    // The result of the last stream; the worst values until it is ready.
+    DetectPktStat get_stat() const;
+
+    // A data response of this stream: type, seq below the stream's length,
+    // level of this exchanger.
+    int32_t recv_pkt_is_valid(const uint8_t* pkt, size_t len) override;
+    // Takes one reply that arrived at `arrival_ms` (this object's clock):
+    // its reception time, the server's time of it (private layout) and the
+    // server's times of the earlier packets in its pairs. 0, or
+    // DETECT_ERR_TOKEN_REFUSED when the server refused the token (the stream
+    // stops, state 3).
+    int32_t save_recv_pkt_time(const uint8_t* buf, size_t len, uint32_t arrival_ms);
+
+    // The record side of a send: `seq` went out at `time` (this object's
+    // clock). A number sent again starts its record afresh.
+    void mark_sent(uint32_t seq, uint32_t time);
+
+    // Packets of one stream.
+    uint32_t stream_packets() const { return m_total; }
+    // The record of sequence number `seq`, or null beyond the stream (for
+    // whoever drives save_recv_pkt_time by hand).
+    const DetectPktRecord* record(uint32_t seq) const;
+
+    int32_t m_pkt_len = static_cast<int32_t>(zeph::quality::kImageSize); // bytes per packet
+
+private:
+    void client_send_thread();
+    void client_recv_thread();
+    void send_buf(uint32_t seq);
+    // True while the stream numbered `stream` is to go on.
+    bool stream_running(uint32_t stream) const { return m_running.load() != 0 && m_stream.load() == stream; }
+    void store_stat(const DetectPktStat& stat);
+    // A counter value of the OS adapter on this object's clock, cut to 32
+    // bits (0 stored as 1).
+    uint32_t clock_of(int64_t counter) const;
+    uint32_t now32();
+    MORL_SOCKET sock() const { return m_sock ? *m_sock : MORL_INVALID_SOCKET; }
+
+    uint8_t m_level;
+    uint8_t m_seconds;
+    uint32_t m_total;
+    std::unique_ptr<DetectPktRecord[]> m_pkt_time;
+    DetectPktStat m_stat;
+    mutable std::atomic<bool> m_stat_busy{false};
+    // Each stream's threads carry the number of their stream and leave when
+    // a newer one has started, so that a receive thread still draining its
+    // last poll never reads for the next stream.
+    std::atomic<uint32_t> m_stream{0};
+};

@@ -1,0 +1,433 @@
+// The quality exchanger and the plain quality client against our own quality
+// server (in this process, on an address of its own), through the UDP relay
+// where impairment matters, and against a socket of the test standing in
+// for the server where the wire bytes or a hostile answer matter.
+//
+// Streams last three seconds or more: every test has an address of its own
+// (127.0.61.x) so that ctest runs them side by side.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "bwdetect/detect_cli_pkt.h"
+#include "bwdetect/detect_client.h"
+#include "bwdetect/detect_server.h"
+#include "peers.h"
+#include "udp_relay.h"
+#include "zeph_nettools/settings.h"
+
+namespace q = zeph::quality;
+using zeph_test::now_ms;
+using zeph_test::wait_until;
+
+namespace {
+
+constexpr uint16_t kServerPort = 64000;
+constexpr int kStreamSeconds = 3;
+// A stream of 3 s, its second of late replies and the statistics, with room
+// for a loaded machine.
+constexpr int kStreamDoneMs = 12000;
+
+std::string test_ip(int host) { return "127.0.61." + std::to_string(host); }
+
+// Our quality server on ip:64000, stopped at the end of the test.
+class ServerOn {
+public:
+    explicit ServerOn(const std::string& ip) {
+        zeph_settings_set_local_addr(ip.c_str());
+        m_server = DetectServer::get_instance();
+        m_started = m_server && m_server->start_server(kServerPort) == DetectServer::kStarted;
+    }
+    ~ServerOn() {
+        if (m_server) m_server->stop_server();
+    }
+    bool ok() const { return m_started; }
+
+private:
+    DetectServer* m_server = nullptr;
+    bool m_started = false;
+};
+
+// A relay in front of ip:64000 with the given loss per direction (percent).
+std::unique_ptr<zeph_relay::UdpRelay> relay_to(const std::string& ip, double up_loss, double down_loss) {
+    zeph_relay::UdpRelayConfig cfg;
+    cfg.listen_ip = ip;
+    cfg.server_ip = ip;
+    cfg.server_port = kServerPort;
+    cfg.to_server.loss = up_loss / 100;
+    cfg.to_client.loss = down_loss / 100;
+    cfg.seed = 7;
+    auto relay = std::make_unique<zeph_relay::UdpRelay>(cfg);
+    if (relay->start() != 0) return nullptr;
+    return relay;
+}
+
+// A UDP socket of the test standing in for the server: it keeps every
+// datagram it gets with its arrival time and answers what `answer` turns
+// into a reply (in place; false: no reply).
+class FakeServer {
+public:
+    struct Got {
+        std::vector<uint8_t> bytes;
+        uint64_t at_ms;
+        uint16_t from_port;
+    };
+    using Answer = std::function<bool(std::vector<uint8_t>&, size_t index)>;
+
+    FakeServer(const std::string& ip, uint16_t port, Answer answer) : m_answer(std::move(answer)) {
+        m_fd = socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(port);
+        a.sin_addr.s_addr = zeph_test::ipv4_be(ip);
+        m_ok = m_fd >= 0 && bind(m_fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+        if (m_ok) m_thread = std::thread([this] { run(); });
+    }
+    ~FakeServer() {
+        m_stop = true;
+        if (m_thread.joinable()) m_thread.join();
+        if (m_fd >= 0) close(m_fd);
+    }
+    bool ok() const { return m_ok; }
+    std::vector<Got> got() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_got;
+    }
+    size_t count() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_got.size();
+    }
+
+private:
+    void run() {
+        while (!m_stop) {
+            pollfd p{m_fd, POLLIN, 0};
+            if (poll(&p, 1, 10) <= 0) continue;
+            uint8_t buf[q::kRecvBufSize];
+            sockaddr_in from{};
+            socklen_t flen = sizeof from;
+            const ssize_t n = recvfrom(m_fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &flen);
+            if (n <= 0) continue;
+            std::vector<uint8_t> pkt(buf, buf + n);
+            size_t index;
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                index = m_got.size();
+                m_got.push_back({pkt, now_ms(), ntohs(from.sin_port)});
+            }
+            if (m_answer && m_answer(pkt, index))
+                sendto(m_fd, pkt.data(), pkt.size(), 0, reinterpret_cast<sockaddr*>(&from), flen);
+        }
+    }
+
+    int m_fd = -1;
+    bool m_ok = false;
+    std::atomic<bool> m_stop{false};
+    Answer m_answer;
+    mutable std::mutex m_mutex;
+    std::vector<Got> m_got;
+    std::thread m_thread;
+};
+
+uint32_t server_clock() { return uint32_t(now_ms()); }
+
+// What our server does to a data packet, without the pairs.
+bool echo_data(std::vector<uint8_t>& p) {
+    if (q::get_type(p.data(), p.size(), false) != q::kTypeData) return false;
+    q::set_type(p.data(), p.size(), false, q::kTypeDataResp);
+    q::set_time(p.data(), p.size(), server_clock());
+    q::set_pair_count(p.data(), p.size(), 0);
+    q::set_status(p.data(), p.size(), q::kStatusOk);
+    return true;
+}
+
+bool answer_auth(std::vector<uint8_t>& p, uint32_t result) {
+    if (q::get_type(p.data(), p.size(), false) != q::kTypeAuth) return false;
+    q::set_type(p.data(), p.size(), false, q::kTypeAuthResp);
+    q::set_auth_result(p.data(), p.size(), result);
+    return true;
+}
+
+// An exchanger at `level` for 3 s on a socket connected to ip:port, with its
+// image of that level.
+struct Stream {
+    std::shared_ptr<DetectCliPktAnyTime> ex;
+    uint8_t image[q::kImageSize];
+    static constexpr uint32_t kSession = 0x5E55104E;
+
+    Stream(const std::string& ip, uint16_t port, int level) {
+        DetectBase maker;
+        ex = std::make_shared<DetectCliPktAnyTime>(maker.init_socket(ip.c_str(), port, 0), level, kStreamSeconds);
+        ex->m_pkt_len = int32_t(q::level_row(level).pkt_len);
+        q::build_image(image, sizeof image, 0xABCD, kSession, uint8_t(level));
+        q::set_type(image, sizeof image, false, q::kTypeData);
+    }
+    bool start() { return ex->start_SR(image, ex) == 0; }
+    bool done(int timeout_ms = kStreamDoneMs) const {
+        return wait_until([&] { return ex->get_state() == DETECT_STATE_STAT_FIN; }, timeout_ms, 10);
+    }
+};
+
+// ---- the exchanger against our server -------------------------------------------------
+
+class StreamAtLevel : public ::testing::TestWithParam<int> {};
+
+TEST_P(StreamAtLevel, EveryPacketAnsweredAtTheLevelsPace) {
+    const int level = GetParam();
+    const std::string ip = test_ip(10 + level);
+    ServerOn server(ip);
+    ASSERT_TRUE(server.ok());
+    auto relay = relay_to(ip, 0, 0);
+    ASSERT_TRUE(relay);
+    Stream s(relay->listen_ip(), relay->port(), level);
+    EXPECT_EQ(s.ex->get_stat().avg_delay, kStatNoDelay); // a reader who comes early
+
+    const uint64_t t0 = now_ms();
+    ASSERT_TRUE(s.start());
+    EXPECT_EQ(s.ex->get_state(), DETECT_STATE_SENDING);
+    EXPECT_EQ(s.ex->start_SR(s.image, s.ex), DETECT_ERR_ALREADY_STARTED);
+    ASSERT_TRUE(wait_until([&] { return s.ex->get_state() == DETECT_STATE_SEND_FIN; }, 8000, 1));
+    const uint64_t lasted = now_ms() - t0;
+    EXPECT_GE(lasted, kStreamSeconds * 1000u - 20);
+    EXPECT_LE(lasted, kStreamSeconds * 1000u + 1000);
+    ASSERT_TRUE(s.done());
+
+    const uint32_t total = q::stream_packets(level, kStreamSeconds);
+    EXPECT_EQ(relay->stats().to_server_forwarded, total + 3u);
+    EXPECT_EQ(relay->stats().to_client_forwarded, total + 3u);
+    const DetectPktStat st = s.ex->get_stat();
+    EXPECT_EQ(st.avg_s_loss_rate, 0);
+    EXPECT_EQ(st.avg_r_loss_rate, 0);
+    EXPECT_EQ(st.s_bad_seconds, 0);
+    EXPECT_EQ(st.r_bad_seconds, 0);
+    EXPECT_EQ(st.max_s_cont_loss_num, 0);
+    EXPECT_LT(st.avg_delay, 50); // loopback: a few ms at most, with slack for a loaded machine
+    EXPECT_LT(st.avg_jitter, 50);
+}
+
+INSTANTIATE_TEST_SUITE_P(Levels, StreamAtLevel, ::testing::Values(1, 4, 6));
+
+TEST(QualityExchanger, LossIsToldByDirection) {
+    const std::string ip = test_ip(30);
+    ServerOn server(ip);
+    ASSERT_TRUE(server.ok());
+    auto up = relay_to(ip, 20, 0);
+    auto down = relay_to(ip, 0, 20);
+    ASSERT_TRUE(up && down);
+    constexpr int kLevel = 2;
+    Stream a(up->listen_ip(), up->port(), kLevel);
+    Stream b(down->listen_ip(), down->port(), kLevel);
+    ASSERT_TRUE(a.start());
+    ASSERT_TRUE(b.start());
+    ASSERT_TRUE(a.done());
+    ASSERT_TRUE(b.done());
+
+    // Loss on the way out only: every packet that reached the server came back.
+    const DetectPktStat sa = a.ex->get_stat();
+    const auto ra = up->stats();
+    const double truth_up = 1000.0 * ra.to_server_dropped / (ra.to_server_dropped + ra.to_server_forwarded);
+    EXPECT_NEAR(sa.avg_s_loss_rate, truth_up, 25) << "relay dropped " << ra.to_server_dropped;
+    EXPECT_EQ(sa.avg_r_loss_rate, 0);
+    EXPECT_GT(sa.max_s_cont_loss_num, 0);
+    // Loss on the way back only: the server's times of the lost replies come
+    // in the pairs of later ones, so nothing counts as lost on the way out.
+    const DetectPktStat sb = b.ex->get_stat();
+    const auto rb = down->stats();
+    const double truth_down = 1000.0 * rb.to_client_dropped / (rb.to_client_dropped + rb.to_client_forwarded);
+    EXPECT_LE(sb.avg_s_loss_rate, 5);
+    EXPECT_NEAR(sb.avg_r_loss_rate, truth_down, 25) << "relay dropped " << rb.to_client_dropped;
+    EXPECT_EQ(sb.max_s_cont_loss_num, 0);
+}
+
+// ---- the exchanger against a stand-in -----------------------------------------------
+
+class WireAtLevel : public ::testing::TestWithParam<int> {};
+
+TEST_P(WireAtLevel, PacketsAreTheImageWithSequenceAndTime) {
+    const int level = GetParam();
+    const std::string ip = test_ip(20 + level);
+    FakeServer fake(ip, kServerPort, nullptr);
+    ASSERT_TRUE(fake.ok());
+    Stream s(ip, kServerPort, level);
+    ASSERT_TRUE(s.start());
+    ASSERT_TRUE(s.done());
+
+    const q::LevelRow& row = q::level_row(level);
+    const uint32_t total = row.pkts_per_sec * kStreamSeconds;
+    const auto got = fake.got();
+    ASSERT_EQ(got.size(), total + 3);
+    uint32_t last_time = 0;
+    for (size_t i = 0; i < got.size(); ++i) {
+        const std::vector<uint8_t>& p = got[i].bytes;
+        ASSERT_EQ(p.size(), row.pkt_len) << "packet " << i;
+        const uint32_t seq = q::get_seq(p.data(), p.size());
+        EXPECT_EQ(seq, std::min<uint32_t>(uint32_t(i), total - 1)) << "packet " << i;
+        const uint32_t t = q::get_time(p.data(), p.size(), false);
+        EXPECT_GE(t, last_time);
+        last_time = t;
+        // The rest is the image as given, but for pkt_len: the bytes behind
+        // the head and region.
+        EXPECT_EQ(q::get_len(p.data(), p.size(), false), row.pkt_len - q::kHeadRegionSize);
+        std::vector<uint8_t> expect(s.image, s.image + row.pkt_len);
+        q::set_seq(expect.data(), expect.size(), seq);
+        q::set_time(expect.data(), expect.size(), t);
+        q::set_len(expect.data(), expect.size(), false, uint16_t(row.pkt_len - q::kHeadRegionSize));
+        ASSERT_EQ(p, expect) << "packet " << i;
+    }
+    // Bursts of the level's size, the stream spread over its seconds.
+    const uint64_t span = got[total - 1].at_ms - got[0].at_ms;
+    const uint64_t planned = uint64_t(kStreamSeconds) * 1000 - row.burst_interval;
+    EXPECT_GE(span, planned - 20);
+    EXPECT_LE(span, planned + 200);
+    if (row.pkts_per_burst > 1) {
+        EXPECT_LE(got[1].at_ms - got[0].at_ms, 1u);
+    }
+
+    // Nothing came back: the worst values, each second bad on the way back.
+    const DetectPktStat st = s.ex->get_stat();
+    EXPECT_EQ(st.avg_delay, kStatNoDelay);
+    EXPECT_EQ(st.avg_s_loss_rate, kStatAllLost);
+    EXPECT_EQ(st.avg_r_loss_rate, kStatAllLost);
+    EXPECT_EQ(st.r_bad_seconds, kStreamSeconds);
+}
+
+INSTANTIATE_TEST_SUITE_P(Levels, WireAtLevel, ::testing::Values(0, 3, 5));
+
+TEST(QualityExchanger, SilenceAndRefusal) {
+    // Nothing listens: the socket reports refusals, the stream still runs
+    // its course and ends with the worst values.
+    Stream dead(test_ip(31), zeph_test::closed_udp_port(test_ip(31)), 1);
+    ASSERT_TRUE(dead.start());
+
+    // A server that refuses the token half a second in: the stream stops at
+    // once, in state 3, and nothing more goes out.
+    const std::string ip = test_ip(32);
+    constexpr size_t kRefuseAt = 25;
+    FakeServer refusing(ip, kServerPort, [](std::vector<uint8_t>& p, size_t i) {
+        if (!echo_data(p)) return false;
+        if (i >= kRefuseAt) q::set_status(p.data(), p.size(), q::kStatusRefused);
+        return true;
+    });
+    ASSERT_TRUE(refusing.ok());
+    Stream refused(ip, kServerPort, 1);
+    ASSERT_TRUE(refused.start());
+    ASSERT_TRUE(wait_until([&] { return refused.ex->get_state() == DETECT_STATE_FAILED; }, 3000, 5));
+    const size_t sent = refusing.count();
+    EXPECT_LE(sent, kRefuseAt + 3);
+    EXPECT_EQ(refused.ex->get_stat().avg_delay, kStatNoDelay);
+    EXPECT_EQ(refused.ex->get_stat().s_bad_seconds, 10);
+    // Both threads are gone: the object is freed once the test lets go.
+    std::weak_ptr<DetectCliPktAnyTime> gone = refused.ex;
+    refused.ex.reset();
+    EXPECT_TRUE(wait_until([&] { return gone.expired(); }, 2000, 5));
+    EXPECT_EQ(refusing.count(), sent);
+
+    ASSERT_TRUE(dead.done());
+    const DetectPktStat st = dead.ex->get_stat();
+    EXPECT_EQ(st.avg_delay, kStatNoDelay);
+    EXPECT_EQ(st.max_jitter, kStatNoDelay);
+    EXPECT_EQ(st.avg_s_loss_rate, kStatAllLost);
+    EXPECT_EQ(st.avg_r_loss_rate, kStatAllLost);
+}
+
+// ---- the plain client --------------------------------------------------------------------
+
+std::atomic<int> g_reports{0};
+std::atomic<int> g_report_code{-1};
+DetectQosResult g_report;
+void on_report(int32_t, int32_t p1, int32_t, std::vector<DetectQosResult> results) {
+    if (!results.empty()) g_report = results[0];
+    g_report_code = p1;
+    ++g_reports;
+}
+
+TEST(QualityClient, HandshakeStreamAndEndAgainstOurServer) {
+    const std::string ip = test_ip(33);
+    ServerOn server(ip);
+    ASSERT_TRUE(server.ok());
+    auto relay = relay_to(ip, 0, 0);
+    ASSERT_TRUE(relay);
+    auto client = std::make_shared<DetectClient>(on_report);
+    client->set_level(1); // the stream runs at level 1: its replies must say so
+    ASSERT_EQ(client->start_client(relay->listen_ip().c_str(), relay->port(), DETECT_FIRST_CLIENT_PORT), 0);
+    ASSERT_TRUE(wait_until([&] { return client->get_state() == DETECT_STATE_SENDING; }, 1500, 1));
+    ASSERT_TRUE(wait_until([&] { return g_reports.load() == 1; }, kStreamDoneMs, 10));
+    EXPECT_EQ(client->get_state(), DETECT_STATE_END);
+    EXPECT_EQ(g_report_code.load(), 0);
+    EXPECT_EQ(g_report.a_s_loss, 0);
+    EXPECT_EQ(g_report.a_r_loss, 0);
+    EXPECT_LT(g_report.a_delay, 50);
+
+    // One auth request, the stream with its last packet four times, five end
+    // packets: each answered by the server.
+    const uint32_t stream = q::stream_packets(1, kStreamSeconds) + 3;
+    ASSERT_TRUE(wait_until([&] { return relay->stats().to_client_forwarded >= 1 + stream + 5; }, 2000));
+    EXPECT_EQ(relay->stats().to_server_forwarded, 1 + stream + 5);
+    EXPECT_EQ(relay->stats().to_client_forwarded, 1 + stream + 5);
+}
+
+TEST(QualityClient, RefusedOrUnansweredHandshakeSendsNoStream) {
+    const std::string ip = test_ip(34);
+    FakeServer refusing(ip, kServerPort, [](std::vector<uint8_t>& p, size_t) { return answer_auth(p, 1); });
+    FakeServer silent(test_ip(35), kServerPort, nullptr);
+    ASSERT_TRUE(refusing.ok() && silent.ok());
+    auto refused = std::make_shared<DetectClient>(on_report);
+    auto unanswered = std::make_shared<DetectClient>(on_report);
+    const uint64_t t0 = now_ms();
+    ASSERT_EQ(refused->start_client(ip.c_str(), kServerPort, DETECT_FIRST_CLIENT_PORT), 0);
+    ASSERT_EQ(unanswered->start_client(test_ip(35).c_str(), kServerPort, DETECT_FIRST_CLIENT_PORT), 0);
+
+    ASSERT_TRUE(wait_until([&] { return refused->get_state() == DETECT_STATE_END; }, 1000, 1));
+    // The silent server gets 15 requests, 100 ms apart, then nothing.
+    ASSERT_TRUE(wait_until([&] { return silent.count() == 15; }, 3000, 10));
+    zeph_test::sleep_ms(300);
+    const auto asked = silent.got();
+    ASSERT_EQ(asked.size(), 15u);
+    EXPECT_GE(asked.back().at_ms - asked.front().at_ms, 1300u);
+    EXPECT_GE(now_ms() - t0, 1500u);
+    for (const auto& g : asked) EXPECT_EQ(q::get_type(g.bytes.data(), g.bytes.size(), false), q::kTypeAuth);
+    EXPECT_EQ(unanswered->get_state(), DETECT_STATE_CONNECTING);
+    EXPECT_EQ(refusing.count(), 1u);
+    EXPECT_EQ(g_reports.load(), 0);
+}
+
+TEST(QualityClient, ArgumentsAndTheBindWalk) {
+    auto client = std::make_shared<DetectClient>(on_report);
+    EXPECT_EQ(client->start_client("127.0.61.36", kServerPort, 0), DETECT_ERR_BAD_ARGUMENT);
+    EXPECT_EQ(client->start_client(nullptr, kServerPort, DETECT_FIRST_CLIENT_PORT), DETECT_ERR_BAD_ARGUMENT);
+    auto mute = std::make_shared<DetectClient>(nullptr);
+    EXPECT_EQ(mute->start_client("127.0.61.36", kServerPort, DETECT_FIRST_CLIENT_PORT), DETECT_ERR_BAD_ARGUMENT);
+
+    // Take 64 ports from a first port on: the client finds none.
+    constexpr uint16_t kFirst = 47100;
+    std::vector<int> taken;
+    for (uint16_t p = kFirst; p < kFirst + DETECT_BIND_TRIES; ++p) {
+        int fd = socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(p);
+        ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0) << "port " << p << " is in use";
+        taken.push_back(fd);
+    }
+    EXPECT_EQ(client->start_client("127.0.61.36", kServerPort, kFirst), DETECT_ERR_NO_SOCKET);
+    // Free the last one: the walk ends there.
+    close(taken.back());
+    taken.pop_back();
+    FakeServer silent(test_ip(36), kServerPort, nullptr);
+    ASSERT_TRUE(silent.ok());
+    auto walker = std::make_shared<DetectClient>(on_report);
+    ASSERT_EQ(walker->start_client(test_ip(36).c_str(), kServerPort, kFirst), 0);
+    ASSERT_TRUE(wait_until([&] { return silent.count() >= 1; }, 1000));
+    for (int fd : taken) close(fd);
+    EXPECT_EQ(silent.got()[0].from_port, kFirst + DETECT_BIND_TRIES - 1);
+}
+
+} // namespace
