@@ -5,7 +5,7 @@
 //    where the layout keeps it, and a sequence number that is neither
 //    negative nor at or beyond the limit;
 //  - levels read 0 to 6, pair counts 0 to 8, the STUN layout reads no time
-//    and no level, an auth result is read only from an auth response;
+//    no level and no pairs, an auth result is read only from an auth response;
 //  - writing back what was read leaves the datagram as it was (but for the
 //    fields whose reading is clipped), and a server's answer written into it
 //    changes only the fields it sets.
@@ -70,8 +70,9 @@ void CheckLayout(std::vector<uint8_t>& pkt, bool stun)
     if (stun) {
         CHECK(q::get_level(p, n, stun) == 0);
         CHECK(q::get_time(p, n, stun) == 0);
+        CHECK(q::get_pair_count(p, n, stun) == 0);
     }
-    CHECK(q::get_pair_count(p, n) <= q::kMaxPairs);
+    CHECK(q::get_pair_count(p, n, stun) <= q::kMaxPairs);
     if (q::get_type(p, n, stun) != q::kTypeAuthResp) CHECK(q::get_auth_result(p, n, stun) == q::kAuthNotAResponse);
 
     // Writing back what was read changes nothing (the clipped fields aside).
@@ -107,7 +108,7 @@ void CheckLayout(std::vector<uint8_t>& pkt, bool stun)
     CHECK(status == (n >= q::kOffStatus + 4));
     for (size_t i = q::kOffStatus + 4; i < n; ++i) CHECK(a[i] == p[i]);
     if (status) {
-        CHECK(q::get_pair_count(a, n) == q::kMaxPairs);
+        CHECK(q::get_pair_count(a, n, stun) == (stun ? 0u : q::kMaxPairs));
         for (uint32_t i = 0; i < q::kMaxPairs; ++i) CHECK(q::get_pair_seq(a, n, i) == i && q::get_pair_time(a, n, i) == ~i);
         CHECK(q::get_type(a, n, stun) == q::kTypeDataResp);
         CHECK(q::get_time(a, n, stun) == (stun ? 0u : 0x01020304u));

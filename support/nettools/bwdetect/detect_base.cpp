@@ -234,7 +234,7 @@ void DetectBase::set_pkt_pair_count(uint8_t* pkt, size_t size, uint8_t count) {
     q::set_pair_count(pkt, size, count);
 }
 uint8_t DetectBase::get_pkt_pair_count(const uint8_t* pkt, size_t size) const {
-    return q::get_pair_count(pkt, size);
+    return q::get_pair_count(pkt, size, m_is_stun != 0);
 }
 void DetectBase::set_pkt_len(uint8_t* pkt, size_t size, uint16_t len) { q::set_len(pkt, size, m_is_stun != 0, len); }
 uint16_t DetectBase::get_pkt_len(const uint8_t* pkt, size_t size) const {

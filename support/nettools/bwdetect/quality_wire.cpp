@@ -122,7 +122,8 @@ uint8_t get_level(const uint8_t* pkt, size_t size, bool stun) {
 }
 
 bool set_pair_count(uint8_t* pkt, size_t size, uint8_t count) { return put8(pkt, size, kOffPairCount, count); }
-uint8_t get_pair_count(const uint8_t* pkt, size_t size) {
+uint8_t get_pair_count(const uint8_t* pkt, size_t size, bool stun) {
+    if (stun) return 0;
     const uint8_t count = get8(pkt, size, kOffPairCount);
     return count > kMaxPairs ? 0 : count;
 }

@@ -156,9 +156,10 @@ uint32_t get_time(const uint8_t* pkt, size_t size, bool stun);
 // kLevelOverflow or more.
 bool set_level(uint8_t* pkt, size_t size, uint8_t level);
 uint8_t get_level(const uint8_t* pkt, size_t size, bool stun);
-// Reads 0 for a stored count above kMaxPairs.
+// Reads 0 for a stored count above kMaxPairs, and always 0 in the STUN
+// layout: a STUN peer's answer carries no pairs, whatever byte 29 holds.
 bool set_pair_count(uint8_t* pkt, size_t size, uint8_t count);
-uint8_t get_pair_count(const uint8_t* pkt, size_t size);
+uint8_t get_pair_count(const uint8_t* pkt, size_t size, bool stun);
 bool set_len(uint8_t* pkt, size_t size, bool stun, uint16_t len);
 uint16_t get_len(const uint8_t* pkt, size_t size, bool stun);
 // Pair `index` (0 to 7); an index beyond writes nothing and reads 0.
