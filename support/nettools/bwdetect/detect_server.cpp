@@ -25,6 +25,10 @@ constexpr uint64_t kSeqLogRemainder = 1;
 // A hostile sender must not flood the log: repeated invalid packets are
 // logged once per this many, starting with the first.
 constexpr uint64_t kInvalidLogEvery = 1024;
+// One socket takes the datagrams of every client: its receive buffer rides
+// out a few tens of milliseconds in which the server thread gets no core
+// at the highest level's rates of many clients. The system may cap it lower.
+constexpr int kServerRecvBuffer = 4 * 1024 * 1024;
 
 bool thinned_out(uint64_t count, uint64_t every) { return count % every != 1 % every; }
 
@@ -88,6 +92,9 @@ int32_t DetectServer::start_server(uint16_t port) {
     }
     m_sock = create_socket();
     if (!m_sock) return kErrNoSocket;
+    if (MORL_SetSockOpt(*m_sock, MORL_SOL_SOCKET, MORL_SO_RCVBUF, &kServerRecvBuffer, sizeof kServerRecvBuffer) != 0) {
+        NT_LOGW("receive buffer of %d bytes refused, error=%d", kServerRecvBuffer, MORL_GetLastSocketErr());
+    }
     set_running(1);
     try {
         m_thread = std::thread(&DetectServer::server_recv_thread, this, m_sock);
