@@ -9,7 +9,7 @@ if [ -n "$bad" ]; then
   echo "unexpected exports:"; echo "$bad"; exit 1
 fi
 for must in zeph_3port_detect zeph_any_port_detect zeph_net_detect zeph_single_net_detect \
-            zeph_settings_set_http_proxy zeph_get_trans_protocol_type_str zeph_set_socket_dscp \
+            zeph_settings_set_http_proxy zeph_settings_set_dns_servers zeph_get_trans_protocol_type_str zeph_set_socket_dscp \
             MORL_MediaCreateSocket MORL_MediaCloseSocket MORL_MediaCreateChannel MORL_MediaReCreateChannel \
             MORL_MediaSend MORL_MediaSetChannelBufSize MORL_MediaGetChannelBufSize MORL_MediaSetTcpBufSize \
             MORL_MediaRegisterRecvCallback MORL_MediaSetEventCallback MORL_MediaGetStats \
@@ -17,7 +17,8 @@ for must in zeph_3port_detect zeph_any_port_detect zeph_net_detect zeph_single_n
   nm -D --defined-only "$lib" | grep -qw "$must" || { echo "missing export: $must"; exit 1; }
 done
 # Internal helpers of the platform layer must stay hidden.
-for hidden in DoLog MORL_Socket zeph_http_proxy_connect_ex get_addr_ipv4; do
+for hidden in DoLog MORL_Socket zeph_http_proxy_connect_ex get_addr_ipv4 zeph_get_dns_servers \
+              MORL_MSG_Init MORL_MSG_SynSend RAVN_NETB_DnsGetIpByAsynResolve; do
   if nm -D --defined-only "$lib" | grep -qw "$hidden"; then echo "leaked: $hidden"; exit 1; fi
 done
 echo "exports ok: $(nm -D --defined-only "$lib" | awk '$2 ~ /^[TDBRVW]$/' | wc -l) symbols"

@@ -2,7 +2,8 @@
  * Host-side settings of zeph_nettools.
  *
  * The library reads no file and no environment variable: the log sink, the
- * HTTP proxy and the local address are given here by the embedding program.
+ * HTTP proxy, the local address and the DNS servers are given here by the
+ * embedding program.
  * All calls are thread-safe and take effect for operations started after
  * they return.
  */
@@ -52,6 +53,16 @@ ZEPH_API int zeph_settings_set_http_proxy(const char* host, uint16_t port, const
  * text is not a dotted IPv4 address.
  */
 ZEPH_API int zeph_settings_set_local_addr(const char* addr);
+
+/*
+ * Sets the DNS servers that resolve the detections' host names, as a
+ * comma-separated list of dotted IPv4 addresses, each with an optional port:
+ * "192.0.2.53,198.51.100.7:5353" (port 53 when none is given; at most 8
+ * servers, no blanks). Null or empty returns to the system's servers. 0, or
+ * -1 when the text is not such a list (the previous setting stays).
+ * Look-ups already under way keep the servers they started with.
+ */
+ZEPH_API int zeph_settings_set_dns_servers(const char* csv);
 
 ZEPH_EXTERN_C_END
 

@@ -1,10 +1,11 @@
 // Common library stand-in: logging, random numbers, digests, address
-// helpers and HTTP proxy access. Settings (log sink, proxy, local address)
-// come from the host through the exports of <zeph_nettools/settings.h>.
+// helpers and HTTP proxy access. Settings (log sink, proxy, local address,
+// DNS servers) come from the host through the exports of <zeph_nettools/settings.h>.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "os_adapter/morl_os.h"
 
@@ -34,6 +35,9 @@ uint32_t get_addr_ipv4(const char* text);
 // The local IPv4 address (network order) set by the host, else the address
 // of the interface that routes outward, else 127.0.0.1.
 uint32_t zeph_get_local_addr();
+// The DNS servers the host set, as "IP:PORT,IP:PORT", or empty for the
+// system's own.
+std::string zeph_get_dns_servers();
 
 // ---- HTTP proxy ---------------------------------------------------------------------
 void zeph_http_tunnel_init();

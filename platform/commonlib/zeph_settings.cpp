@@ -1,8 +1,10 @@
-// Host settings (HTTP proxy, local address) and the address helpers that
-// read them.
+// Host settings (HTTP proxy, local address, DNS servers) and the address
+// helpers that read them. Runs on the host's threads and on the library's
+// threads that read the settings.
 #include <atomic>
 #include <cstring>
 #include <mutex>
+#include <string>
 
 #include "commonlib/commonlib_internal.h"
 #include "zeph_nettools/settings.h"
@@ -11,8 +13,9 @@ namespace zeph_commonlib {
 namespace {
 
 struct SettingsState {
-    std::mutex mutex; // guards proxy
+    std::mutex mutex; // guards proxy and dns_servers
     ProxySetting proxy;
+    std::string dns_servers; // "IP:PORT,...", empty for the system's servers
     std::atomic<uint32_t> local_addr{0}; // network order, 0 = automatic
 };
 
@@ -61,6 +64,65 @@ uint32_t routed_local_addr()
     }
     MORL_CloseSocket(fd);
     return result;
+}
+
+constexpr size_t kMaxDnsServers = 8;
+constexpr uint32_t kDefaultDnsPort = 53;
+constexpr uint32_t kMaxPort = 65535;
+constexpr size_t kMaxPortDigits = 5;
+// Eight "255.255.255.255:65535" entries and their commas.
+constexpr size_t kMaxDnsServersText = kMaxDnsServers * (kIpv4TextSize + kMaxPortDigits + 1);
+
+// One "IP" or "IP:PORT" entry of the DNS server list, appended to `out` as
+// "IP:PORT". False when it is anything else.
+bool append_dns_server(const std::string& entry, std::string* out)
+{
+    const size_t colon = entry.find(':');
+    const std::string ip = entry.substr(0, colon);
+    uint32_t be = 0;
+    if (!parse_dotted(ip.c_str(), &be)) {
+        return false;
+    }
+    uint32_t port = kDefaultDnsPort;
+    if (colon != std::string::npos) {
+        const std::string digits = entry.substr(colon + 1);
+        if (digits.empty() || digits.size() > kMaxPortDigits ||
+            digits.find_first_not_of("0123456789") != std::string::npos) {
+            return false;
+        }
+        port = static_cast<uint32_t>(std::stoul(digits));
+        if (port == 0 || port > kMaxPort) {
+            return false;
+        }
+    }
+    if (!out->empty()) {
+        out->push_back(',');
+    }
+    *out += ipv4_text(be) + ":" + std::to_string(port);
+    return true;
+}
+
+// The list in the one form the resolver reads; false when `csv` is not a
+// list of 1 to kMaxDnsServers entries.
+bool normalize_dns_servers(const char* csv, std::string* out)
+{
+    if (strnlen(csv, kMaxDnsServersText + 1) > kMaxDnsServersText) {
+        return false;
+    }
+    const std::string text(csv);
+    size_t count = 0;
+    size_t start = 0;
+    for (;;) {
+        const size_t comma = text.find(',', start);
+        const std::string entry = text.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+        if (++count > kMaxDnsServers || !append_dns_server(entry, out)) {
+            return false;
+        }
+        if (comma == std::string::npos) {
+            return true;
+        }
+        start = comma + 1;
+    }
 }
 
 } // namespace
@@ -152,6 +214,30 @@ int zeph_settings_set_local_addr(const char* addr)
     }
     settings().local_addr.store(be, std::memory_order_release);
     return 0;
+}
+
+int zeph_settings_set_dns_servers(const char* csv)
+{
+    std::string servers;
+    if (csv != nullptr && csv[0] != '\0' && !zeph_commonlib::normalize_dns_servers(csv, &servers)) {
+        CL_LOGW("dns servers not changed: not a list of up to %zu IPv4 addresses with optional ports",
+                zeph_commonlib::kMaxDnsServers);
+        return -1;
+    }
+    zeph_commonlib::SettingsState& st = settings();
+    {
+        std::lock_guard<std::mutex> lock(st.mutex);
+        st.dns_servers = servers;
+    }
+    CL_LOGI("dns servers set to %s", servers.empty() ? "the system's" : servers.c_str());
+    return 0;
+}
+
+std::string zeph_get_dns_servers()
+{
+    zeph_commonlib::SettingsState& st = settings();
+    std::lock_guard<std::mutex> lock(st.mutex);
+    return st.dns_servers;
 }
 
 int zeph_settings_set_http_proxy(const char* host, uint16_t port, const char* user, const char* password)
