@@ -1,0 +1,494 @@
+// The probe sockets of the event-driven detections, judged by what they put
+// on the wire: a test's own UDP peer (and, as root, the probe's raw socket)
+// captures every probe form byte for byte, answers are fed back through the
+// socket to read their sequence numbers, TCP connects meet a listener and a
+// refusing port, and the bind walk meets taken ports.
+#include <gtest/gtest.h>
+#include <openssl/sha.h>
+
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "inc/detect_socket.h"
+#include "peers.h"
+#include "zeph_nettools/settings.h"
+#include "zeph_nettools/stun.h"
+
+namespace {
+
+using zeph_test::LogCapture;
+using zeph_test::UdpSocket;
+using zeph_test::wait_until;
+using Bytes = std::vector<uint8_t>;
+
+constexpr uint32_t kLoopback = 0x7F000001; // 127.0.0.1, host byte order
+constexpr int kRecvWaitMs = 2000;
+constexpr int kSilenceMs = 200;
+
+uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
+uint16_t be16(const uint8_t* p) { return uint16_t(p[0] << 8 | p[1]); }
+
+template <class T>
+std::shared_ptr<T> made(const char* key) {
+    auto sock = std::dynamic_pointer_cast<T>(SocketFactory<DetectSocket>::instance().get_socket(key));
+    EXPECT_TRUE(sock) << key;
+    return sock;
+}
+
+// A UDP probe socket of `type` opened towards the peer.
+std::shared_ptr<DetectSocketUDP> udp_probe(uint32_t type, const UdpSocket& peer) {
+    auto sock = made<DetectSocketUDP>("udp");
+    sock->set_detect_type(type);
+    sock->set_dest_addr(kLoopback, peer.port());
+    EXPECT_TRUE(sock->create());
+    return sock;
+}
+
+// One datagram the peer received, empty on time-out.
+Bytes capture(UdpSocket& peer, int wait_ms = kRecvWaitMs) {
+    Bytes buf(2048);
+    const int n = peer.recv(buf.data(), buf.size(), wait_ms);
+    buf.resize(n > 0 ? size_t(n) : 0);
+    return buf;
+}
+
+// Sends `answer` back to the probe and reads it through the probe's socket.
+Bytes answer_through(DetectSocket& sock, UdpSocket& peer, const Bytes& answer) {
+    MORL_SockAddrIn local = {};
+    int len = sizeof local;
+    EXPECT_EQ(MORL_GetSockName(sock.get_fd(), &local, &len), 0);
+    EXPECT_TRUE(peer.send_to(answer.data(), answer.size(), "127.0.0.1", MORL_Htons(local.sin_port)));
+    Bytes buf(2048);
+    int n = -1;
+    wait_until([&] { return (n = MORL_Recv(sock.get_fd(), buf.data(), int(buf.size()), 0)) > 0; }, kRecvWaitMs);
+    buf.resize(n > 0 ? size_t(n) : 0);
+    return buf;
+}
+
+// CRC-32 of RFC 5389's FINGERPRINT, bit by bit, independent of the library's table.
+uint32_t crc32_bitwise(const uint8_t* p, size_t n) {
+    uint32_t crc = 0xFFFFFFFF;
+    for (size_t i = 0; i < n; ++i) {
+        crc ^= p[i];
+        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1)));
+    }
+    return ~crc;
+}
+
+StunIceInfo ice_side(const char* ufrag, const char* password) {
+    StunIceInfo info{};
+    std::strncpy(info.ufrag, ufrag, sizeof info.ufrag - 1);
+    std::strncpy(info.password, password, sizeof info.password - 1);
+    return info;
+}
+
+// ---- the factory and opening ---------------------------------------------------------------
+
+TEST(DetectSocketFactory, MakesEachTransportByItsKeyAndNothingForOthers) {
+    LogCapture log;
+    auto udp = made<DetectSocketUDP>("udp");
+    auto tcp = made<DetectSocketTCP>("tcp");
+    auto icmp = made<DetectSocketICMP>("icmp");
+    ASSERT_TRUE(udp && tcp && icmp);
+    EXPECT_EQ(udp->get_trans_type(), 2u);
+    EXPECT_EQ(tcp->get_trans_type(), 1u);
+    EXPECT_EQ(icmp->get_trans_type(), 11u);
+    // Two calls give two sockets, not one shared.
+    EXPECT_NE(SocketFactory<DetectSocket>::instance().get_socket("udp"), udp);
+
+    EXPECT_FALSE(SocketFactory<DetectSocket>::instance().get_socket("UDP"));
+    EXPECT_FALSE(SocketFactory<DetectSocket>::instance().get_socket("ip"));
+    EXPECT_TRUE(log.contains("No socket found for UDP")) << log.dump();
+}
+
+TEST(DetectSocketCreate, OpensNothingWithoutADestinationAddressAndPort) {
+    for (const char* key : {"udp", "tcp", "icmp"}) {
+        auto sock = SocketFactory<DetectSocket>::instance().get_socket(key);
+        EXPECT_FALSE(sock->create()) << key;
+        sock->set_dest_addr(kLoopback, 0);
+        EXPECT_FALSE(sock->create()) << key;
+        EXPECT_EQ(sock->get_fd(), MORL_INVALID_SOCKET) << key;
+    }
+}
+
+TEST(DetectSocketCreate, DescriptorClosesWithTheLastHolderNotWithTheSocket) {
+    UdpSocket peer;
+    ASSERT_TRUE(peer.ok());
+    auto sock = udp_probe(DETECT_PROTO_STUN, peer);
+    DetectSockPtr holder = sock->m_sock; // as the message core's table holds it
+    const MORL_SOCKET fd = sock->get_fd();
+    ASSERT_NE(fd, MORL_INVALID_SOCKET);
+
+    // Non-blocking from the start: nothing waits, so a read fails at once.
+    uint8_t byte = 0;
+    EXPECT_EQ(MORL_Recv(fd, &byte, 1, 0), -1);
+    EXPECT_EQ(MORL_GetLastSocketErr(), MORL_WSAEWOULDBLOCK);
+
+    sock.reset();
+    int type = 0, len = sizeof type;
+    EXPECT_EQ(MORL_GetSockOpt(fd, MORL_SOL_SOCKET, MORL_SO_TYPE, &type, &len), 0) << "closed too early";
+    holder.reset();
+    EXPECT_EQ(MORL_GetSockOpt(fd, MORL_SOL_SOCKET, MORL_SO_TYPE, &type, &len), -1) << "still open";
+}
+
+// ---- UDP probe forms -------------------------------------------------------------------------
+
+TEST(DetectSocketWire, StunBindingRequestAndItsAnswer) {
+    UdpSocket peer;
+    ASSERT_TRUE(peer.ok());
+    auto sock = udp_probe(DETECT_PROTO_STUN, peer);
+
+    sock->send_buf(0xA1B2C3D4);
+    const Bytes first = capture(peer);
+    ASSERT_EQ(first.size(), 20u);
+    EXPECT_EQ(be16(&first[0]), 0x0001);
+    EXPECT_EQ(be16(&first[2]), 0);
+    EXPECT_EQ(be32(&first[4]), 0x2112A442u);
+    EXPECT_EQ(be32(&first[12]), be32(&first[8]) + 236u);
+    EXPECT_EQ(be32(&first[16]), 0xA1B2C3D4u);
+
+    sock->send_buf(2);
+    const Bytes second = capture(peer);
+    ASSERT_EQ(second.size(), 20u);
+    EXPECT_NE(be32(&second[8]), be32(&first[8])) << "each probe draws its own transaction id";
+    EXPECT_EQ(be32(&second[12]), be32(&second[8]) + 236u);
+    EXPECT_EQ(be32(&second[16]), 2u);
+
+    // A server's success response echoes the transaction id, and so the seq.
+    Bytes response = second;
+    response[0] = 0x01;
+    response[1] = 0x01;
+    const Bytes got = answer_through(*sock, peer, response);
+    EXPECT_EQ(sock->get_recv_seq(got.data(), int32_t(got.size())), 2u);
+    // Too short to hold the word: no seq, and no read beyond the packet.
+    EXPECT_EQ(sock->get_recv_seq(got.data(), 19), 0u);
+}
+
+TEST(DetectSocketWire, NpsProbeCarriesThePrivateHeadAndZeros) {
+    UdpSocket peer;
+    ASSERT_TRUE(peer.ok());
+    auto sock = udp_probe(DETECT_PROTO_STUN_CUSTOM, peer);
+
+    const int64_t before = sock->get_runtime_current();
+    sock->send_buf(77);
+    const Bytes p = capture(peer);
+    const int64_t after = sock->get_runtime_current();
+    ASSERT_EQ(p.size(), 1200u);
+    const Bytes head_const = {0xFF, 0x01};
+    EXPECT_EQ(Bytes(p.begin(), p.begin() + 2), head_const);
+    EXPECT_EQ(p[4], 0x80);
+    EXPECT_EQ(p[5], 0x70);
+    EXPECT_EQ(p[6], 0xEC);
+    EXPECT_EQ(p[7], 0xEC);
+    EXPECT_EQ(p[8], 16);
+    EXPECT_EQ(p[9], 0);
+    EXPECT_EQ(be16(&p[10]), 2);
+    EXPECT_EQ(be32(&p[12]), 0x2112A442u);
+    EXPECT_EQ(be32(&p[16]), 77u);
+    EXPECT_GE(be32(&p[24]), uint32_t(before));
+    EXPECT_LE(be32(&p[24]), uint32_t(after));
+    EXPECT_EQ(p[28], 1);
+    EXPECT_EQ(p[29], 0);
+    EXPECT_EQ(be16(&p[30]), 1400);
+    for (size_t i = 32; i < p.size(); ++i) ASSERT_EQ(p[i], 0) << "byte " << i;
+
+    sock->send_buf(78);
+    const Bytes q = capture(peer);
+    ASSERT_EQ(q.size(), 1200u);
+    EXPECT_FALSE(be16(&q[2]) == be16(&p[2]) && be32(&q[20]) == be32(&p[20]))
+        << "nonce and session are drawn afresh for each probe";
+
+    const Bytes got = answer_through(*sock, peer, q);
+    EXPECT_EQ(sock->get_recv_seq(got.data(), int32_t(got.size())), 78u);
+}
+
+TEST(DetectSocketWire, IceCheckIsTheStunServicesPacketForTheAudioKey) {
+    MORL_StunClearIceInfo("stun_audio_7");
+    const StunIceInfo local = ice_side("locU", "local-secret");
+    const StunIceInfo remote = ice_side("remUF", "remote-secret");
+    ASSERT_EQ(MORL_StunSetLocalIceInfo("stun_audio_7", &local), 0u);
+    ASSERT_EQ(MORL_StunSetRemoteIceInfo("stun_audio_7", &remote), 0u);
+    ASSERT_EQ(MORL_StunSetChannelId("stun_audio_7", 0x01020304), 0u);
+
+    UdpSocket peer;
+    ASSERT_TRUE(peer.ok());
+    auto sock = udp_probe(DETECT_PROTO_ICE, peer);
+    sock->send_buf(5);
+    const Bytes p = capture(peer);
+    MORL_StunClearIceInfo("stun_audio_7");
+    ASSERT_GE(p.size(), 16u + 20u);
+    ASSERT_LE(p.size(), 287u);
+
+    // The private head in front.
+    EXPECT_EQ(p[0], 0xFF);
+    EXPECT_EQ(p[1], 3);
+    EXPECT_EQ(p[2], 129);
+    EXPECT_EQ(p[3], 1);
+    EXPECT_EQ(be32(&p[4]), 0x01020304u);
+    EXPECT_EQ(be32(&p[8]), 0u);
+    EXPECT_EQ(be16(&p[12]), p.size());
+
+    // The STUN request: USERNAME, MESSAGE-INTEGRITY, FINGERPRINT.
+    Bytes m(p.begin() + 16, p.end());
+    ASSERT_EQ(be16(&m[0]), 0x0001);
+    ASSERT_EQ(be16(&m[2]) + 20u, m.size());
+    ASSERT_EQ(be32(&m[4]), 0x2112A442u);
+    const std::string user = "remUF:locU";
+    ASSERT_EQ(be16(&m[20]), 0x0006);
+    ASSERT_EQ(be16(&m[22]), user.size());
+    EXPECT_EQ(std::string(m.begin() + 24, m.begin() + 24 + long(user.size())), user);
+    const size_t mi = 24 + ((user.size() + 3) & ~size_t(3));
+    ASSERT_EQ(be16(&m[mi]), 0x0008);
+    ASSERT_EQ(be16(&m[mi + 2]), 20);
+    const size_t fp = mi + 24;
+    ASSERT_EQ(be16(&m[fp]), 0x8028);
+    ASSERT_EQ(be16(&m[fp + 2]), 4);
+    ASSERT_EQ(fp + 8, m.size());
+
+    // The digest covers the packet up to USERNAME's end, with the length
+    // field counting MESSAGE-INTEGRITY; the CRC covers all before FINGERPRINT
+    // with the length counting FINGERPRINT too.
+    Bytes cover(m.begin(), m.begin() + long(mi));
+    cover[2] = uint8_t((mi - 20 + 24) >> 8);
+    cover[3] = uint8_t(mi - 20 + 24);
+    uint8_t sha[SHA_DIGEST_LENGTH];
+    SHA1(cover.data(), cover.size(), sha);
+    EXPECT_EQ(Bytes(m.begin() + long(mi) + 4, m.begin() + long(mi) + 24), Bytes(sha, sha + sizeof sha));
+    EXPECT_EQ(be32(&m[fp + 4]), crc32_bitwise(m.data(), fp) ^ 0x5354554Eu);
+}
+
+TEST(DetectSocketWire, ProbesThatCannotBeBuiltSendNothing) {
+    LogCapture log;
+    UdpSocket peer;
+    ASSERT_TRUE(peer.ok());
+    // No ICE information under any audio key: the build fails, nothing leaves.
+    auto ice = udp_probe(DETECT_PROTO_ICE, peer);
+    ice->send_buf(1);
+    EXPECT_TRUE(log.contains("ice_build error ret(4)len(288)")) << log.dump();
+    // A protocol the socket does not know.
+    auto unknown = udp_probe(3, peer);
+    unknown->send_buf(1);
+    EXPECT_TRUE(capture(peer, kSilenceMs).empty());
+    EXPECT_EQ(unknown->get_recv_seq(Bytes(20, 0xAB).data(), 20), 0u);
+}
+
+// ---- ICMP ---------------------------------------------------------------------------------------
+
+// An IP datagram of `ihl` header bytes carrying `icmp` behind it.
+Bytes ip_datagram(size_t ihl, const Bytes& icmp) {
+    Bytes d(ihl, 0);
+    d[0] = uint8_t(0x40 | (ihl / 4));
+    d.insert(d.end(), icmp.begin(), icmp.end());
+    return d;
+}
+
+TEST(DetectSocketIcmp, ReplyCheckRefusesShortForeignAndRequestPackets) {
+    LogCapture log;
+    auto sock = made<DetectSocketICMP>("icmp");
+    Bytes reply(12, 0);
+    reply[7] = 9; // seq 9, id 0
+    // A 24-byte IP header needs 36 bytes in all.
+    Bytes d = ip_datagram(24, reply);
+    EXPECT_FALSE(sock->is_icmp_response(d.data(), 35));
+    EXPECT_TRUE(log.contains("[icmp_detect] pkt_len is small(35)")) << log.dump();
+    EXPECT_TRUE(sock->is_icmp_response(d.data(), 36));
+    EXPECT_EQ(sock->get_recv_seq(d.data(), 36), 9u);
+
+    reply[0] = 8; // our own request, seen on loopback
+    d = ip_datagram(20, reply);
+    EXPECT_EQ(sock->get_recv_seq(d.data(), int32_t(d.size())), 0u);
+    EXPECT_TRUE(log.contains("[icmp_detect] pkt_type is invalid(8)")) << log.dump();
+
+    reply[0] = 0;
+    reply[5] = 1; // another sender's identifier
+    d = ip_datagram(20, reply);
+    EXPECT_FALSE(sock->is_icmp_response(d.data(), int32_t(d.size())));
+    EXPECT_TRUE(log.contains("[icmp_detect] req_id is invalid(1!=0)")) << log.dump();
+    EXPECT_FALSE(sock->is_icmp_response(nullptr, 0));
+    EXPECT_FALSE(sock->is_icmp_response(d.data(), -5));
+}
+
+TEST(DetectSocketIcmp, EchoRequestsOnTheWireAndTheirRepliesAsRoot) {
+    auto sock = made<DetectSocketICMP>("icmp");
+    sock->set_dest_addr(kLoopback, 1); // ICMP has no port, but an address needs one here
+    if (!sock->create()) GTEST_SKIP() << "no raw ICMP socket (needs root or CAP_NET_RAW)";
+
+    sock->send_buf(0);
+    sock->send_buf(0);
+    sock->send_buf(7);
+    sock->send_buf(0);
+    // On loopback the raw socket reads our requests and the kernel's replies;
+    // other tests' ICMP traffic may pass by too.
+    std::vector<Bytes> requests;
+    std::vector<uint32_t> reply_seqs;
+    uint8_t buf[2048];
+    wait_until(
+        [&] {
+            const int n = MORL_Recv(sock->get_fd(), buf, sizeof buf, 0);
+            if (n <= 0) return false;
+            const size_t ihl = size_t(buf[0] & 0x0F) * 4;
+            if (size_t(n) < ihl + 8 || be16(&buf[ihl + 4]) != 0) return false;
+            if (buf[ihl] == 8) requests.emplace_back(buf + ihl, buf + n);
+            if (buf[ihl] == 0) reply_seqs.push_back(sock->get_recv_seq(buf, n));
+            return requests.size() == 4 && reply_seqs.size() == 4;
+        },
+        kRecvWaitMs, 1);
+    ASSERT_EQ(requests.size(), 4u);
+    const uint16_t want_seq[] = {0, 1, 7, 2}; // 7 is given, and leaves the own count alone
+    for (size_t i = 0; i < requests.size(); ++i) {
+        const Bytes& r = requests[i];
+        ASSERT_EQ(r.size(), 44u);
+        EXPECT_EQ(r[1], 0);
+        EXPECT_EQ(be16(&r[6]), want_seq[i]) << i;
+        uint32_t sum = 0;
+        for (size_t k = 0; k < r.size(); k += 2) sum += be16(&r[k]);
+        while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
+        EXPECT_EQ(sum, 0xFFFFu) << "checksum of request " << i;
+        for (size_t k = 12; k < 24; ++k) EXPECT_EQ(r[k], 0) << k;
+        for (size_t k = 24; k < 44; ++k) EXPECT_EQ(r[k], 0x3C + (k - 24)) << k;
+    }
+    EXPECT_LE(be32(&requests[0][8]), uint32_t(sock->get_runtime_current()));
+    ASSERT_EQ(reply_seqs.size(), 4u);
+    EXPECT_EQ(reply_seqs[2], 7u);
+    EXPECT_EQ(reply_seqs[3], 2u);
+}
+
+// ---- TCP ---------------------------------------------------------------------------------------
+
+// Poll events of fd within `wait_ms`, 0 when none came.
+int16_t poll_write(MORL_SOCKET fd, int wait_ms) {
+    MORL_PollFd p = {fd, MORL_POLLOUT, 0};
+    return MORL_Poll(&p, 1, wait_ms) > 0 ? p.revents : 0;
+}
+
+TEST(DetectSocketTcp, TheConnectIsTheProbe) {
+    zeph_test::TcpListener listener;
+    ASSERT_TRUE(listener.ok());
+    auto reached = made<DetectSocketTCP>("tcp");
+    reached->set_dest_addr(kLoopback, listener.port());
+    ASSERT_TRUE(reached->create());
+    EXPECT_FALSE(listener.wait_accepts(1, kSilenceMs)) << "no connect before its probe";
+    reached->send_buf(1);
+    EXPECT_EQ(poll_write(reached->get_fd(), kRecvWaitMs), MORL_POLLOUT);
+    EXPECT_TRUE(listener.wait_accepts(1, kRecvWaitMs));
+    EXPECT_EQ(reached->get_recv_seq(Bytes(20, 1).data(), 20), 0u);
+
+    // A refused connect is never "writable and nothing else", the receive
+    // side's sign of a reached port: the error stays with the socket.
+    auto refused = made<DetectSocketTCP>("tcp");
+    refused->set_dest_addr(kLoopback, zeph_test::closed_tcp_port());
+    ASSERT_TRUE(refused->create());
+    refused->send_buf(1);
+    int16_t ev = 0;
+    wait_until([&] { return (ev = poll_write(refused->get_fd(), 10)) != 0; }, kRecvWaitMs);
+    EXPECT_NE(ev, MORL_POLLOUT);
+    EXPECT_TRUE(ev & MORL_POLLERR) << ev;
+    int err = 0, len = sizeof err;
+    EXPECT_EQ(MORL_GetSockOpt(refused->get_fd(), MORL_SOL_SOCKET, MORL_SO_ERROR, &err, &len), 0);
+    EXPECT_EQ(err, MORL_WSAECONNREFUSED);
+}
+
+TEST(DetectSocketTcp, WithAProxyAddressTheConnectGoesToTheProxy) {
+    zeph_test::TcpListener proxy;
+    ASSERT_TRUE(proxy.ok());
+    auto sock = made<DetectSocketTCP>("tcp");
+    sock->set_dest_addr(kLoopback, zeph_test::closed_tcp_port());
+    sock->set_proxy_addr(kLoopback, proxy.port());
+    ASSERT_TRUE(sock->create());
+    sock->send_buf(1);
+    EXPECT_TRUE(proxy.wait_accepts(1, kRecvWaitMs));
+    EXPECT_EQ(poll_write(sock->get_fd(), kRecvWaitMs), MORL_POLLOUT);
+}
+
+TEST(DetectSocketTcp, ProxyServiceOpensATunnelAndReportsOnce) {
+    zeph_test::TcpListener target;
+    zeph_test::TinyProxy proxy;
+    ASSERT_TRUE(target.ok());
+    ASSERT_TRUE(proxy.start({target.port()}));
+    ASSERT_EQ(zeph_settings_set_http_proxy("127.0.0.1", proxy.port(), nullptr, nullptr), 0);
+
+    static std::atomic<int> calls{0}, result{-100}, fd_seen{-1};
+    calls = 0;
+    auto on_result = [](MORL_SOCKET fd, int res) {
+        fd_seen = fd;
+        result = res;
+        ++calls;
+    };
+    auto sock = made<DetectSocketTCP>("tcp");
+    sock->set_dest_addr(kLoopback, target.port());
+    sock->set_proxy_addr(kLoopback, proxy.port());
+    ASSERT_TRUE(sock->create());
+    ASSERT_EQ(sock->proxy_connect_asyn(on_result), 0);
+    EXPECT_TRUE(wait_until([&] { return calls.load() == 1; }, 5000));
+    EXPECT_EQ(result.load(), 0);
+    EXPECT_EQ(fd_seen.load(), sock->get_fd());
+    EXPECT_TRUE(target.wait_accepts(1, kRecvWaitMs));
+    zeph_test::sleep_ms(kSilenceMs);
+    EXPECT_EQ(calls.load(), 1);
+    zeph_settings_set_http_proxy(nullptr, 0, nullptr, nullptr);
+
+    auto closed = made<DetectSocketTCP>("tcp");
+    EXPECT_EQ(closed->proxy_connect_asyn(on_result), -1) << "no descriptor, nothing handed over";
+}
+
+// ---- the bind walk -----------------------------------------------------------------------------
+
+std::shared_ptr<DetectSocketTCP> bindable_tcp() {
+    auto sock = made<DetectSocketTCP>("tcp");
+    sock->set_dest_addr(kLoopback, 9);
+    sock->set_local_ip(MORL_InetAddr("127.0.0.1"));
+    EXPECT_TRUE(sock->create());
+    return sock;
+}
+
+TEST(DetectSocketBind, WalkSkipsTakenPortsAndWrapsBelowTheLimit) {
+    LogCapture log;
+    // Two ports of the walk are taken by other sockets.
+    const uint16_t start = 61230;
+    auto first = bindable_tcp(), second = bindable_tcp();
+    first->set_start_port(start);
+    first->bind();
+    second->bind();
+    ASSERT_EQ(first->get_local_port(), start);
+    ASSERT_EQ(second->get_local_port(), start + 1);
+    first->set_start_port(start);
+    auto third = bindable_tcp();
+    third->bind();
+    EXPECT_EQ(third->get_local_port(), start + 2);
+    EXPECT_EQ(third->get_start_port(), start + 3);
+    EXPECT_EQ(log.count("[detect_start] bind_failed port=61230 type=tcp"), 1) << log.dump();
+
+    // The walk that passes the limit starts again from the bottom.
+    auto high = bindable_tcp();
+    high->set_start_port(64999);
+    high->bind();
+    EXPECT_EQ(high->get_local_port(), 64999);
+    EXPECT_EQ(high->get_start_port(), DETECT_SOCKET_START_PORT);
+
+    // ICMP and the plain socket always start from the bottom.
+    auto icmp = made<DetectSocketICMP>("icmp");
+    icmp->set_start_port(61000);
+    EXPECT_EQ(icmp->get_start_port(), DETECT_SOCKET_START_PORT);
+}
+
+TEST(DetectSocketBind, SixteenTakenPortsLeaveTheSocketUnboundAndMoveTheStart) {
+    const uint16_t start = 62410;
+    std::vector<std::shared_ptr<DetectSocketTCP>> takers;
+    auto taker = bindable_tcp();
+    taker->set_start_port(start);
+    for (int i = 0; i < 16; ++i) {
+        takers.push_back(bindable_tcp());
+        takers.back()->bind();
+        ASSERT_EQ(takers.back()->get_local_port(), start + i);
+    }
+    taker->set_start_port(start);
+    auto late = bindable_tcp();
+    late->bind();
+    EXPECT_EQ(late->get_local_port(), 0);
+    EXPECT_EQ(late->get_start_port(), start + 16);
+}
+
+} // namespace
