@@ -200,6 +200,29 @@ int MORL_QueryPerformanceFrequency(int64_t* freq);
 // Names the calling thread (cut to the 15 characters Linux keeps).
 int MORL_PthreadSetName(const char* name);
 
+// ---- waking a polling thread ----------------------------------------------------------
+// A wake is a descriptor that a thread polls beside its sockets, asking for
+// MORL_POLLRDNORM, and that any thread makes readable with MORL_WakeSignal:
+// the poll then returns, so that the thread can look again at what it
+// polls or at whether it should stop. Signals coalesce: several before a
+// drain make one readable state. A signal is never lost: the waiting
+// thread drains (after its poll has seen the wake readable) and only then
+// reads the state it acts on, so a change made before a signal is seen by
+// the next round at the latest. Signal and drain never block. The wake
+// costs the process one descriptor.
+using MORL_WAKE = int;
+constexpr MORL_WAKE MORL_INVALID_WAKE = -1;
+// A new wake, not signalled; MORL_INVALID_WAKE with the error in
+// MORL_GetLastSocketErr() (10024 when the process has no descriptor left).
+MORL_WAKE MORL_WakeCreate();
+// Makes the wake readable until the next drain. 0, or -1 with the error.
+int MORL_WakeSignal(MORL_WAKE wake);
+// Takes every signal given so far: 1 if there was one, 0 if not, -1 with
+// the error.
+int MORL_WakeDrain(MORL_WAKE wake);
+// Releases the descriptor. 0, or -1 with the error.
+int MORL_WakeClose(MORL_WAKE wake);
+
 // ---- recursive mutex in a caller-supplied block of 72 bytes ----------------------
 constexpr size_t MORL_MUTEX_BLOCK_SIZE = 72;
 int MORL_MutexInitRecursive(void* block, int flags);
