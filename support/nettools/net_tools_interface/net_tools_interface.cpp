@@ -3,6 +3,7 @@
 
 #include "commonlib/zeph_commonlib.h"
 #include "inc/net_tools_log.h"
+#include "inc/net_tools_msg.h"
 #include "net_tools_util/net_tools_util.h"
 
 namespace {
@@ -30,19 +31,22 @@ ZEPH_API const char* zeph_get_trans_protocol_type_str(uint32_t type) {
     }
 }
 
-// The threaded detections need only the module clock; the event-driven
-// runtime (message module and receive thread) joins these two calls when
-// those detections arrive.
+// Starts the event-driven runtime: the proxy tunnelling, the module clock,
+// the message module "net_tools_detect" and the receive thread. Threaded
+// detections need only the clock. One caller at a time.
 ZEPH_API int32_t zeph_net_tools_init(void) {
     NT_LOGI("enter");
     zeph_http_tunnel_init();
     init_runtime_clock();
-    return 0;
+    return g_net_tools_msg.init();
 }
 
+// Stops the runtime again; safe without an init, and from inside a
+// detection's result callback.
 ZEPH_API int32_t zeph_net_tools_uninit(void) {
     NT_LOGI("enter");
     zeph_http_tunnel_uninit();
+    g_net_tools_msg.finish();
     return 0;
 }
 

@@ -1,0 +1,391 @@
+// The event-driven runtime end to end: start and stop, packets from real UDP
+// peers through the receive and message threads, timers, name answers,
+// descriptor reuse, many detections at once, and a stop from inside an
+// event. Runs on the test's thread; the runtime's threads call back.
+#include <dirent.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "dns_responder.h"
+#include "inc/detect_socket.h"
+#include "inc/net_tools_msg.h"
+#include "peers.h"
+#include "zeph_nettools/net_tools.h"
+#include "zeph_nettools/settings.h"
+
+using namespace zeph_test;
+
+namespace {
+
+int threads_named(const std::string& name) {
+    int n = 0;
+    DIR* d = opendir("/proc/self/task");
+    if (d == nullptr) return -1;
+    while (dirent* e = readdir(d)) {
+        if (e->d_name[0] == '.') continue;
+        std::ifstream f(std::string("/proc/self/task/") + e->d_name + "/comm");
+        std::string comm;
+        std::getline(f, comm);
+        if (comm == name) ++n;
+    }
+    closedir(d);
+    return n;
+}
+
+int open_fds() {
+    int n = 0;
+    DIR* d = opendir("/proc/self/fd");
+    while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
+    closedir(d);
+    return n;
+}
+
+uint32_t host_order(const std::string& ip) { return ntohl(ipv4_be(ip)); }
+
+// A detection of the test's own: records what reaches it and on which thread.
+class TinyDetect : public DetectBase {
+public:
+    uint32_t get_recv_msg_id() override { return NET_TOOLS_MSG_CONNECTIVITY_RECV; }
+    void recv_pkt(const uint8_t* data, uint32_t len, std::shared_ptr<DetectSocket>,
+                  std::shared_ptr<DetectBase>) override {
+        {
+            std::lock_guard<std::mutex> g(mu);
+            packets.emplace_back(reinterpret_cast<const char*>(data), len);
+            off_thread += !NetToolsMsg::on_message_thread();
+        }
+        if (on_packet) on_packet();
+    }
+    void recv_timeout(uint64_t timer) override {
+        {
+            std::lock_guard<std::mutex> g(mu);
+            timeouts.push_back(timer);
+            off_thread += !NetToolsMsg::on_message_thread();
+        }
+        if (on_timeout) on_timeout(timer);
+    }
+    void recv_dns(const char* host, uint32_t addr) override {
+        std::lock_guard<std::mutex> g(mu);
+        answers.emplace_back(host, addr);
+        off_thread += !NetToolsMsg::on_message_thread();
+    }
+    size_t count_packets() { std::lock_guard<std::mutex> g(mu); return packets.size(); }
+    size_t count_timeouts(uint64_t t) {
+        std::lock_guard<std::mutex> g(mu);
+        size_t n = 0;
+        for (uint64_t x : timeouts) n += x == t;
+        return n;
+    }
+    size_t count_answers() { std::lock_guard<std::mutex> g(mu); return answers.size(); }
+
+    std::mutex mu;
+    std::vector<std::string> packets;
+    std::vector<uint64_t> timeouts;
+    std::vector<std::pair<std::string, uint32_t>> answers;
+    int off_thread = 0;
+    std::function<void()> on_packet;
+    std::function<void(uint64_t)> on_timeout;
+};
+
+// A UDP socket connected to the peer, not yet in the table.
+std::shared_ptr<DetectSocket> open_udp(const UdpSocket& peer) {
+    std::shared_ptr<DetectSocket> sock = SocketFactory<DetectSocket>::instance().get_socket(DETECT_SOCKET_KEY_UDP);
+    if (!sock) return sock;
+    sock->set_dest_addr(host_order("127.0.0.1"), peer.port());
+    if (!sock->create()) return nullptr;
+    return sock;
+}
+
+// Enters the socket in the table the way a detection does it: kept
+// pointers and a create message.
+bool register_sock(std::shared_ptr<DetectBase>& det, std::shared_ptr<DetectSocket>& sock, const UdpSocket& peer) {
+    DetectSocketBody body{};
+    body.dest_ip = host_order("127.0.0.1");
+    body.dest_port = peer.port();
+    body.sock_key = reinterpret_cast<uint64_t>(&sock);
+    body.detect_key = reinterpret_cast<uint64_t>(&det);
+    DetectPtrKeeper::keep_ptr(&sock);
+    DetectPtrKeeper::keep_ptr(&det);
+    EXPECT_EQ(0u, post_detect_msg(NET_TOOLS_MSG_CREATE_SOCKET, 0, 0, &body, sizeof body));
+    // The message thread takes the kept pointers before the keys go stale.
+    return wait_until([&] { return g_net_tools_msg.is_registered(sock->get_fd(), sock.get()); }, 3000);
+}
+
+std::shared_ptr<DetectSocket> open_registered(std::shared_ptr<DetectBase>& det, const UdpSocket& peer) {
+    std::shared_ptr<DetectSocket> sock = open_udp(peer);
+    if (!sock || !register_sock(det, sock, peer)) return nullptr;
+    return sock;
+}
+
+// Our socket's port, learnt by the peer from a first datagram.
+bool learn_port(DetectSocket& sock, UdpSocket& peer, uint16_t* port) {
+    const char hello[] = "hi";
+    sock.send(hello, sizeof hello);
+    char buf[64];
+    return peer.recv(buf, sizeof buf, 2000, nullptr, port) > 0;
+}
+
+class Runtime : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(0, zeph_net_tools_init()); }
+    void TearDown() override { zeph_net_tools_uninit(); }
+};
+
+constexpr const char* kRecvThread = "detect_recv";
+
+} // namespace
+
+TEST(RuntimeLife, InitTwiceUninitReinitKeepsOneReceiveThread) {
+    EXPECT_EQ(0, zeph_net_tools_uninit()); // without an init
+    ASSERT_EQ(0, zeph_net_tools_init());
+    ASSERT_EQ(0, zeph_net_tools_init());
+    EXPECT_EQ(1, threads_named(kRecvThread));
+    EXPECT_EQ(0, zeph_net_tools_uninit());
+    EXPECT_EQ(0, threads_named(kRecvThread)); // joined, not left running
+    EXPECT_EQ(0, zeph_net_tools_uninit());
+    ASSERT_EQ(0, zeph_net_tools_init());
+    EXPECT_EQ(1, threads_named(kRecvThread));
+    // The new runtime works: a packet goes through.
+    UdpSocket peer;
+    auto det = std::make_shared<TinyDetect>();
+    std::shared_ptr<DetectBase> base = det;
+    auto sock = open_registered(base, peer);
+    ASSERT_TRUE(sock);
+    uint16_t port = 0;
+    ASSERT_TRUE(learn_port(*sock, peer, &port));
+    peer.send_to("x", 1, "127.0.0.1", port);
+    EXPECT_TRUE(wait_until([&] { return det->count_packets() == 1; }, 3000));
+    EXPECT_EQ(0, zeph_net_tools_uninit());
+    EXPECT_EQ(0, threads_named(kRecvThread));
+    EXPECT_EQ(0u, g_net_tools_msg.table_size()); // the stop released the table
+}
+
+TEST_F(Runtime, PacketsReachRecvPktInOrderOnMessageThreadUntilFreed) {
+    LogCapture log;
+    UdpSocket peer;
+    auto det = std::make_shared<TinyDetect>();
+    std::shared_ptr<DetectBase> base = det;
+    auto sock = open_registered(base, peer);
+    ASSERT_TRUE(sock);
+    EXPECT_EQ(0u, DetectPtrKeeper::size());
+    uint16_t port = 0;
+    ASSERT_TRUE(learn_port(*sock, peer, &port));
+    peer.send_to("", 0, "127.0.0.1", port); // an empty datagram is no packet
+    peer.send_to("a", 1, "127.0.0.1", port);
+    peer.send_to("bb", 2, "127.0.0.1", port);
+    peer.send_to("ccc", 3, "127.0.0.1", port);
+    ASSERT_TRUE(wait_until([&] { return det->count_packets() >= 3; }, 3000)) << log.dump();
+    sleep_ms(50);
+    {
+        std::lock_guard<std::mutex> g(det->mu);
+        EXPECT_EQ((std::vector<std::string>{"a", "bb", "ccc"}), det->packets);
+        EXPECT_EQ(0, det->off_thread);
+    }
+    // Freed: the entry goes, no packet arrives any more, and the table no
+    // longer holds the socket or the detection.
+    const int32_t fd = sock->get_fd();
+    EXPECT_EQ(0u, post_free_sockets(det.get(), &fd, 1));
+    ASSERT_TRUE(wait_until([&] { return g_net_tools_msg.table_size() == 0; }, 3000));
+    peer.send_to("late", 4, "127.0.0.1", port);
+    sleep_ms(100);
+    EXPECT_EQ(3u, det->count_packets());
+    EXPECT_EQ(1, sock.use_count());
+    EXPECT_EQ(2, base.use_count());
+}
+
+TEST_F(Runtime, TimerFiresOnceStoppedNeverStaleArmingDropped) {
+    auto det = std::make_shared<TinyDetect>();
+    std::weak_ptr<DetectBase> weak = det;
+    MORL_TimerHandle once = MORL_CreateRelTimerM(NetToolsTimerSave::timeout, MORL_TIMER_OWNED, "once");
+    MORL_TimerHandle stopped = MORL_CreateRelTimerM(NetToolsTimerSave::timeout, MORL_TIMER_OWNED, "stopped");
+    MORL_TimerHandle driver = MORL_CreateRelTimerM(NetToolsTimerSave::timeout, MORL_TIMER_OWNED, "driver");
+    MORL_TimerHandle rearmed = MORL_CreateRelTimerM(NetToolsTimerSave::timeout, MORL_TIMER_OWNED, "rearmed");
+    ASSERT_NE(0u, once);
+
+    EXPECT_EQ(0u, g_timer_save.start_timer(once, 0, weak)); // registered before armed: a 0 delay fires too
+    EXPECT_EQ(0u, g_timer_save.start_timer(stopped, 50, weak));
+    g_timer_save.stop_timer(stopped);
+    ASSERT_TRUE(wait_until([&] { return det->count_timeouts(once) == 1; }, 3000));
+
+    // While the message thread is busy in the driver's expiry, `rearmed`
+    // expires (its event queues) and is then armed again: the queued expiry
+    // belongs to the old arming and must not arrive.
+    std::atomic<uint64_t> driver_done{0};
+    det->on_timeout = [&](uint64_t t) {
+        if (t != driver) return;
+        g_timer_save.start_timer(rearmed, 1, weak);
+        sleep_ms(100);
+        g_timer_save.start_timer(rearmed, 600, weak);
+        driver_done = now_ms();
+    };
+    EXPECT_EQ(0u, g_timer_save.start_timer(driver, 1, weak));
+    ASSERT_TRUE(wait_until([&] { return driver_done.load() != 0; }, 3000));
+    sleep_ms(300);
+    EXPECT_EQ(0u, det->count_timeouts(rearmed));
+    ASSERT_TRUE(wait_until([&] { return det->count_timeouts(rearmed) == 1; }, 3000));
+    sleep_ms(200);
+    EXPECT_EQ(1u, det->count_timeouts(once));
+    EXPECT_EQ(0u, det->count_timeouts(stopped));
+    EXPECT_EQ(1u, det->count_timeouts(rearmed));
+    EXPECT_EQ(0, det->off_thread);
+
+    // An expiry after its detection ended reaches nobody.
+    EXPECT_EQ(0u, g_timer_save.start_timer(once, 20, weak));
+    det->on_timeout = nullptr;
+    det.reset();
+    EXPECT_TRUE(weak.expired());
+    sleep_ms(150);
+    for (MORL_TimerHandle t : {once, stopped, driver, rearmed}) {
+        g_timer_save.stop_timer(t);
+        MORL_FreeRelTimer(t);
+    }
+}
+
+TEST_F(Runtime, DnsAnswerReachesDetectionAndLateAnswersReachNobody) {
+    DnsResponder dns;
+    ASSERT_TRUE(dns.ok());
+    dns.add("a.zeph.test", DnsResponder::address("10.1.2.3"));
+    dns.add("slow.zeph.test", DnsResponder::address("10.1.2.4", 300));
+    ASSERT_EQ(0, zeph_settings_set_dns_servers(dns.server().c_str()));
+    LogCapture log;
+
+    auto det = std::make_shared<TinyDetect>();
+    EXPECT_EQ(0u, g_asyn_dns.start_asyn_dns({"a.zeph.test"}, det));
+    ASSERT_TRUE(wait_until([&] { return det->count_answers() == 1; }, 5000)) << log.dump();
+    {
+        std::lock_guard<std::mutex> g(det->mu);
+        EXPECT_EQ("a.zeph.test", det->answers[0].first);
+        EXPECT_EQ(ipv4_be("10.1.2.3"), det->answers[0].second);
+        EXPECT_EQ(0, det->off_thread);
+    }
+    g_asyn_dns.stop_asyn_dns(det.get());
+
+    // One detection stops its request, another ends without stopping it.
+    auto stopped = std::make_shared<TinyDetect>();
+    auto ended = std::make_shared<TinyDetect>();
+    std::weak_ptr<DetectBase> ended_weak = ended;
+    g_asyn_dns.start_asyn_dns({"slow.zeph.test"}, stopped);
+    g_asyn_dns.start_asyn_dns({"slow.zeph.test"}, ended);
+    g_asyn_dns.stop_asyn_dns(stopped.get());
+    ended.reset();
+    EXPECT_TRUE(ended_weak.expired());
+    EXPECT_TRUE(wait_until([&] { return log.count("No detect found for") >= 2; }, 5000)) << log.dump();
+    EXPECT_EQ(0u, stopped->count_answers());
+    g_asyn_dns.stop_asyn_dns(stopped.get());
+    EXPECT_EQ(0u, g_asyn_dns.size());
+}
+
+TEST_F(Runtime, LateFreeLeavesTheEntryOfAReusedDescriptor) {
+    UdpSocket peer;
+    auto a = std::make_shared<TinyDetect>();
+    auto b = std::make_shared<TinyDetect>();
+    std::shared_ptr<DetectBase> a_base = a, b_base = b;
+    auto sock_a = open_registered(a_base, peer);
+    ASSERT_TRUE(sock_a);
+    const int32_t fd = sock_a->get_fd();
+    ASSERT_EQ(0u, post_free_sockets(a.get(), &fd, 1));
+    ASSERT_TRUE(wait_until([&] { return g_net_tools_msg.table_size() == 0; }, 3000));
+    sock_a.reset(); // descriptor closed, its number free again
+
+    // B opens sockets until one gets the number again.
+    std::vector<std::shared_ptr<DetectSocket>> others;
+    std::shared_ptr<DetectSocket> sock_b;
+    for (int i = 0; i < 64 && !sock_b; ++i) {
+        auto s = open_udp(peer);
+        ASSERT_TRUE(s);
+        if (s->get_fd() == fd) sock_b = s;
+        else others.push_back(s);
+    }
+    others.clear();
+    ASSERT_TRUE(sock_b) << "descriptor " << fd << " never came back";
+    ASSERT_TRUE(register_sock(b_base, sock_b, peer));
+
+    // A's finishing free, with the number it remembers.
+    ASSERT_EQ(0u, post_free_sockets(a.get(), &fd, 1));
+    uint16_t port = 0;
+    ASSERT_TRUE(learn_port(*sock_b, peer, &port));
+    peer.send_to("b", 1, "127.0.0.1", port);
+    EXPECT_TRUE(wait_until([&] { return b->count_packets() == 1; }, 3000));
+    EXPECT_EQ(1u, g_net_tools_msg.table_size());
+    EXPECT_EQ(0u, a->count_packets());
+    ASSERT_EQ(0u, post_free_sockets(b.get(), &fd, 1));
+    EXPECT_TRUE(wait_until([&] { return g_net_tools_msg.table_size() == 0; }, 3000));
+}
+
+TEST_F(Runtime, ManyDetectionsFromFourThreadsFreeEverything) {
+    constexpr int kThreads = 4;
+    constexpr int kPerThread = 10;
+    UdpSocket peer;
+    const int fds_before = open_fds();
+    std::atomic<int> got{0};
+    std::vector<std::weak_ptr<DetectBase>> all;
+    std::mutex all_mu;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < kPerThread; ++i) {
+                auto det = std::make_shared<TinyDetect>();
+                std::shared_ptr<DetectBase> base = det;
+                {
+                    std::lock_guard<std::mutex> g(all_mu);
+                    all.push_back(base);
+                }
+                auto sock = open_registered(base, peer);
+                if (!sock) continue;
+                MORL_TimerHandle timer = MORL_CreateRelTimerM(NetToolsTimerSave::timeout, MORL_TIMER_OWNED, "many");
+                g_timer_save.start_timer(timer, 5, base);
+                const char probe[] = "p";
+                sock->send(probe, sizeof probe);
+                if (wait_until([&] { return det->count_timeouts(timer) == 1; }, 3000)) ++got;
+                g_timer_save.stop_timer(timer);
+                MORL_FreeRelTimer(timer);
+                const int32_t fd = sock->get_fd();
+                post_free_sockets(det.get(), &fd, 1);
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(kThreads * kPerThread, got.load());
+    ASSERT_TRUE(wait_until([&] { return g_net_tools_msg.table_size() == 0; }, 5000));
+    ASSERT_TRUE(wait_until(
+        [&] {
+            std::lock_guard<std::mutex> g(all_mu);
+            for (auto& w : all)
+                if (!w.expired()) return false;
+            return true;
+        },
+        3000));
+    EXPECT_EQ(0u, DetectPtrKeeper::size());
+    EXPECT_EQ(0u, g_timer_save.size());
+    EXPECT_EQ(fds_before, open_fds());
+}
+
+TEST(RuntimeLife, UninitFromInsideAPacketEventAndInitAgain) {
+    ASSERT_EQ(0, zeph_net_tools_init());
+    UdpSocket peer;
+    auto det = std::make_shared<TinyDetect>();
+    std::shared_ptr<DetectBase> base = det;
+    std::atomic<int> stopped{0};
+    det->on_packet = [&] { stopped = zeph_net_tools_uninit() == 0 ? 1 : 2; };
+    auto sock = open_registered(base, peer);
+    ASSERT_TRUE(sock);
+    uint16_t port = 0;
+    ASSERT_TRUE(learn_port(*sock, peer, &port));
+    peer.send_to("stop", 4, "127.0.0.1", port);
+    ASSERT_TRUE(wait_until([&] { return stopped.load() != 0; }, 3000));
+    EXPECT_EQ(1, stopped.load());
+    EXPECT_TRUE(wait_until([&] { return threads_named(kRecvThread) == 0; }, 3000));
+    det->on_packet = nullptr;
+    // The next start on another thread finds a clean state.
+    ASSERT_EQ(0, zeph_net_tools_init());
+    EXPECT_EQ(1, threads_named(kRecvThread));
+    EXPECT_EQ(0, zeph_net_tools_uninit());
+    EXPECT_EQ(0, threads_named(kRecvThread));
+}
