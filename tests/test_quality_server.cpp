@@ -144,6 +144,7 @@ TEST_F(QualityServerTest, AuthAndEndAreAnsweredAndLeaveTheRingAlone) {
     Serve("127.0.64.3");
     UdpSocket client;
     std::vector<uint8_t> auth = Packet(2, 0, 77, 1310);
+    put16(auth, kLen, uint16_t(auth.size())); // a request tells its whole length
     std::memcpy(auth.data() + 32, "any token at all", 16);
     const std::vector<uint8_t> a = Exchange(client, auth);
     ASSERT_EQ(a.size(), auth.size());

@@ -129,11 +129,13 @@ int32_t DetectServer::recv_pkt_is_valid(const uint8_t* pkt, size_t len) {
     return base_pkt_is_valid(pkt, len, q::kSeqNoLimit);
 }
 
-bool DetectServer::is_auth_request(const uint8_t* /*pkt*/, size_t /*len*/) const {
-    // Streams that carry their token in every packet use type 2 as well;
-    // every type-2 packet is taken for an auth request until those are told
-    // apart here.
-    return true;
+bool DetectServer::is_auth_request(const uint8_t* pkt, size_t len) const {
+    // Streams that carry their token in every packet send their data as
+    // type 2 as well. Such a packet tells the length of what follows its
+    // head and region; an auth request tells its whole length (or has no
+    // room for a payload at all).
+    if (len < q::kHeadRegionSize) return true;
+    return q::get_len(pkt, len, false) != len - q::kHeadRegionSize;
 }
 
 size_t DetectServer::answer(uint8_t* pkt, size_t len, const DetectServerClientKey& from, int64_t now) {
