@@ -175,4 +175,88 @@ _Static_assert(sizeof(PortDetectInfo) == 3776, "PortDetectInfo is 3776 bytes");
 _Static_assert(sizeof(NetDetectResult) == 56, "NetDetectResult is 56 bytes");
 #endif
 
+/* ---- quality detections (C++ only) ------------------------------------------
+ * These exports take and deliver standard strings and vectors: caller and
+ * library are built with the same standard library. The names stay plain
+ * (extern "C"), the records' layout is not a wire format. */
+#ifdef __cplusplus
+#include <string>
+#include <vector>
+
+/* One server site of a quality detection. */
+struct DetectSiteInfo {
+    int32_t valid = 0;       /* written by the detection: 1 if the site can be used */
+    int16_t index = 0;       /* the caller's number for the site, reported back unchanged */
+    uint16_t port = 0;       /* server port, host byte order */
+    uint32_t delaybase = 0;  /* ms added to the measured one-way delay when scoring */
+    std::string ip;          /* server address, dotted or a name */
+    std::string auth_token;  /* 1 to 64 bytes */
+    std::string auth_para;   /* 1 to 128 bytes */
+};
+
+/* One site's figures in a report. Delays and jitters in ms, loss rates in
+ * thousandths; 10000 in a delay or jitter and 1000 in a loss mean that
+ * nothing could be measured. "a_" is the average, "m_" the worst second;
+ * "s" is towards the server, "r" back from it. */
+struct DetectQosResult {
+    int16_t index; /* the site's index */
+    int32_t score; /* 0..7000 with the default table and weights, -1000 unusable */
+    int32_t is_pre; /* 1 for the best site */
+    int32_t a_delay, m_delay; /* round trip */
+    int32_t a_s_jitter, m_s_jitter;
+    int32_t a_r_jitter, m_r_jitter;
+    int32_t a_s_loss, m_s_loss;
+    int32_t a_r_loss, m_r_loss;
+    int32_t max_s_cont_loss_num, max_r_cont_loss_num; /* longest runs of lost packets */
+};
+static_assert(sizeof(DetectQosResult) == 60, "DetectQosResult is 60 bytes");
+
+/* One row of the score table: at this delay (ms, one way), jitter (ms) and
+ * loss (thousandths) the score of each is `score`. */
+struct DetectRole {
+    int32_t valid;
+    int32_t delay;
+    int32_t jitter;
+    int32_t loss;
+    int32_t score;
+};
+static_assert(sizeof(DetectRole) == 20, "DetectRole is 20 bytes");
+
+/* Callback of the quality detections: `id` 0; `p1` a result code, 0 for
+ * results; `p2` the index of the best (or reported) site, else 0; the
+ * results by value, so the callee owns its copy. Runs on a library thread. */
+using DetectBwNotify = void (*)(int32_t id, int32_t p1, int32_t p2, std::vector<DetectQosResult> results);
+
+extern "C" {
+
+/*
+ * Scores up to 10 sites at once: a 3 s stream to each (the rate shared
+ * evenly among them), one callback with a record per site in site order and
+ * the best one marked (ties go to the first). Client ports are bound from
+ * 64100 up, one per site. Returns 0; 26 for a null callback or no usable
+ * site (a site needs ip, port, token and parameter); 31 for more than 10
+ * sites or a token or parameter of a bad length. Later failures come through
+ * the callback with no records: 23 when a site has no socket (its address
+ * does not resolve, or it is not usable), 31 (twice) when a server refuses
+ * the token.
+ */
+ZEPH_API uint32_t zeph_detect_start_mult_site_client(const std::vector<DetectSiteInfo>& sites,
+                                                     DetectBwNotify notify);
+/*
+ * Replaces the score table for all later scoring. Rows must rise in delay,
+ * jitter and loss and fall in score; the walk stops at a row with `valid` 0
+ * or one that breaks the order; a row scoring -1000 is the limit (a site at
+ * or beyond it in any of the three scores -1000). Returns 0; 26 when fewer
+ * than two rows are usable (nothing changes); 33 when the scorer is not
+ * available.
+ */
+ZEPH_API uint32_t zeph_detect_set_qos_roles(const std::vector<DetectRole>* roles);
+/* Weights of delay, jitter and loss (three values, each 1..5; default 2, 2,
+ * 3). Returns 0; 32 when one is out of range or `weights` is null (nothing
+ * changes); 33 when the scorer is not available. */
+ZEPH_API uint32_t zeph_detect_set_qos_weight(const uint32_t* weights);
+
+} /* extern "C" */
+#endif /* __cplusplus */
+
 #endif

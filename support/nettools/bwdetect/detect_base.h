@@ -19,22 +19,15 @@
 
 #include "bwdetect/quality_wire.h"
 #include "os_adapter/morl_os.h"
+#include "zeph_nettools/net_tools.h"
 
 class DetectSocket;
 
 // The object's socket; its deleter is DetectBase::close_socket.
 using DetectSockPtr = std::shared_ptr<MORL_SOCKET>;
 
-// One site of a quality detection.
-struct DetectSiteInfo {
-    int32_t valid = 0;       // 1 if the site can be used
-    int16_t index = 0;       // the caller's number for the site, reported back unchanged
-    uint16_t port = 0;       // server port, host order
-    uint32_t delaybase = 0;  // ms added to the measured one-way delay when scoring
-    std::string ip;          // server address as text
-    std::string auth_token;  // 1 to 64 bytes
-    std::string auth_para;   // 1 to 128 bytes
-};
+// DetectSiteInfo, one site of a quality detection, is a record of the
+// public header.
 
 enum DetectState : int32_t {
     DETECT_STATE_IDLE = 0,       // nothing going on, or an exchanger ready for reuse

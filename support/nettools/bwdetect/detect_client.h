@@ -17,22 +17,8 @@
 #include "bwdetect/detect_base.h"
 #include "bwdetect/detect_cli_pkt.h"
 
-// One site's figures in a report.
-struct DetectQosResult {
-    int16_t index;
-    int32_t score;
-    int32_t is_pre; // 1 for the best site
-    int32_t a_delay, m_delay;
-    int32_t a_s_jitter, m_s_jitter;
-    int32_t a_r_jitter, m_r_jitter;
-    int32_t a_s_loss, m_s_loss;
-    int32_t a_r_loss, m_r_loss;
-    int32_t max_s_cont_loss_num, max_r_cont_loss_num;
-};
-
-// Callback of the quality clients: `id` 0, `p1` a result code (0 for
-// results), `p2` a site's index or 0, and the results by value.
-using DetectBwNotify = void (*)(int32_t id, int32_t p1, int32_t p2, std::vector<DetectQosResult> results);
+// DetectQosResult and the callback DetectBwNotify are records of the public
+// header (through detect_base.h).
 
 // Results of start_client and of the handshake.
 constexpr int32_t DETECT_ERR_NO_SOCKET = 22;
