@@ -9,7 +9,9 @@
 //   3. latency of an echoed packet from MORL_MediaSend to the receive
 //      callback, at 50 and at 1000 packets/s, in both modes.
 //
-//   bench_media [--literal-loops]    (throughput with the literal loops)
+//   bench_media [--literal-loops] [--throughput-only]
+//     --literal-loops     throughput with the literal loops
+//     --throughput-only   section 2 alone (for a profiler)
 #include <zeph_nettools/media_socket.h>
 #include <zeph_nettools/settings.h>
 
@@ -388,11 +390,14 @@ std::string ratio(double a, double b) {
 
 int main(int argc, char** argv) {
     bool literalThroughput = false;
+    bool throughputOnly = false;
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--literal-loops")) {
             literalThroughput = true;
+        } else if (!std::strcmp(argv[i], "--throughput-only")) {
+            throughputOnly = true;
         } else {
-            std::fprintf(stderr, "usage: bench_media [--literal-loops]\n");
+            std::fprintf(stderr, "usage: bench_media [--literal-loops] [--throughput-only]\n");
             return 2;
         }
     }
@@ -404,7 +409,7 @@ int main(int argc, char** argv) {
     std::printf("media transport against plain blocking TCP, on loopback, one media peer per run\n\n");
 
     std::printf("idle session, all five media types connected, CPU over 3 s:\n");
-    for (int literal = 0; literal < 2; ++literal) {
+    for (int literal = 0; literal < 2 && !throughputOnly; ++literal) {
         IdleFigures idle = idle_cpu(3.0, literal == 1);
         if (!idle.ok) {
             std::fprintf(stderr, "bench_media: the idle session could not connect\n");
@@ -461,7 +466,7 @@ int main(int argc, char** argv) {
         size_t count;
     };
     const Rate rates[] = {{50, 150}, {1000, 2000}};
-    for (const Rate& r : rates) {
+    for (const Rate& r : throughputOnly ? std::vector<Rate>{} : std::vector<Rate>(std::begin(rates), std::end(rates))) {
         const Latency base = baseline_latency(r.pps, r.count);
         for (int literal = 0; literal < 2; ++literal) {
             const Latency l = session_latency(r.pps, r.count, literal == 1);

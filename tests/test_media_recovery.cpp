@@ -1,19 +1,24 @@
 // Self-repair of the media transport: lost channels come back within the
 // limits of rate, a media type with every socket closed is rebuilt by the
-// next send, a channel that cannot come back leaves the others working, and
-// a peer that stops reading or goes away costs neither sockets nor callers.
+// next send, a channel that cannot come back leaves the others working, a
+// peer that pauses reading loses no packet and keeps its connection, and a
+// peer that goes away costs neither sockets nor callers.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include "media_harness.h"
 #include "media_peer.h"
@@ -185,8 +190,111 @@ size_t SocketsTo(uint16_t port)
     return n;
 }
 
-TEST(MediaRecovery, PeerThatStopsReadingGetsItsChannelReplacedAndNoSocketLeaks)
+// A body of `size` bytes that carries its number in its first four bytes.
+Bytes Numbered(uint32_t index, size_t size)
 {
+    Bytes body = Body(size, uint8_t(index));
+    for (int i = 0; i < 4; ++i) body[size_t(i)] = uint8_t(index >> (24 - 8 * i));
+    return body;
+}
+
+// The numbers of the whole packets in a byte stream, in order; stops at the
+// first thing that is not a whole packet of `type`.
+std::vector<uint32_t> NumbersOnTheWire(const Bytes& wire, uint32_t type)
+{
+    std::vector<uint32_t> numbers;
+    size_t at = 0;
+    while (wire.size() - at >= size_t(kPrivateHeadSize) + 4) {
+        const uint16_t len = PrivateHeadLength(wire.data() + at);
+        if (wire[at] != kPrivateHeadTag || wire[at + 3] != type || len < kPrivateHeadSize + 4 ||
+            wire.size() - at < len) {
+            break;
+        }
+        const uint8_t* b = wire.data() + at + kPrivateHeadSize;
+        numbers.push_back(uint32_t(b[0]) << 24 | uint32_t(b[1]) << 16 | uint32_t(b[2]) << 8 | b[3]);
+        at += len;
+    }
+    return numbers;
+}
+
+TEST(MediaRecovery, PeerThatPausesReadingGetsEveryAcceptedPacketOnItsOneConnection)
+{
+    BacklogListener stuck(4);
+    ASSERT_NE(stuck.port(), 0);
+    MediaSession s(3145);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    ASSERT_EQ(s.Connect(kVideo, stuck.port()), 0);
+    ASSERT_EQ(stuck.AcceptAll(), 1u);
+    const int conn = stuck.connections()[0];
+    constexpr size_t kBody = 1200;
+
+    // The peer reads nothing: the kernel's buffers fill, then the send
+    // ring, and the caller is refused (never blocked) until the refusals
+    // have lasted a while.
+    uint32_t accepted = 0;
+    uint64_t refusedSince = 0;
+    const uint64_t deadline = now_ms() + 10000;
+    while (now_ms() < deadline) {
+        const int32_t rc = s.Send(kVideo, 2, Numbered(accepted, kBody));
+        if (rc == 0) {
+            ++accepted;
+            refusedSince = 0;
+            continue;
+        }
+        ASSERT_EQ(rc, MEDIA_SOCKET_ERRCODE_WRITE_BUFFER) << "after " << accepted << " packets";
+        if (refusedSince == 0) refusedSince = now_ms();
+        if (now_ms() - refusedSince >= 300) break;
+        sleep_ms(1);
+    }
+    ASSERT_NE(refusedSince, 0u) << "the peer's buffers never filled";
+    EXPECT_EQ(stuck.AcceptAll(), 1u) << "a full channel is not replaced";
+
+    // The peer reads again; more packets follow the queued ones.
+    std::mutex mu;
+    Bytes wire;
+    std::atomic<bool> reading{true};
+    std::thread reader([&] {
+        uint8_t buf[65536];
+        while (reading) {
+            pollfd p{conn, POLLIN, 0};
+            if (::poll(&p, 1, 20) <= 0) continue;
+            const ssize_t n = ::recv(conn, buf, sizeof buf, 0);
+            if (n <= 0) break;
+            std::lock_guard<std::mutex> lock(mu);
+            wire.insert(wire.end(), buf, buf + n);
+        }
+    });
+    const uint32_t more = accepted + 500;
+    while (accepted < more && now_ms() < deadline + 10000) {
+        const int32_t rc = s.Send(kVideo, 2, Numbered(accepted, kBody));
+        if (rc == 0) {
+            ++accepted;
+        } else {
+            EXPECT_EQ(rc, MEDIA_SOCKET_ERRCODE_WRITE_BUFFER);
+            sleep_ms(1);
+        }
+    }
+    const auto delivered = [&] {
+        std::lock_guard<std::mutex> lock(mu);
+        return NumbersOnTheWire(wire, kVideo);
+    };
+    wait_until([&] { return delivered().size() >= accepted; }, 10000);
+    reading = false;
+    reader.join();
+
+    std::vector<uint32_t> expected(accepted);
+    for (uint32_t i = 0; i < accepted; ++i) expected[i] = i;
+    EXPECT_EQ(delivered(), expected) << "every accepted packet, once, in order";
+    EXPECT_EQ(stuck.AcceptAll(), 1u) << "still the first connection";
+    EXPECT_EQ(s.Stats(kVideo).sendLenErrorCount, 0u);
+    EXPECT_EQ(s.EventCount(kVideo, ZEPH_MEDIA_EVENT_RING_FLUSHED), 0u);
+}
+
+// With the literal send loop a send that finds the socket full cuts the
+// packet, and the channel is replaced by a new connection.
+TEST(MediaRecovery, LiteralLoopPeerThatStopsReadingGetsItsChannelReplacedAndNoSocketLeaks)
+{
+    MediaSocket::SetLiteralLoops(true);
     BacklogListener stuck(4);
     ASSERT_NE(stuck.port(), 0);
     {
@@ -230,6 +338,7 @@ TEST(MediaRecovery, PeerThatStopsReadingGetsItsChannelReplacedAndNoSocketLeaks)
     // Closed: every socket the session opened is released, the replaced one too.
     EXPECT_TRUE(wait_until([&] { return SocketsTo(stuck.port()) == 0; }, 10000))
         << SocketsTo(stuck.port()) << " sockets still open to the peer";
+    MediaSocket::SetLiteralLoops(false);
 }
 
 TEST(MediaRecovery, SendsIntoAConnectionThePeerClosedFailUntilTheRepairIsAllowed)

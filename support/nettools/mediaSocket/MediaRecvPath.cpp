@@ -71,10 +71,10 @@ void MediaSocket::SocketRecvThread()
                                << ", recvLen: " << n;
                 }
                 ++recvErrCount;
-                CheckAndReCreateChannel(sock, revents, n, socketError);
+                OnRecvFailed(sock, revents, n, socketError);
             } else if ((revents & MORL_POLLHUP) != 0) {
                 const int n = MORL_Recv(sock, buffer, kRecvReadSize, 0);
-                CheckAndReCreateChannel(sock, revents, n, MORL_GetLastSocketErr());
+                OnRecvFailed(sock, revents, n, MORL_GetLastSocketErr());
             } else if (revents != 0) {
                 if (errCount.fetch_add(1) % kLogEveryCount == 0) {
                     MEDIA_LOGW << "recv poll failed, session id: " << sessionId << ", revents: " << revents

@@ -1,5 +1,7 @@
 // Repair and events: what becomes of a damage that a path reported. The
-// quick decisions (count, limits, one channel re-created in place) run on
+// send path reports through OnSendOutcome, the receive path through
+// OnRecvFailed and CheckDirtyData; only the code here reconnects and calls
+// the user's event callback. The quick decisions (count, limits, one channel re-created in place) run on
 // the thread that reported: the receive thread, the send thread or a
 // connect. Rebuilding a whole media type, and a channel repair that found
 // another re-creation running, go to the repair thread ("MediaRepair").
@@ -10,6 +12,7 @@
 #include <cctype>
 #include <chrono>
 #include <cstring>
+#include <functional>
 
 #include "mediaSocket/MediaLimits.h"
 #include "mediaSocket/MediaLog.h"
@@ -116,6 +119,47 @@ void MediaSocket::DoEventCallbackOfSockChan(const std::shared_ptr<SockChannel>& 
     }
 }
 
+void MediaSocket::OnSendOutcome(const std::shared_ptr<SocketInfo>& info, const std::shared_ptr<SockChannel>& ch,
+                                SendOutcome outcome, int32_t code)
+{
+    const uint32_t errorCode = static_cast<uint32_t>(code);
+    switch (outcome) {
+        case SendOutcome::NoSocket:
+            DoEventCallback(info, MediaEventInfo{ZEPH_MEDIA_EVENT_NO_SOCKET, errorCode});
+            break;
+        case SendOutcome::RingDamaged:
+            DoEventCallback(info, MediaEventInfo{ZEPH_MEDIA_EVENT_RING_FLUSHED, errorCode});
+            break;
+        case SendOutcome::ChannelClosed:
+            DoEventCallbackOfSockChan(ch, MediaEventInfo{ZEPH_MEDIA_EVENT_CHANNEL_LOST, errorCode});
+            break;
+        case SendOutcome::PeerClosed:
+            MediaReCreateChannelOfSockChan(ch);
+            break;
+        case SendOutcome::Refused:
+        case SendOutcome::CutShort:
+            // After a cut packet the peer's framer would take the next
+            // packet's bytes for the rest: the connection is replaced.
+            DoEventCallbackOfSockChan(ch, MediaEventInfo{ZEPH_MEDIA_EVENT_SEND_FAILED, errorCode});
+            break;
+        case SendOutcome::NotInitialised: {
+            static std::atomic<uint32_t> notInitCount{0};
+            static std::atomic<uint64_t> notInitLogTime{0};
+            if ((notInitCount.fetch_add(1, std::memory_order_relaxed) & kLogEvery) == 0) {
+                const uint64_t now = NowMs();
+                const uint64_t last = notInitLogTime.load(std::memory_order_relaxed);
+                if (now - last >= kLogGapMs) {
+                    notInitLogTime.store(now, std::memory_order_relaxed);
+                    MEDIA_LOGE << "WSANOTINITIALISED error! session id: " << sessionId << ", currTime: " << now
+                               << ", lastTime: " << last;
+                }
+                MORL_InitSocket();
+            }
+            break;
+        }
+    }
+}
+
 bool MediaSocket::QueueRepair(const RepairJob& job)
 {
     {
@@ -218,7 +262,7 @@ MediaSocket::RepairOutcome MediaSocket::RebuildMediaType(uint32_t mediaType, Med
     return RepairOutcome::Done;
 }
 
-void MediaSocket::CheckAndReCreateChannel(int32_t sock, int16_t revents, int32_t recvLen, int32_t socketError)
+void MediaSocket::OnRecvFailed(int32_t sock, int16_t revents, int32_t recvLen, int32_t socketError)
 {
     auto info = FindSocketInfoBySock(sock);
     if (!info) {
@@ -243,6 +287,23 @@ void MediaSocket::CheckAndReCreateChannel(int32_t sock, int16_t revents, int32_t
     }
 }
 
+int32_t MediaSocket::WithReCreate(uint32_t mediaType,
+                                  const std::function<int32_t(SocketInfo&, const SocketInfo::Server&)>& body)
+{
+    int32_t refused = 0;
+    auto info = FindCreated(mediaType, refused);
+    if (!info) {
+        return refused;
+    }
+    ReCreateGuard guard(*info);
+    if (!guard) {
+        MEDIA_LOGW << "re-creation already under way, session id: " << sessionId
+                   << ", mediaType: " << GetMediaTypeName(mediaType);
+        return MEDIA_SOCKET_ERRCODE_FAILED;
+    }
+    return body(*info, info->GetServer());
+}
+
 int32_t MediaSocket::MediaReCreateChannelOfSockChan(const std::shared_ptr<SockChannel>& ch)
 {
     if (!ch) {
@@ -252,67 +313,44 @@ int32_t MediaSocket::MediaReCreateChannelOfSockChan(const std::shared_ptr<SockCh
     const uint32_t mediaType = ch->mediaType;
     MEDIA_LOGI << "MediaReCreateChannelOfSockChan start. session id: " << sessionId
                << ", mediaType: " << GetMediaTypeName(mediaType);
-    int32_t refused = 0;
-    auto info = FindCreated(mediaType, refused);
-    if (!info) {
-        return refused;
-    }
-    ReCreateGuard guard(*info);
-    if (!guard) {
-        MEDIA_LOGW << "re-creation already under way, session id: " << sessionId
-                   << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_FAILED;
-    }
-    const SocketInfo::Server server = info->GetServer();
-    const std::string& address = server.address;
-    const uint16_t port = server.port;
-    ClearFdsOfSock(mediaType, ch->sock);
-    CloseChannelSock(ch);
-    ch->state = SockChannel::Connecting;
-    const int32_t made = MediaCreateSocketOfSockChan(ch);
-    if (made != 0) {
-        ch->localPort = 0;
-        ch->state = SockChannel::Closed;
-        return made;
-    }
-    const int32_t r = MediaCreateChannelOfSockChan(ch, address, port, server.domain);
-    MEDIA_LOGI << "MediaReCreateChannelOfSockChan succ. session id: " << sessionId
-               << ", mediaType: " << GetMediaTypeName(mediaType) << ", server addr: " << address << ", port: " << port
-               << ", ret: " << r << ", sock: " << ch->sock.load();
-    return r;
+    return WithReCreate(mediaType, [&](SocketInfo&, const SocketInfo::Server& server) {
+        ClearFdsOfSock(mediaType, ch->sock);
+        CloseChannelSock(ch);
+        ch->state = SockChannel::Connecting;
+        const int32_t made = MediaCreateSocketOfSockChan(ch);
+        if (made != 0) {
+            ch->localPort = 0;
+            ch->state = SockChannel::Closed;
+            return made;
+        }
+        const int32_t r = MediaCreateChannelOfSockChan(ch, server.address, server.port, server.domain);
+        MEDIA_LOGI << "MediaReCreateChannelOfSockChan succ. session id: " << sessionId
+                   << ", mediaType: " << GetMediaTypeName(mediaType) << ", server addr: " << server.address
+                   << ", port: " << server.port << ", ret: " << r << ", sock: " << ch->sock.load();
+        return r;
+    });
 }
 
 int32_t MediaSocket::MediaReCreateChannel(uint32_t mediaType, bool makeSockets)
 {
     MEDIA_LOGI << "ReCreate channel start. session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType);
-    int32_t refused = 0;
-    auto info = FindCreated(mediaType, refused);
-    if (!info) {
-        return refused;
-    }
-    ReCreateGuard guard(*info);
-    if (!guard) {
-        MEDIA_LOGW << "re-creation already under way, session id: " << sessionId
-                   << ", mediaType: " << GetMediaTypeName(mediaType);
-        return MEDIA_SOCKET_ERRCODE_FAILED;
-    }
-    const SocketInfo::Server server = info->GetServer();
-    const std::string& address = server.address;
-    const uint16_t port = server.port;
-    ClearFdsOfType(mediaType);
-    if (makeSockets) {
-        for (const auto& ch : info->sockMgr) {
-            if (ch) {
-                CloseChannelSock(ch);
-                ch->state = SockChannel::Connecting;
+    return WithReCreate(mediaType, [&](SocketInfo& info, const SocketInfo::Server& server) {
+        ClearFdsOfType(mediaType);
+        if (makeSockets) {
+            for (const auto& ch : info.sockMgr) {
+                if (ch) {
+                    CloseChannelSock(ch);
+                    ch->state = SockChannel::Connecting;
+                }
             }
+            MediaCreateSocket(mediaType, static_cast<uint32_t>(info.sockMgr.size()));
         }
-        MediaCreateSocket(mediaType, static_cast<uint32_t>(info->sockMgr.size()));
-    }
-    const int32_t r = MediaCreateChannel(mediaType, address, port, server.domain);
-    MEDIA_LOGI << "ReCreate connect succ. session id: " << sessionId << ", mediaType: " << GetMediaTypeName(mediaType)
-               << ", server addr: " << address << ", port: " << port << ", ret: " << r;
-    return r;
+        const int32_t r = MediaCreateChannel(mediaType, server.address, server.port, server.domain);
+        MEDIA_LOGI << "ReCreate connect succ. session id: " << sessionId
+                   << ", mediaType: " << GetMediaTypeName(mediaType) << ", server addr: " << server.address
+                   << ", port: " << server.port << ", ret: " << r;
+        return r;
+    });
 }
 
 int32_t MediaSocket::CheckDirtyData(const std::shared_ptr<SockChannel>& ch)

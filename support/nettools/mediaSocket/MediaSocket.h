@@ -20,6 +20,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -48,6 +49,9 @@ constexpr int32_t kMaxRingCapacity = 0xFA000;
 constexpr uint64_t kReCreateGapMs = 5000;
 constexpr int32_t kMaxReCreateCount = 1000;
 constexpr int16_t kPollReadEvents = MORL_POLLRDNORM | MORL_POLLRDBAND; // 0x300
+// Bytes of a media type's packets that the send thread takes at once when
+// no other media type has any queued.
+constexpr int32_t kSendRunBytes = 32768;
 
 // Range of `fds` entries of a media type, half open; false (and 0, 0) for
 // an unknown type. Audio 0..4, Video 4, MS 5, Aux 6, DATA 7.
@@ -99,6 +103,10 @@ public:
     std::atomic<uint64_t> lastDirtyEventTime{0};
     // When a refusal found in the stream was last acted on (receive thread).
     uint64_t lastRefusalTime = 0;
+    // Send thread only: bytes it may still write to socket `sendRoomSock`
+    // before it asks poll again whether the socket can take more.
+    int32_t sendRoom = 0;
+    int32_t sendRoomSock = MORL_INVALID_SOCKET;
 
     MediaStatsCounters stats;
 
@@ -228,7 +236,9 @@ public:
     void MediaCloseSocketOfSockChan(const std::shared_ptr<SockChannel>& channel);
     void DoEventCallback(const std::shared_ptr<SocketInfo>& socketInfo, MediaEventInfo event);
     void DoEventCallbackOfSockChan(const std::shared_ptr<SockChannel>& channel, MediaEventInfo event);
-    void CheckAndReCreateChannel(int32_t sock, int16_t revents, int32_t recvLen, int32_t socketError);
+    // What the receive path found on `sock`: a read that failed, or a
+    // connection that ended. The repair code decides what follows.
+    void OnRecvFailed(int32_t sock, int16_t revents, int32_t recvLen, int32_t socketError);
     int32_t CheckDirtyData(const std::shared_ptr<SockChannel>& channel);
 
     // Receive path.
@@ -267,6 +277,17 @@ private:
         MediaEventInfo event{};
     };
     enum class RepairOutcome { Done, Busy };
+    // What the send path found wrong, reported to the repair code, which
+    // decides what becomes of it (OnSendOutcome).
+    enum class SendOutcome {
+        NoSocket,      // a packet for a media type whose channels are all closed
+        RingDamaged,   // the send ring held a packet that cannot be cut
+        ChannelClosed, // the rotation passed over a closed channel
+        PeerClosed,    // a send took no byte: the connection is gone
+        Refused,       // a send would block or found no connection (code: why)
+        CutShort,      // a send took part of a packet only
+        NotInitialised // the socket layer is not initialised
+    };
 
     void SocketRecvThread();
     void SocketSendThread();
@@ -281,7 +302,56 @@ private:
     void TellDirtyData(const std::shared_ptr<SockChannel>& channel);
     void FlushDirtyData();
     int32_t NewChannelSock(uint32_t mediaType);
-    int32_t DoSend(const std::shared_ptr<SocketInfo>& socketInfo, const uint8_t* packet, int32_t length);
+    // Runs a re-creation of the media type under its guard, with the server
+    // it was connected to; refuses when the type is not created or another
+    // re-creation runs.
+    int32_t WithReCreate(uint32_t mediaType,
+                         const std::function<int32_t(SocketInfo&, const SocketInfo::Server&)>& body);
+    void OnSendOutcome(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel,
+                       SendOutcome outcome, int32_t code);
+    // The connected channel the next packet of the media type goes to, or
+    // null; closed channels passed over are reported. The rotation moves on
+    // only once a packet went (AdvanceSendChannel).
+    std::shared_ptr<SockChannel> NextSendChannel(const std::shared_ptr<SocketInfo>& socketInfo);
+    static void AdvanceSendChannel(SocketInfo& socketInfo);
+    // Whether the channel's socket takes a whole packet now, beside the
+    // `pending` bytes already taken for it, without blocking and without
+    // cutting it.
+    bool HasSendRoom(SockChannel& channel, int32_t sock, int32_t pending);
+    // Whole packets taken from a send ring for one channel, written with
+    // one send (send thread only).
+    struct SendBatch {
+        std::shared_ptr<SockChannel> channel;
+        int32_t sock = MORL_INVALID_SOCKET;
+        int32_t length = 0;
+        uint32_t packets = 0;
+        uint8_t bytes[kSendRunBytes + kMaxMediaPacketSize];
+    };
+    enum class TakeResult {
+        Taken,       // packets were taken (or a damaged ring was emptied)
+        NoChannel,   // no channel is connected: the packets wait
+        ChannelFull  // the next channel cannot take the next packet now
+    };
+    // What one pass of the send thread did.
+    struct SendPass {
+        bool moved = false;  // a packet went, or a damaged ring was emptied
+        bool queued = false; // packets wait for a channel to connect
+        // Channels that could not take the packet waiting for them.
+        MORL_PollFd blocked[kMediaTypeCount] = {};
+        size_t blockedCount = 0;
+    };
+    // One packet of each media type with packets queued, in the fixed order.
+    void RunSendPass(std::vector<SendBatch>& batches, SendPass& pass);
+    // Takes the next packet of the media type, or with runBytes a run of
+    // packets up to that many bytes, into one batch per channel in the
+    // rotation over the channels.
+    TakeResult TakePackets(const std::shared_ptr<SocketInfo>& socketInfo, RingBuffer& ring, int32_t runBytes,
+                           std::vector<SendBatch>& batches, int32_t& blockedSock);
+    // Wait of the send thread after a pass in which every packet waiting
+    // found its channel full: until one of `blocked` can take more, a send
+    // wakes the thread, or the pass interval ends.
+    void WaitForSendRoom(MORL_PollFd* blocked, size_t count);
+    void DoSend(const std::shared_ptr<SocketInfo>& socketInfo, const SendBatch& batch);
     int32_t SendData(int32_t sock, const uint8_t* data, int32_t length);
     void ConnectChannel(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel,
                         std::string address, uint16_t port, std::string domain);
@@ -355,6 +425,12 @@ private:
     std::mutex sendWakeMutex;
     std::condition_variable sendWakeCond;
     std::atomic<bool> sendPending{false};
+    // Polled by the send thread beside channels that cannot take more, and
+    // signalled by WakeSendThread while `sendPolling`; both under
+    // sendWakeMutex. Made by the send thread at its first such wait and
+    // closed when it ends.
+    MORL_WAKE sendWake = MORL_INVALID_WAKE;
+    bool sendPolling = false;
 
     std::mutex closeMutex;
     std::vector<int32_t> closePending;
