@@ -208,6 +208,15 @@ TEST_F(Runtime, TimerFiresOnceStoppedNeverStaleArmingDropped) {
     MORL_TimerHandle driver = MORL_CreateRelTimerM(NetToolsTimerSave::timeout, MORL_TIMER_OWNED, "driver");
     MORL_TimerHandle rearmed = MORL_CreateRelTimerM(NetToolsTimerSave::timeout, MORL_TIMER_OWNED, "rearmed");
     ASSERT_NE(0u, once);
+    // Set before any expiry can arrive; the message thread reads it.
+    std::atomic<uint64_t> driver_done{0};
+    det->on_timeout = [&](uint64_t t) {
+        if (t != driver) return;
+        g_timer_save.start_timer(rearmed, 1, weak);
+        sleep_ms(100);
+        g_timer_save.start_timer(rearmed, 600, weak);
+        driver_done = now_ms();
+    };
 
     EXPECT_EQ(0u, g_timer_save.start_timer(once, 0, weak)); // registered before armed: a 0 delay fires too
     EXPECT_EQ(0u, g_timer_save.start_timer(stopped, 50, weak));
@@ -217,14 +226,6 @@ TEST_F(Runtime, TimerFiresOnceStoppedNeverStaleArmingDropped) {
     // While the message thread is busy in the driver's expiry, `rearmed`
     // expires (its event queues) and is then armed again: the queued expiry
     // belongs to the old arming and must not arrive.
-    std::atomic<uint64_t> driver_done{0};
-    det->on_timeout = [&](uint64_t t) {
-        if (t != driver) return;
-        g_timer_save.start_timer(rearmed, 1, weak);
-        sleep_ms(100);
-        g_timer_save.start_timer(rearmed, 600, weak);
-        driver_done = now_ms();
-    };
     EXPECT_EQ(0u, g_timer_save.start_timer(driver, 1, weak));
     ASSERT_TRUE(wait_until([&] { return driver_done.load() != 0; }, 3000));
     sleep_ms(300);
@@ -238,7 +239,6 @@ TEST_F(Runtime, TimerFiresOnceStoppedNeverStaleArmingDropped) {
 
     // An expiry after its detection ended reaches nobody.
     EXPECT_EQ(0u, g_timer_save.start_timer(once, 20, weak));
-    det->on_timeout = nullptr;
     det.reset();
     EXPECT_TRUE(weak.expired());
     sleep_ms(150);

@@ -74,9 +74,8 @@ void process_common_msg(const NetToolsMsgRecord& rec, const uint8_t* body, uint3
         const int32_t fd = sock->get_fd();
         g_net_tools_msg.register_detect(fd, sock, d);
         g_net_tools_msg.mark_proxy_pending(fd);
-        // The socket connects to the configured proxy and asks it for this
-        // destination (the text above is our own formatting of a number).
-        (void)text;
+        // The socket connects to the configured proxy and asks it for its
+        // destination; the result comes back through the message thread.
         const int32_t ret = sock->proxy_connect_asyn(http_proxy_connect_result);
         if (ret != 0) {
             NT_LOG_AS(NT_LOG_ERROR, "ProcessCommonMsg", "http proxy connect start err(%d) fd(%d) addr(%s:%u)", ret,
