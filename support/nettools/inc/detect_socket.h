@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 
 #include "bwdetect/detect_base.h"
@@ -276,5 +277,12 @@ template <class Base, class T>
 class SocketRegistrar : public ISocketRegistrar<Base> {
 public:
     explicit SocketRegistrar(const std::string& key) { SocketFactory<Base>::instance().register_socket(key, this); }
-    std::shared_ptr<Base> create() override { return std::make_shared<T>(); }
+    // Empty when there is no memory for it: making a socket never throws.
+    std::shared_ptr<Base> create() override {
+        try {
+            return std::make_shared<T>();
+        } catch (const std::bad_alloc&) {
+            return std::shared_ptr<Base>();
+        }
+    }
 };
