@@ -405,6 +405,59 @@ TEST(MediaTransportSend, HeadsCountersAndTheClosingReport)
                                   3000));
 }
 
+TEST(MediaTransportSend, AChannelThatCannotTakeMoreHoldsBackOnlyItsOwnMediaType)
+{
+    BacklogListener stuck(4);
+    MediaPeer echo;
+    ASSERT_TRUE(echo.start());
+    MediaSession s(2125);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    ASSERT_EQ(s.Connect(kVideo, stuck.port()), 0);
+    ASSERT_EQ(stuck.AcceptAll(), 1u);
+    ASSERT_EQ(s.Create(kAudio, 1), 0);
+    ASSERT_EQ(s.Connect(kAudio, echo.port()), 0);
+
+    // Video's peer reads nothing until its buffers and the video ring are full.
+    uint64_t refusedSince = 0;
+    const uint64_t deadline = now_ms() + 10000;
+    while (now_ms() < deadline) {
+        const int32_t rc = s.Send(kVideo, 2, Body(1200));
+        if (rc == 0) {
+            refusedSince = 0;
+            continue;
+        }
+        ASSERT_EQ(rc, MEDIA_SOCKET_ERRCODE_WRITE_BUFFER);
+        if (refusedSince == 0) refusedSince = now_ms();
+        if (now_ms() - refusedSince >= 200) break;
+        sleep_ms(1);
+    }
+    ASSERT_NE(refusedSince, 0u);
+
+    // Audio goes on, each packet as soon as it is queued: the send thread,
+    // waiting for room on video, is woken by the send. Without the wake every
+    // packet would wait for the thread's next look, 5 ms later.
+    struct Echoes {
+        std::mutex m;
+        std::condition_variable cv;
+        size_t n = 0;
+    };
+    auto echoes = std::make_shared<Echoes>();
+    s.OnReceive([echoes](const MediaPacket&) {
+        std::lock_guard<std::mutex> lock(echoes->m);
+        ++echoes->n;
+        echoes->cv.notify_all();
+    });
+    constexpr size_t kRounds = 200;
+    const uint64_t start = now_ms();
+    for (size_t i = 0; i < kRounds; ++i) {
+        ASSERT_EQ(s.Send(kAudio, 2, Body(40, uint8_t(i))), 0);
+        std::unique_lock<std::mutex> lock(echoes->m);
+        ASSERT_TRUE(echoes->cv.wait_for(lock, std::chrono::seconds(3), [&] { return echoes->n > i; })) << i;
+    }
+    EXPECT_LT(now_ms() - start, 600u) << kRounds << " echoes";
+    EXPECT_EQ(stuck.AcceptAll(), 1u) << "video kept its connection";
+}
+
 TEST(MediaTransportSend, FullRingRefusesAWholePacketAndKeepsWhatIsQueued)
 {
     MediaPeer peer(MediaPeerMode::Sink);
