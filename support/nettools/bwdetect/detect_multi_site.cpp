@@ -244,7 +244,8 @@ void DetectClientMultiSite::notify_detect_result() {
     }
     if (results.empty()) return;
     results[best].is_pre = 1;
-    m_callback(0, 0, results[best].index, std::move(results));
+    const int32_t best_index = results[best].index;
+    m_callback(0, 0, best_index, std::move(results));
 }
 
 void DetectClientMultiSite::notify_failed(int32_t code) { m_callback(0, code, 0, std::vector<DetectQosResult>{}); }

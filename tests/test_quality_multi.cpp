@@ -1,0 +1,559 @@
+// The multi-site quality detection and the score table, through the exports:
+// streams against our own quality server (in this process, on an address of
+// its own), through the UDP relay where delay matters, and against a socket
+// of the test standing in for the server where the wire bytes or a refusal
+// matter. The scorer's curves are checked on records of known figures.
+//
+// Every test has its address (127.0.72.x); the fixed client ports are
+// shared through a ctest resource lock.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "bwdetect/detect_multi_site.h"
+#include "bwdetect/detect_qos_score.h"
+#include "bwdetect/detect_server.h"
+#include "peers.h"
+#include "udp_relay.h"
+#include "zeph_nettools/net_tools.h"
+#include "zeph_nettools/settings.h"
+
+namespace q = zeph::quality;
+using zeph_test::now_ms;
+using zeph_test::wait_until;
+
+namespace {
+
+constexpr uint16_t kServerPort = 64000;
+constexpr uint32_t kStreamSeconds = 3;
+// Streams, the waits behind them and the scoring, with room for a loaded
+// machine (sanitizers).
+constexpr int kReportMs = 15000;
+// A stream's last packet goes out up to this many times more.
+constexpr size_t kLastRepeats = 3;
+
+std::string test_ip(int host) { return "127.0.72." + std::to_string(host); }
+
+// ---- what the callback heard -----------------------------------------------------------
+
+struct Call {
+    int32_t code;
+    int32_t best;
+    std::vector<DetectQosResult> results;
+    uint64_t at_ms;
+};
+
+std::mutex g_mutex;
+std::condition_variable g_cv;
+std::vector<Call> g_calls;
+
+void on_result(int32_t, int32_t code, int32_t best, std::vector<DetectQosResult> results) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_calls.push_back({code, best, std::move(results), now_ms()});
+    g_cv.notify_all();
+}
+
+// Waits until `n` calls have come (or the time is up) and returns them all.
+std::vector<Call> calls(size_t n, int timeout_ms = kReportMs) {
+    std::unique_lock<std::mutex> lock(g_mutex);
+    g_cv.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return g_calls.size() >= n; });
+    return g_calls;
+}
+
+DetectSiteInfo site(const std::string& ip, uint16_t port, int16_t index, uint32_t delaybase = 0) {
+    DetectSiteInfo s;
+    s.ip = ip;
+    s.port = port;
+    s.index = index;
+    s.delaybase = delaybase;
+    s.auth_token = "token-" + std::to_string(index);
+    s.auth_para = "para";
+    return s;
+}
+
+// ---- peers ---------------------------------------------------------------------------
+
+class ServerOn {
+public:
+    explicit ServerOn(const std::string& ip) {
+        zeph_settings_set_local_addr(ip.c_str());
+        m_server = DetectServer::get_instance();
+        m_started = m_server && m_server->start_server(kServerPort) == DetectServer::kStarted;
+    }
+    ~ServerOn() {
+        if (m_server) m_server->stop_server();
+    }
+    bool ok() const { return m_started; }
+    DetectServer* operator->() const { return m_server; }
+
+private:
+    DetectServer* m_server = nullptr;
+    bool m_started = false;
+};
+
+// A relay in front of ip:64000 adding `delay_ms` each way.
+std::unique_ptr<zeph_relay::UdpRelay> relay_to(const std::string& listen, const std::string& ip, double delay_ms) {
+    zeph_relay::UdpRelayConfig cfg;
+    cfg.listen_ip = listen;
+    cfg.server_ip = ip;
+    cfg.server_port = kServerPort;
+    cfg.to_server.delay_ms = delay_ms;
+    cfg.to_client.delay_ms = delay_ms;
+    auto relay = std::make_unique<zeph_relay::UdpRelay>(cfg);
+    if (relay->start() != 0) return nullptr;
+    return relay;
+}
+
+// A socket of the test in place of the server: keeps each datagram's bytes
+// and source port, and answers data packets as a server would (no pairs),
+// with `status` in the answer.
+class StandIn {
+public:
+    struct Got {
+        std::vector<uint8_t> bytes;
+        uint16_t from_port;
+    };
+
+    StandIn(const std::string& ip, uint32_t status) : m_status(status) {
+        uint16_t port = 0;
+        m_fd = zeph_peers::bound_socket(SOCK_DGRAM, ip, 0, port, nullptr);
+        m_port = port;
+        if (m_fd >= 0) m_thread = std::thread([this] { run(); });
+    }
+    ~StandIn() {
+        m_stop = true;
+        if (m_thread.joinable()) m_thread.join();
+        if (m_fd >= 0) close(m_fd);
+    }
+    bool ok() const { return m_fd >= 0; }
+    uint16_t port() const { return m_port; }
+    std::vector<Got> got() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_got;
+    }
+    size_t count() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_got.size();
+    }
+
+private:
+    void run() {
+        while (!m_stop) {
+            pollfd p{m_fd, POLLIN, 0};
+            if (poll(&p, 1, 10) <= 0) continue;
+            uint8_t buf[q::kRecvBufSize];
+            sockaddr_in from{};
+            socklen_t flen = sizeof from;
+            const ssize_t n = recvfrom(m_fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &flen);
+            if (n <= 0) continue;
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                m_got.push_back({std::vector<uint8_t>(buf, buf + n), ntohs(from.sin_port)});
+            }
+            const size_t len = size_t(n);
+            if (q::get_type(buf, len, false) != q::kTypeData) continue;
+            q::set_type(buf, len, false, q::kTypeDataResp);
+            q::set_time(buf, len, uint32_t(now_ms()));
+            q::set_pair_count(buf, len, 0);
+            q::set_status(buf, len, m_status);
+            sendto(m_fd, buf, len, 0, reinterpret_cast<sockaddr*>(&from), flen);
+        }
+    }
+
+    uint32_t m_status;
+    int m_fd = -1;
+    uint16_t m_port = 0;
+    std::atomic<bool> m_stop{false};
+    mutable std::mutex m_mutex;
+    std::vector<Got> m_got;
+    std::thread m_thread;
+};
+
+DetectPktStat stat_of(int32_t delay, int32_t s_jitter, int32_t r_jitter, int32_t s_loss, int32_t r_loss) {
+    DetectPktStat s = {};
+    s.avg_delay = delay;
+    s.avg_s_jitter = s_jitter;
+    s.avg_r_jitter = r_jitter;
+    s.avg_s_loss_rate = s_loss;
+    s.avg_r_loss_rate = r_loss;
+    return s;
+}
+
+int32_t score(const DetectPktStat& s, uint32_t delaybase = 0) {
+    return DetectQosScore::get_instance()->get_qos_score(s, delaybase);
+}
+
+// ---- the rate budget at the server ---------------------------------------------------------
+
+struct BudgetCase {
+    uint32_t sites;
+    uint8_t level;
+    size_t pkt_len;
+};
+
+void PrintTo(const BudgetCase& c, std::ostream* os) { *os << c.sites << " sites"; }
+
+class SiteBudget : public ::testing::TestWithParam<BudgetCase> {};
+
+TEST_P(SiteBudget, EverySiteStreamsItsShareFromASocketOfItsOwn) {
+    const BudgetCase c = GetParam();
+    StandIn server(test_ip(c.sites), q::kStatusOk);
+    ASSERT_TRUE(server.ok());
+    std::vector<DetectSiteInfo> sites;
+    for (uint32_t i = 0; i < c.sites; ++i) sites.push_back(site(test_ip(c.sites), server.port(), int16_t(100 + i)));
+    ASSERT_EQ(zeph_detect_start_mult_site_client(sites, on_result), 0u);
+
+    const std::vector<Call> got = calls(1);
+    ASSERT_EQ(got.size(), 1u);
+    ASSERT_EQ(got[0].code, 0);
+    ASSERT_EQ(got[0].results.size(), c.sites);
+
+    // Per client port: packets, their length, level, type, session, token.
+    std::map<uint16_t, std::set<uint32_t>> per_port; // the sequence numbers heard
+    std::map<uint16_t, std::set<uint32_t>> sessions;
+    const uint32_t per_site = q::level_row(c.level).pkts_per_sec * kStreamSeconds;
+    for (const StandIn::Got& g : server.got()) {
+        const uint8_t* p = g.bytes.data();
+        const size_t n = g.bytes.size();
+        ASSERT_EQ(n, c.pkt_len);
+        EXPECT_EQ(q::get_type(p, n, false), q::kTypeData);
+        EXPECT_EQ(q::get_level(p, n, false), c.level);
+        EXPECT_LT(q::get_seq(p, n), per_site);
+        per_port[g.from_port].insert(q::get_seq(p, n));
+        sessions[g.from_port].insert(q::get_session(p, n, false));
+    }
+    ASSERT_EQ(per_port.size(), c.sites);
+    std::set<uint32_t> all_sessions;
+    for (auto& kv : per_port) {
+        EXPECT_GE(kv.first, DETECT_FIRST_CLIENT_PORT);
+        EXPECT_EQ(kv.second.size(), per_site) << "port " << kv.first; // every number, none beyond
+        ASSERT_EQ(sessions[kv.first].size(), 1u);
+        all_sessions.insert(*sessions[kv.first].begin());
+    }
+    EXPECT_EQ(all_sessions.size(), c.sites) << "each site has its own session";
+
+    // Each site's own token went out: the first packet of each port names
+    // the site in its order of ports.
+    const auto first = server.got();
+    std::map<uint16_t, std::string> token_of;
+    for (const StandIn::Got& g : first) {
+        if (token_of.count(g.from_port)) continue;
+        token_of[g.from_port] = std::string(reinterpret_cast<const char*>(&g.bytes[q::kOffAuthToken]), 9);
+    }
+    std::set<std::string> tokens;
+    for (auto& kv : token_of) tokens.insert(kv.second);
+    EXPECT_EQ(tokens.size(), c.sites);
+    EXPECT_EQ(tokens.count("token-100"), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Counts, SiteBudget,
+                         ::testing::Values(BudgetCase{1, 5, 1310}, BudgetCase{3, 3, 873}, BudgetCase{8, 1, 1310},
+                                           BudgetCase{10, 1, 1047}),
+                         [](const ::testing::TestParamInfo<BudgetCase>& i) {
+                             return std::to_string(i.param.sites) + "Sites";
+                         });
+
+// ---- results against our server --------------------------------------------------------------
+
+TEST(MultiSite, OneSiteOnLoopbackReportsCleanFiguresAndAHighScore) {
+    const std::string ip = test_ip(20);
+    ServerOn server(ip);
+    ASSERT_TRUE(server.ok());
+    const uint64_t t0 = now_ms();
+    ASSERT_EQ(zeph_detect_start_mult_site_client({site(ip, kServerPort, 7)}, on_result), 0u);
+    const std::vector<Call> got = calls(1);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_GE(got[0].at_ms - t0, kStreamSeconds * 1000 - 50);
+    ASSERT_EQ(got[0].code, 0);
+    EXPECT_EQ(got[0].best, 7);
+    ASSERT_EQ(got[0].results.size(), 1u);
+    const DetectQosResult& r = got[0].results[0];
+    EXPECT_EQ(r.index, 7);
+    EXPECT_EQ(r.is_pre, 1);
+    EXPECT_LT(r.a_delay, 50);
+    EXPECT_EQ(r.a_s_loss, 0);
+    EXPECT_EQ(r.a_r_loss, 0);
+    EXPECT_GT(r.score, 6000);
+    EXPECT_LE(r.score, 7000);
+    // The server heard the whole stream from one client (its last packet
+    // goes out a few times more).
+    const auto clients = server->clients();
+    ASSERT_EQ(clients.size(), 1u);
+    EXPECT_GE(clients[0].packets, q::level_row(5).pkts_per_sec * kStreamSeconds);
+    EXPECT_LE(clients[0].packets, q::level_row(5).pkts_per_sec * kStreamSeconds + kLastRepeats);
+}
+
+TEST(MultiSite, TheNearerSiteWinsWhereverItStands) {
+    const std::string ip = test_ip(21);
+    ServerOn server(ip);
+    ASSERT_TRUE(server.ok());
+    auto far = relay_to(test_ip(22), ip, 60);
+    auto near = relay_to(test_ip(23), ip, 5);
+    ASSERT_TRUE(far && near);
+    ASSERT_EQ(zeph_detect_start_mult_site_client(
+                  {site(far->listen_ip(), far->port(), 1), site(near->listen_ip(), near->port(), 2)}, on_result),
+              0u);
+    const std::vector<Call> got = calls(1);
+    ASSERT_EQ(got.size(), 1u);
+    ASSERT_EQ(got[0].code, 0);
+    ASSERT_EQ(got[0].results.size(), 2u);
+    const DetectQosResult& f = got[0].results[0];
+    const DetectQosResult& n = got[0].results[1];
+    EXPECT_EQ(got[0].best, 2);
+    EXPECT_EQ(f.is_pre, 0);
+    EXPECT_EQ(n.is_pre, 1);
+    // Round trips of twice the relay's delay, give or take the machine.
+    EXPECT_NEAR(f.a_delay, 120, 20);
+    EXPECT_NEAR(n.a_delay, 10, 10);
+    EXPECT_GT(n.score, f.score);
+}
+
+TEST(MultiSite, DelaybaseLowersASiteAndTiesGoToTheFirst) {
+    const std::string ip = test_ip(24);
+    ServerOn server(ip);
+    ASSERT_TRUE(server.ok());
+    ASSERT_EQ(zeph_detect_start_mult_site_client(
+                  {site(ip, kServerPort, 1, 100), site(ip, kServerPort, 2), site(ip, kServerPort, 3)}, on_result),
+              0u);
+    const std::vector<Call> got = calls(1);
+    ASSERT_EQ(got.size(), 1u);
+    ASSERT_EQ(got[0].code, 0);
+    const auto& r = got[0].results;
+    ASSERT_EQ(r.size(), 3u);
+    // 100 ms more of one-way delay reads the curve between 60 and 100 ms at
+    // the least: at most 2 x 750 of the delay's 2 x 1000.
+    EXPECT_LE(r[0].score, r[1].score - 500);
+    EXPECT_EQ(r[0].is_pre, 0);
+    const int best = r[1].score >= r[2].score ? 1 : 2;
+    EXPECT_EQ(r[best].is_pre, 1);
+    EXPECT_EQ(got[0].best, r[best].index);
+}
+
+TEST(MultiSite, SilentSitesScoreTheLimitAndTheFirstOfEqualsIsBest) {
+    const std::string ip = test_ip(25);
+    ServerOn server(ip);
+    ASSERT_TRUE(server.ok());
+    const uint16_t silent = zeph_test::closed_udp_port(test_ip(26));
+    // A live site between two silent ones: the silent ones do not disturb it.
+    ASSERT_EQ(zeph_detect_start_mult_site_client(
+                  {site(test_ip(26), silent, 1), site(ip, kServerPort, 2), site(test_ip(26), silent, 3)}, on_result),
+              0u);
+    std::vector<Call> got = calls(1);
+    ASSERT_EQ(got.size(), 1u);
+    ASSERT_EQ(got[0].code, 0);
+    ASSERT_EQ(got[0].results.size(), 3u);
+    for (int i : {0, 2}) {
+        const DetectQosResult& s = got[0].results[i];
+        EXPECT_EQ(s.score, DETECT_SCORE_UNUSABLE);
+        EXPECT_EQ(s.a_delay, kStatNoDelay);
+        EXPECT_EQ(s.a_s_loss, kStatAllLost);
+    }
+    const DetectQosResult& live = got[0].results[1];
+    EXPECT_EQ(live.is_pre, 1);
+    EXPECT_EQ(live.a_s_loss, 0);
+    EXPECT_GT(live.score, 6000);
+
+    // All silent: each scores the limit and the first is named best.
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        g_calls.clear();
+    }
+    ASSERT_EQ(zeph_detect_start_mult_site_client({site(test_ip(26), silent, 4), site(test_ip(26), silent, 5)},
+                                                 on_result),
+              0u);
+    got = calls(1);
+    ASSERT_EQ(got.size(), 1u);
+    ASSERT_EQ(got[0].results.size(), 2u);
+    EXPECT_EQ(got[0].best, 4);
+    EXPECT_EQ(got[0].results[0].is_pre, 1);
+    EXPECT_EQ(got[0].results[1].is_pre, 0);
+    EXPECT_EQ(got[0].results[1].score, DETECT_SCORE_UNUSABLE);
+}
+
+// ---- failures ---------------------------------------------------------------------------------
+
+TEST(MultiSite, ASiteWithoutSocketFailsTheReportButEarlierStreamsRunOut) {
+    StandIn server(test_ip(30), q::kStatusOk);
+    ASSERT_TRUE(server.ok());
+    DetectSiteInfo no_address = site("", server.port(), 2);
+    const uint64_t t0 = now_ms();
+    ASSERT_EQ(zeph_detect_start_mult_site_client({site(test_ip(30), server.port(), 1), no_address}, on_result), 0u);
+    const std::vector<Call> got = calls(1);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].code, DETECT_ERR_SITE_NO_SOCKET);
+    EXPECT_TRUE(got[0].results.empty());
+    EXPECT_LT(got[0].at_ms - t0, 1000u) << "the failure is told when the site's turn comes";
+    // The first site's stream (two sites: level 4) goes on to its end.
+    const size_t whole = q::level_row(4).pkts_per_sec * kStreamSeconds;
+    EXPECT_TRUE(wait_until([&] { return server.count() >= whole; }, kReportMs, 20)) << server.count();
+    zeph_test::sleep_ms(300);
+    EXPECT_LE(server.count(), whole + kLastRepeats);
+    EXPECT_EQ(calls(2, 500).size(), 1u) << "no second callback";
+}
+
+TEST(MultiSite, ARefusedTokenIsToldTwiceWithoutResults) {
+    StandIn refusing(test_ip(31), q::kStatusRefused);
+    ASSERT_TRUE(refusing.ok());
+    ASSERT_EQ(zeph_detect_start_mult_site_client({site(test_ip(31), refusing.port(), 1)}, on_result), 0u);
+    const std::vector<Call> got = calls(2);
+    ASSERT_EQ(got.size(), 2u);
+    for (const Call& c : got) {
+        EXPECT_EQ(c.code, DETECT_ERR_SITES_REFUSED);
+        EXPECT_TRUE(c.results.empty());
+    }
+    EXPECT_LT(got[1].at_ms - got[0].at_ms, 100u);
+    // The stream stopped at the refusal instead of running its 3 s.
+    const size_t sent = refusing.count();
+    EXPECT_LT(sent, q::level_row(5).pkts_per_sec * kStreamSeconds);
+    EXPECT_EQ(calls(3, 500).size(), 2u);
+}
+
+TEST(MultiSite, RefusedStartsGiveTheirCodeAndNoCallback) {
+    const std::string ip = test_ip(32);
+    std::vector<DetectSiteInfo> eleven;
+    for (int i = 0; i < 11; ++i) eleven.push_back(site(ip, kServerPort, int16_t(i)));
+    DetectSiteInfo long_token = site(ip, kServerPort, 1);
+    long_token.auth_token.assign(q::kAuthTokenSize + 1, 't');
+    DetectSiteInfo full_token = site(ip, kServerPort, 1);
+    full_token.auth_token.assign(q::kAuthTokenSize, 't');
+    full_token.auth_para.assign(q::kAuthParaSize + 1, 'p');
+    DetectSiteInfo no_port = site(ip, 0, 1);
+    DetectSiteInfo no_para = site(ip, kServerPort, 1);
+    no_para.auth_para.clear();
+
+    EXPECT_EQ(zeph_detect_start_mult_site_client(eleven, on_result), uint32_t(DETECT_ERR_SITES_REFUSED));
+    EXPECT_EQ(zeph_detect_start_mult_site_client({long_token}, on_result), uint32_t(DETECT_ERR_SITES_REFUSED));
+    EXPECT_EQ(zeph_detect_start_mult_site_client({full_token}, on_result), uint32_t(DETECT_ERR_SITES_REFUSED));
+    EXPECT_EQ(zeph_detect_start_mult_site_client({site(ip, kServerPort, 1)}, nullptr),
+              uint32_t(DETECT_ERR_BAD_ARGUMENT));
+    EXPECT_EQ(zeph_detect_start_mult_site_client({}, on_result), uint32_t(DETECT_ERR_BAD_ARGUMENT));
+    EXPECT_EQ(zeph_detect_start_mult_site_client({no_port}, on_result), uint32_t(DETECT_ERR_BAD_ARGUMENT));
+    // A site without parameter fails the token check even beside a good one.
+    EXPECT_EQ(zeph_detect_start_mult_site_client({site(ip, kServerPort, 1), no_para}, on_result),
+              uint32_t(DETECT_ERR_SITES_REFUSED));
+    EXPECT_TRUE(calls(1, 1000).empty());
+}
+
+// ---- the score ---------------------------------------------------------------------------------
+
+TEST(QosScore, DefaultCurvesAndLimit) {
+    // One way 20 + 10 reads the delay curve at 30 (900), jitter 10 (850),
+    // no loss (1000): 2 x 900 + 2 x 850 + 3 x 1000.
+    EXPECT_EQ(score(stat_of(40, 10, 10, 0, 0), 10), 6500);
+    EXPECT_EQ(score(stat_of(40, 10, 10, 0, 0), 0), 2 * 950 + 2 * 850 + 3 * 1000);
+    EXPECT_EQ(score(stat_of(0, 0, 0, 0, 0)), 7000);
+    // Loss from 300 up to the limit reads the last usable row: 0.
+    EXPECT_EQ(score(stat_of(0, 0, 0, 300, 300)), 4000);
+    EXPECT_EQ(score(stat_of(0, 0, 0, 899, 899)), 4000);
+    // At the limit in any one of the three: unusable, whatever else.
+    EXPECT_EQ(score(stat_of(0, 0, 0, 900, 900)), DETECT_SCORE_UNUSABLE);
+    EXPECT_EQ(score(stat_of(0, 0, 0, 1000, 800)), DETECT_SCORE_UNUSABLE);
+    EXPECT_EQ(score(stat_of(6000, 0, 0, 0, 0)), DETECT_SCORE_UNUSABLE);
+    EXPECT_EQ(score(stat_of(0, 1000, 1000, 0, 0)), DETECT_SCORE_UNUSABLE);
+    // delaybase does not count toward the limit, only toward the curve.
+    EXPECT_EQ(score(stat_of(0, 0, 0, 0, 0), 5000), 2 * 0 + 2 * 1000 + 3 * 1000);
+    // Nothing came back.
+    EXPECT_EQ(score(detect_pkt_stat_worst()), DETECT_SCORE_UNUSABLE);
+}
+
+TEST(QosScore, CheckRoleWalk) {
+    auto roles = DetectQosScore::default_roles();
+    DetectQosScore::RoleCheck c = DetectQosScore::check_role(roles);
+    EXPECT_EQ(c.usable, 8);
+    EXPECT_TRUE(c.has_limit);
+
+    EXPECT_EQ(DetectQosScore::check_role({}).usable, 0);
+    EXPECT_EQ(DetectQosScore::check_role({{1, 0, 0, 0, 1000}, {1, 0, 5, 5, 900}}).usable, 0) << "same delay";
+    EXPECT_EQ(DetectQosScore::check_role({{1, 0, 0, 0, 1000}, {1, 5, 5, 5, 1000}}).usable, 0) << "same score";
+    c = DetectQosScore::check_role({{1, 0, 0, 0, 1000}, {1, 9, 9, 9, -1000}});
+    EXPECT_EQ(c.usable, 0) << "a limit with one row before it";
+    EXPECT_FALSE(c.has_limit);
+    // The walk stops at a row out of order, and at one not valid.
+    EXPECT_EQ(DetectQosScore::check_role({{1, 0, 0, 0, 9}, {1, 1, 1, 1, 8}, {1, 2, 0, 2, 7}, {1, 3, 3, 3, 6}}).usable,
+              2);
+    EXPECT_EQ(DetectQosScore::check_role({{1, 0, 0, 0, 9}, {1, 1, 1, 1, 8}, {0, 2, 2, 2, 7}}).usable, 2);
+}
+
+TEST(QosScore, SettersChangeLaterScoresAndRefusalsChangeNothing) {
+    const DetectPktStat probe = stat_of(40, 10, 10, 0, 0);
+    const uint32_t zero_first[3] = {0, 2, 3};
+    const uint32_t six_last[3] = {1, 1, 6};
+    const uint32_t heavy_delay[3] = {5, 1, 1};
+    EXPECT_EQ(zeph_detect_set_qos_weight(zero_first), uint32_t(DETECT_ERR_BAD_WEIGHT));
+    EXPECT_EQ(zeph_detect_set_qos_weight(six_last), uint32_t(DETECT_ERR_BAD_WEIGHT));
+    EXPECT_EQ(zeph_detect_set_qos_weight(nullptr), uint32_t(DETECT_ERR_BAD_WEIGHT));
+    EXPECT_EQ(score(probe, 10), 6500);
+    EXPECT_EQ(zeph_detect_set_qos_weight(heavy_delay), 0u);
+    EXPECT_EQ(score(probe, 10), 5 * 900 + 850 + 1000);
+
+    // A refused table leaves the table as it was.
+    const std::vector<DetectRole> flat = {{1, 0, 0, 0, 1000}, {1, 0, 10, 10, 500}};
+    EXPECT_EQ(zeph_detect_set_qos_roles(&flat), uint32_t(DETECT_ERR_BAD_ROLES));
+    EXPECT_EQ(zeph_detect_set_qos_roles(nullptr), uint32_t(DETECT_ERR_BAD_ROLES));
+    EXPECT_EQ(score(probe, 10), 5 * 900 + 850 + 1000);
+
+    // Two rows: straight lines between them. The limit in force before stays.
+    const std::vector<DetectRole> line = {{1, 0, 0, 0, 1000}, {1, 100, 100, 100, 0}};
+    EXPECT_EQ(zeph_detect_set_qos_roles(&line), 0u);
+    EXPECT_EQ(score(probe, 10), 5 * 700 + 900 + 1000);
+    EXPECT_EQ(score(stat_of(400, 0, 0, 0, 0)), 5 * 0 + 1000 + 1000) << "beyond the last row: its score";
+    EXPECT_EQ(score(detect_pkt_stat_worst()), DETECT_SCORE_UNUSABLE);
+
+    // A table with a limit of its own.
+    const std::vector<DetectRole> strict = {{1, 0, 0, 0, 1000}, {1, 50, 50, 50, 0}, {1, 60, 60, 60, -1000}};
+    EXPECT_EQ(zeph_detect_set_qos_roles(&strict), 0u);
+    EXPECT_EQ(score(stat_of(120, 0, 0, 0, 0)), DETECT_SCORE_UNUSABLE);
+    EXPECT_EQ(score(stat_of(100, 0, 0, 0, 0)), 5 * 0 + 1000 + 1000);
+}
+
+TEST(QosScore, ADetectionScoresWithTheWeightsSetBeforeIt) {
+    const std::string ip = test_ip(33);
+    ServerOn server(ip);
+    ASSERT_TRUE(server.ok());
+    const uint32_t max_weights[3] = {5, 5, 5};
+    ASSERT_EQ(zeph_detect_set_qos_weight(max_weights), 0u);
+    ASSERT_EQ(zeph_detect_start_mult_site_client({site(ip, kServerPort, 1)}, on_result), 0u);
+    const std::vector<Call> got = calls(1);
+    ASSERT_EQ(got.size(), 1u);
+    ASSERT_EQ(got[0].results.size(), 1u);
+    EXPECT_GT(got[0].results[0].score, 7000) << "beyond what the default weights can give";
+}
+
+TEST(QosScore, ScoringWhileAHostSwapsTablesSeesOneTableOrTheOther) {
+    // Two tables that give a stream of one-way 50 ms different scores; a
+    // reader must see one of them, never a table half replaced.
+    const std::vector<DetectRole> a = {{1, 0, 0, 0, 1000}, {1, 100, 100, 100, 0}};
+    const std::vector<DetectRole> b = {{1, 0, 0, 0, 800}, {1, 10, 10, 10, 600}, {1, 20, 20, 20, 400},
+                                       {1, 40, 40, 40, 200}};
+    const DetectPktStat s = stat_of(100, 0, 0, 0, 0);
+    ASSERT_EQ(zeph_detect_set_qos_roles(&a), 0u);
+    const int32_t score_a = score(s);
+    ASSERT_EQ(zeph_detect_set_qos_roles(&b), 0u);
+    const int32_t score_b = score(s);
+    ASSERT_NE(score_a, score_b);
+
+    std::atomic<bool> stop{false};
+    std::thread host([&] {
+        for (int i = 0; !stop; ++i) zeph_detect_set_qos_roles(i % 2 ? &a : &b);
+    });
+    int odd = 0;
+    for (int i = 0; i < 20000; ++i) {
+        const int32_t v = score(s);
+        if (v != score_a && v != score_b) ++odd;
+    }
+    stop = true;
+    host.join();
+    EXPECT_EQ(odd, 0);
+}
+
+} // namespace
