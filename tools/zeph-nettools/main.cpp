@@ -21,7 +21,11 @@ const char kHelp[] =
     "commands:\n"
     "  port   which targets can be reached (any-port or three-port detection)\n"
     "  net    delay, loss and quality class of one target or of a server plan\n"
+    "  qos    delay, loss and quality class of six servers, five probes each\n"
     "  media  a media session: streams packets to a server, tells what came back\n"
+    "  monitor  watches one quality or STUN server for minutes, a report every 10 s\n"
+    "  quality  scores up to ten quality servers at once and names the best\n"
+    "  fw     firewall detection: which of up to 7 targets can be reached, after 30 s\n"
     "  demo   runs the detections and a media session against peers on loopback\n"
     "\n"
     "`zeph-nettools <command> --help` tells more; `zeph-nettools --version` the\n"
@@ -33,7 +37,7 @@ const char kHelp[] =
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) return cli::usage_error("", "missing command (port, net, media, demo)");
+    if (argc < 2) return cli::usage_error("", "missing command (port, net, qos, media, demo)");
     const std::string cmd = argv[1];
     if (cmd == "-h" || cmd == "--help" || cmd == "help") {
         cli::out(kHelp);
@@ -45,7 +49,11 @@ int main(int argc, char** argv) {
     }
     if (cmd == "port") return cli::cmd_port(argc - 2, argv + 2);
     if (cmd == "net") return cli::cmd_net(argc - 2, argv + 2);
+    if (cmd == "qos") return cli::cmd_qos(argc - 2, argv + 2);
     if (cmd == "media") return cli::cmd_media(argc - 2, argv + 2);
+    if (cmd == "monitor") return cli::cmd_monitor(argc - 2, argv + 2);
     if (cmd == "demo") return cli::cmd_demo(argc - 2, argv + 2);
+    if (cmd == "fw") return cli::cmd_fw(argc - 2, argv + 2);
+    if (cmd == "quality") return cli::cmd_quality(argc - 2, argv + 2);
     return cli::usage_error("", "unknown command '" + cmd + "'");
 }
