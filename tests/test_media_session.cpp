@@ -1,6 +1,7 @@
 // Sessions and channels of the media transport: the session table, how
 // media types and their channels are made, sized, connected (directly and
-// through an HTTP proxy) and closed, also from inside a callback.
+// through an HTTP proxy) and closed, also from inside a callback; how the
+// receive thread waits.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>
@@ -9,6 +10,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <set>
 #include <string>
@@ -50,7 +53,40 @@ int32_t FdOf(const MediaSession& s, size_t index)
     return object ? object->GetFd(index).fd : -2;
 }
 
-// The proxy setting is process-wide: every test that sets one takes it away.
+// A thread of this process by its name (cut to 15 characters); 0 if none.
+long TaskNamed(const std::string& name)
+{
+    const std::string cut = name.substr(0, 15);
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm");
+        std::string line;
+        if (std::getline(comm, line) && line == cut) return std::stol(task.path().filename().string());
+    }
+    return 0;
+}
+
+// How often the thread has given up the processor so far.
+long Wakeups(long tid)
+{
+    std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
+    long total = 0;
+    for (std::string line; std::getline(status, line);) {
+        const size_t colon = line.find(':');
+        if (line.find("ctxt_switches") != std::string::npos && colon != std::string::npos)
+            total += std::stol(line.substr(colon + 1));
+    }
+    return total;
+}
+
+// What a descriptor of this process is ("socket:[inode]"), or "" if closed.
+std::string LinkOf(int fd)
+{
+    std::error_code error;
+    const auto target = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), error);
+    return error ? std::string() : target.string();
+}
+
+// The proxy setting is process-wide// The proxy setting is process-wide: every test that sets one takes it away.
 struct ProxySetting {
     ~ProxySetting() { zeph_settings_set_http_proxy(nullptr, 0, nullptr, nullptr); }
 };
@@ -377,6 +413,38 @@ TEST(MediaSessionClose, EndsARunningSlowStart)
     const uint64_t requests = peer.stunRequests();
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_EQ(peer.stunRequests(), requests);
+}
+
+// The receive thread's wait: asleep while nothing happens, and yet a socket
+// that a failed connect gave up is released at once, though no poll record
+// changed to wake the thread.
+TEST(MediaSessionRecvThread, SleepsWhileIdleAndReleasesAGivenUpSocketAtOnce)
+{
+    MediaPeer peer;
+    ASSERT_TRUE(peer.start());
+    MediaSession s(1181);
+    ASSERT_EQ(s.Create(kVideo, 1), 0);
+    ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
+    ASSERT_EQ(s.Send(kVideo, 2, Body(30)), 0);
+    ASSERT_TRUE(s.WaitReceived(kVideo, 1));
+
+    const long tid = TaskNamed("TCPSocketRecvThread");
+    ASSERT_GT(tid, 0);
+    // Polling every 10 ms would be 50 wake-ups in this half second.
+    constexpr long kMaxIdleWakeups = 10;
+    const long before = Wakeups(tid);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_LE(Wakeups(tid) - before, kMaxIdleWakeups);
+
+    ASSERT_EQ(s.Create(kAudio, 1), 0);
+    const int32_t sock = s.Channel(kAudio, 0)->sock;
+    const std::string socket = LinkOf(sock);
+    ASSERT_EQ(socket.rfind("socket:", 0), 0u) << socket;
+    EXPECT_NE(s.Connect(kAudio, closed_tcp_port()), 0);
+    EXPECT_TRUE(wait_until([&] { return LinkOf(sock) != socket; }, 2000)) << "descriptor " << sock << " still held";
+    // The session goes on receiving.
+    ASSERT_EQ(s.Send(kVideo, 2, Body(31)), 0);
+    EXPECT_TRUE(s.WaitReceived(kVideo, 2));
 }
 
 } // namespace

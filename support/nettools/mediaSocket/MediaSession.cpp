@@ -1,6 +1,7 @@
-// Session lifetime and the caller's settings. The constructor starts the
-// receive, send and repair threads and MediaStopThread joins them; both run
-// on the thread that opens or closes the session. The setters and getters
+// Session lifetime and the caller's settings. The constructor makes the
+// receive thread's wake and starts the receive, send and repair threads;
+// MediaStopThread stops them (a flag, a wake, a join); both run on the
+// thread that opens or closes the session. The setters and getters
 // below run on the caller's thread; sockets closed here are released by the
 // receive thread between two polls.
 #include "mediaSocket/MediaSocket.h"
@@ -18,8 +19,18 @@ MediaSocket::MediaSocket(uint32_t id) : sessionId(id)
     for (auto& fd : fds) {
         fd.store(PackFd(MORL_PollFd{MORL_INVALID_SOCKET, 0, 0}));
     }
+    recvWake = MORL_WakeCreate();
+    if (recvWake == MORL_INVALID_WAKE) {
+        MEDIA_LOGW << "no wake for the receive thread, it polls on a timer. session id: " << sessionId
+                   << ", error: " << MORL_GetLastSocketErr();
+    }
     recvRunning = true;
-    recvThread = std::thread(&MediaSocket::SocketRecvThread, this);
+    try {
+        recvThread = std::thread(&MediaSocket::SocketRecvThread, this);
+    } catch (...) {
+        CloseRecvWake();
+        throw;
+    }
     sendRunning = true;
     repairRunning = true;
     try {
@@ -27,6 +38,7 @@ MediaSocket::MediaSocket(uint32_t id) : sessionId(id)
         repairThread = std::thread(&MediaSocket::RepairThread, this);
     } catch (...) {
         MediaStopThread();
+        CloseRecvWake();
         throw;
     }
 }
@@ -35,6 +47,15 @@ MediaSocket::~MediaSocket()
 {
     MediaStopThread();
     CloseDeferredSockets();
+    CloseRecvWake();
+}
+
+void MediaSocket::CloseRecvWake()
+{
+    if (recvWake != MORL_INVALID_WAKE) {
+        MORL_WakeClose(recvWake);
+        recvWake = MORL_INVALID_WAKE;
+    }
 }
 
 bool MediaSocket::IsSessionThread() const
@@ -66,6 +87,7 @@ int32_t MediaSocket::MediaStopThread()
         }
     }
     recvRunning = false;
+    WakeRecvThread();
     if (recvThread.joinable()) {
         if (recvThread.get_id() == self) {
             recvThread.detach();
@@ -97,8 +119,11 @@ void MediaSocket::CloseChannelSock(const std::shared_ptr<SockChannel>& ch)
         return;
     }
     MORL_Shutdown(old, MORL_SD_BOTH);
-    std::lock_guard<std::mutex> g(closeMutex);
-    closePending.push_back(old);
+    {
+        std::lock_guard<std::mutex> g(closeMutex);
+        closePending.push_back(old);
+    }
+    WakeRecvThread();
 }
 
 void MediaSocket::CloseDeferredSockets()

@@ -235,8 +235,12 @@ std::shared_ptr<SockChannel> MediaSocket::FindSockChannelBySock(const std::share
 
 void MediaSocket::SetFd(size_t index, int32_t sock, int16_t events)
 {
-    if (index < kMediaFdCount) {
-        fds[index].store(PackFd(MORL_PollFd{sock, events, 0}));
+    if (index >= kMediaFdCount) {
+        return;
+    }
+    const uint64_t packed = PackFd(MORL_PollFd{sock, events, 0});
+    if (fds[index].exchange(packed) != packed) {
+        WakeRecvThread(); // a new socket is polled at once, a gone one no more
     }
 }
 
