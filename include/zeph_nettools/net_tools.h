@@ -227,6 +227,14 @@ static_assert(sizeof(DetectRole) == 20, "DetectRole is 20 bytes");
  * results by value, so the callee owns its copy. Runs on a library thread. */
 using DetectBwNotify = void (*)(int32_t id, int32_t p1, int32_t p2, std::vector<DetectQosResult> results);
 
+/* How a long-time detection runs. */
+struct DetectBwConfig {
+    int32_t is_auth;             /* non-zero: the site's token and parameter go with every packet */
+    int32_t level;               /* 0..6 (packets per second 25, 50, 100, 200, 200, 400, 800); else 1 */
+    int32_t time_len;            /* seconds, at least 10: one report per whole 10 s */
+    DetectBwNotify fun_callback; /* one record per report */
+};
+
 extern "C" {
 
 /*
@@ -255,6 +263,25 @@ ZEPH_API uint32_t zeph_detect_set_qos_roles(const std::vector<DetectRole>* roles
  * 3). Returns 0; 32 when one is out of range or `weights` is null (nothing
  * changes); 33 when the scorer is not available. */
 ZEPH_API uint32_t zeph_detect_set_qos_weight(const uint32_t* weights);
+
+/*
+ * Watches one site for `time_len` seconds: back-to-back streams of 10 s at
+ * the configured level, from two sockets in turn (bound from 64100 and 64101
+ * up), each stream reported on its own about 11, 21, 31... s after the start
+ * with one record whose `index` is the socket's (0, 1, 0, ...), scored with
+ * the site's delaybase. Returns 0; 26 for a null argument, no address or
+ * port, or no callback; 31 with is_auth and a missing token or parameter,
+ * or one too long. A level outside 0..6 runs at 1, a time_len below 10 as 10.
+ */
+ZEPH_API uint32_t zeph_detect_start_long_time_bw(const DetectSiteInfo* site, DetectBwConfig* config);
+/*
+ * The same towards a plain STUN server (RFC 5389 Binding Requests of 1400
+ * bytes, answered by Binding Success): always level 0, written back into
+ * `config`. A STUN server tells no times of its own, so the two ways cannot
+ * be told apart: all loss is reported as loss on the way back, and the
+ * round-trip jitter is split evenly between the two directions.
+ */
+ZEPH_API uint32_t zeph_detect_start_stun_long_time(const DetectSiteInfo* site, DetectBwConfig* config);
 
 } /* extern "C" */
 #endif /* __cplusplus */

@@ -1,0 +1,352 @@
+// The long-time detections through their exports: rounds of ten seconds from
+// two sockets in turn, against our quality server with the token in every
+// packet, through the UDP relay beside its truth, and in the STUN form
+// against a socket of the test that answers as a STUN server; the refusals;
+// and `zeph-nettools monitor` stopped by SIGINT.
+//
+// The clients bind the fixed client ports (64100, 64101): the program's
+// tests take turns through a resource lock, so the long runs are few.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cmath>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bwdetect/detect_server.h"
+#include "log_capture.h"
+#include "peers.h"
+#include "process.h"
+#include "tool_run.h"
+#include "udp_relay.h"
+#include "zeph_nettools/net_tools.h"
+#include "zeph_nettools/settings.h"
+
+using zeph_test::now_ms;
+using zeph_test::wait_until;
+
+namespace {
+
+constexpr uint16_t kServerPort = 64000;
+constexpr uint16_t kFirstClientPort = 64100;
+constexpr int kRoundMs = 10000;
+// A report comes about a second after its round: the late replies' wait.
+constexpr uint64_t kFirstReportMinMs = 9000, kFirstReportMaxMs = 15000;
+constexpr uint64_t kGapMinMs = 8000, kGapMaxMs = 13000;
+
+std::string test_ip(int host) { return "127.0.66." + std::to_string(host); }
+
+struct Report {
+    uint64_t at_ms;
+    int32_t id, code, p2;
+    std::vector<DetectQosResult> results;
+};
+std::mutex g_mutex;
+std::vector<Report> g_reports;
+
+void on_report(int32_t id, int32_t code, int32_t p2, std::vector<DetectQosResult> results) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_reports.push_back({now_ms(), id, code, p2, std::move(results)});
+}
+std::vector<Report> reports() {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_reports;
+}
+size_t report_count() {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_reports.size();
+}
+
+class LongTime : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        g_reports.clear();
+    }
+    void TearDown() override { DetectServer::destroy_instance(); }
+
+    // Our quality server on ip:64000.
+    void Serve(const std::string& ip) {
+        ASSERT_EQ(zeph_settings_set_local_addr(ip.c_str()), 0);
+        DetectServer* server = DetectServer::get_instance();
+        ASSERT_NE(server, nullptr);
+        ASSERT_EQ(server->start_server(kServerPort), DetectServer::kStarted);
+    }
+
+    // Waits for `n` reports and checks what every long run shows: one
+    // record each, code 0, the sockets in turn, about one round apart.
+    std::vector<Report> ExpectRounds(size_t n, uint64_t started) {
+        EXPECT_TRUE(wait_until([&] { return report_count() >= n; }, int(n) * kRoundMs + 8000)) << report_count();
+        const std::vector<Report> got = reports();
+        EXPECT_EQ(got.size(), n);
+        for (size_t i = 0; i < got.size(); ++i) {
+            SCOPED_TRACE("report " + std::to_string(i));
+            EXPECT_EQ(got[i].code, 0);
+            EXPECT_EQ(got[i].results.size(), 1u);
+            if (got[i].results.size() != 1) continue;
+            EXPECT_EQ(got[i].results[0].index, int16_t(i % 2));
+            EXPECT_EQ(got[i].results[0].is_pre, 0);
+            const uint64_t gap = got[i].at_ms - (i == 0 ? started : got[i - 1].at_ms);
+            EXPECT_GE(gap, i == 0 ? kFirstReportMinMs : kGapMinMs);
+            EXPECT_LE(gap, i == 0 ? kFirstReportMaxMs : kGapMaxMs);
+        }
+        return got;
+    }
+};
+
+DetectSiteInfo Site(const std::string& ip, uint16_t port, const std::string& token = "",
+                    const std::string& para = "") {
+    DetectSiteInfo s;
+    s.index = 7;
+    s.ip = ip;
+    s.port = port;
+    s.auth_token = token;
+    s.auth_para = para;
+    return s;
+}
+
+// Every export refuses before it starts anything: the code, and no callback.
+TEST_F(LongTime, RefusalsCarryTheirCodesAndStartNothing) {
+    using Start = uint32_t (*)(const DetectSiteInfo*, DetectBwConfig*);
+    const std::string ip = test_ip(9);
+    for (Start start : {zeph_detect_start_long_time_bw, zeph_detect_start_stun_long_time}) {
+        SCOPED_TRACE(start == zeph_detect_start_long_time_bw ? "site" : "stun");
+        DetectBwConfig plain{0, 1, 10, on_report};
+        DetectBwConfig auth{1, 1, 10, on_report};
+        DetectBwConfig no_callback{0, 1, 10, nullptr};
+        const DetectSiteInfo good = Site(ip, kServerPort, "token", "para");
+        EXPECT_EQ(start(nullptr, &plain), 26u);
+        EXPECT_EQ(start(&good, nullptr), 26u);
+        EXPECT_EQ(start(&good, &no_callback), 26u);
+        DetectSiteInfo site = Site(ip, 0, "token", "para");
+        EXPECT_EQ(start(&site, &plain), 26u) << "no port";
+        site = Site("", kServerPort, "token", "para");
+        EXPECT_EQ(start(&site, &plain), 26u) << "no address";
+        site = Site(ip, kServerPort, "", "para");
+        EXPECT_EQ(start(&site, &auth), 31u) << "no token";
+        site = Site(ip, kServerPort, "token", "");
+        EXPECT_EQ(start(&site, &auth), 31u) << "no parameter";
+        site = Site(ip, kServerPort, std::string(65, 't'), "para");
+        EXPECT_EQ(start(&site, &auth), 31u) << "a token of 65 bytes";
+        site = Site(ip, kServerPort, "token", std::string(129, 'p'));
+        EXPECT_EQ(start(&site, &auth), 31u) << "a parameter of 129 bytes";
+    }
+    EXPECT_FALSE(wait_until([] { return report_count() > 0; }, 300));
+}
+
+// With is_auth every packet is a type-2 packet with the token; our server
+// must answer them as data, not as auth requests, or nothing is measured.
+// Level 7 runs at level 1: 500 packets a round (and the last one thrice
+// more), from 64100 and 64101 in turn.
+TEST_F(LongTime, TokenInEveryPacketIsMeasuredByOurServer) {
+    const std::string ip = test_ip(2);
+    Serve(ip);
+    zeph_test::LogCapture log(1);
+    DetectSiteInfo site = Site(ip, kServerPort, "token-of-the-site", "parameter");
+    DetectBwConfig config{1, 7, 20, on_report};
+    const uint64_t started = now_ms();
+    ASSERT_EQ(zeph_detect_start_long_time_bw(&site, &config), 0u);
+    const std::vector<Report> got = ExpectRounds(2, started);
+    for (const Report& r : got) {
+        if (r.results.empty()) continue;
+        const DetectQosResult& q = r.results[0];
+        EXPECT_LE(q.a_s_loss, 5) << "index " << q.index;
+        EXPECT_LE(q.a_r_loss, 5) << "index " << q.index;
+        EXPECT_LT(q.a_delay, 20) << "index " << q.index;
+        EXPECT_GE(q.score, 6000) << "index " << q.index;
+    }
+    EXPECT_TRUE(log.contains("level(7) is out of range")) << log.dump();
+
+    const std::vector<DetectServerClientInfo> clients = DetectServer::get_instance()->clients();
+    ASSERT_EQ(clients.size(), 2u);
+    for (const DetectServerClientInfo& c : clients) {
+        EXPECT_TRUE(c.key.port == kFirstClientPort || c.key.port == kFirstClientPort + 1) << c.key.port;
+        EXPECT_EQ(c.packets, 500u + 3u) << "port " << c.key.port;
+    }
+    EXPECT_NE(clients[0].key.port, clients[1].key.port);
+}
+
+// Three rounds through a relay of known delay, jitter and loss: each
+// direction's figures beside the relay's truth (bounds with room for a
+// loaded machine; the bench has the precise figures).
+TEST_F(LongTime, ThreeRoundsThroughTheRelayFollowTheTruth) {
+    const std::string ip = test_ip(1);
+    Serve(ip);
+    zeph_relay::UdpRelayConfig cfg;
+    cfg.listen_ip = ip;
+    cfg.server_ip = ip;
+    cfg.server_port = kServerPort;
+    cfg.to_server = {20, 3, 0.03};
+    cfg.to_client = {15, 0, 0.01};
+    cfg.seed = 11;
+    zeph_relay::UdpRelay relay(cfg);
+    ASSERT_EQ(relay.start(), 0);
+
+    DetectSiteInfo site = Site(relay.listen_ip(), relay.port()); // no token: none is needed
+    DetectBwConfig config{0, 3, 30, on_report};
+    const uint64_t started = now_ms();
+    ASSERT_EQ(zeph_detect_start_long_time_bw(&site, &config), 0u);
+    const std::vector<Report> got = ExpectRounds(3, started);
+    ASSERT_EQ(got.size(), 3u);
+
+    // Level 3: 2000 packets a round, and the last one thrice more.
+    const zeph_relay::UdpRelayStats rs = relay.stats();
+    EXPECT_EQ(rs.to_server_forwarded + rs.to_server_dropped, 3u * (2000 + 3));
+    const double up_truth = 1000.0 * rs.to_server_dropped / (rs.to_server_forwarded + rs.to_server_dropped);
+    const double down_truth = 1000.0 * rs.to_client_dropped / (rs.to_client_forwarded + rs.to_client_dropped);
+    // Binomial spread of the per-round rates around the counted truth.
+    const double up_slack = 3 + 3 * std::sqrt(up_truth * (1000 - up_truth) / 2000);
+    const double down_slack = 3 + 3 * std::sqrt(down_truth * (1000 - down_truth) / 2000);
+    for (const Report& r : got) {
+        const DetectQosResult& q = r.results[0];
+        SCOPED_TRACE("index " + std::to_string(q.index));
+        EXPECT_NEAR(q.a_delay, 35, 4);
+        EXPECT_NEAR(q.a_s_jitter, 2, 2.5); // 2J/3 for a spread of +-3 ms
+        EXPECT_LE(q.a_r_jitter, 2);
+        EXPECT_NEAR(q.a_s_loss, up_truth, up_slack);
+        EXPECT_NEAR(q.a_r_loss, down_truth, down_slack);
+        EXPECT_GT(q.score, 0);
+    }
+}
+
+// A socket of the test answering as a STUN server: a Binding Success with
+// the request's transaction id and an XOR-MAPPED-ADDRESS. It keeps what it
+// got.
+class StunStandIn {
+public:
+    struct Got {
+        std::vector<uint8_t> bytes;
+        uint16_t from_port;
+    };
+    explicit StunStandIn(const std::string& ip) {
+        m_fd = socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = zeph_test::ipv4_be(ip);
+        socklen_t len = sizeof a;
+        m_ok = m_fd >= 0 && bind(m_fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+               getsockname(m_fd, reinterpret_cast<sockaddr*>(&a), &len) == 0;
+        m_port = ntohs(a.sin_port);
+        if (m_ok) m_thread = std::thread([this] { run(); });
+    }
+    ~StunStandIn() {
+        m_stop = true;
+        if (m_thread.joinable()) m_thread.join();
+        if (m_fd >= 0) close(m_fd);
+    }
+    bool ok() const { return m_ok; }
+    uint16_t port() const { return m_port; }
+    std::vector<Got> got() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_got;
+    }
+
+private:
+    void run() {
+        while (!m_stop) {
+            pollfd p{m_fd, POLLIN, 0};
+            if (poll(&p, 1, 10) <= 0) continue;
+            uint8_t buf[2048];
+            sockaddr_in from{};
+            socklen_t flen = sizeof from;
+            const ssize_t n = recvfrom(m_fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &flen);
+            if (n < 20) continue;
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                m_got.push_back({std::vector<uint8_t>(buf, buf + n), ntohs(from.sin_port)});
+            }
+            uint8_t answer[32];
+            std::copy(buf, buf + 20, answer);
+            answer[0] = 0x01, answer[1] = 0x01, answer[2] = 0, answer[3] = 12;
+            const uint16_t xport = uint16_t(ntohs(from.sin_port) ^ 0x2112);
+            const uint32_t xaddr = ntohl(from.sin_addr.s_addr) ^ 0x2112A442u;
+            const uint8_t attr[12] = {0x00, 0x20, 0x00, 0x08, 0x00, 0x01, uint8_t(xport >> 8), uint8_t(xport),
+                                      uint8_t(xaddr >> 24), uint8_t(xaddr >> 16), uint8_t(xaddr >> 8), uint8_t(xaddr)};
+            std::copy(attr, attr + 12, answer + 20);
+            sendto(m_fd, answer, sizeof answer, 0, reinterpret_cast<sockaddr*>(&from), flen);
+        }
+    }
+
+    int m_fd = -1;
+    bool m_ok = false;
+    uint16_t m_port = 0;
+    std::atomic<bool> m_stop{false};
+    mutable std::mutex m_mutex;
+    std::vector<Got> m_got;
+    std::thread m_thread;
+};
+
+// The STUN form: level 0 whatever the caller asked (and the caller's record
+// says so), Binding Requests of 1400 bytes with the sequence number in the
+// transaction id, one round for a time_len of 9, and the detection freed by
+// its own thread at its end.
+TEST_F(LongTime, StunFormRunsAtLevelZeroAgainstAStunServer) {
+    StunStandIn stun(test_ip(3));
+    ASSERT_TRUE(stun.ok());
+    zeph_test::LogCapture log(2);
+    DetectSiteInfo site = Site(test_ip(3), stun.port());
+    DetectBwConfig config{0, 5, 9, on_report};
+    const uint64_t started = now_ms();
+    ASSERT_EQ(zeph_detect_start_stun_long_time(&site, &config), 0u);
+    EXPECT_EQ(config.level, 0);
+    const std::vector<Report> got = ExpectRounds(1, started);
+    ASSERT_EQ(got.size(), 1u);
+    const DetectQosResult& q = got[0].results[0];
+    EXPECT_LT(q.a_delay, 20);
+    EXPECT_EQ(q.a_s_loss, 0);
+    EXPECT_LE(q.a_r_loss, 5);
+    EXPECT_TRUE(log.wait_for("destory", 2000)) << "the detection outlives its thread";
+    EXPECT_FALSE(wait_until([] { return report_count() > 1; }, 500));
+
+    // Level 0: 25 packets a second for 10 s, and the last one thrice more.
+    const std::vector<StunStandIn::Got> pkts = stun.got();
+    ASSERT_EQ(pkts.size(), 250u + 3u);
+    for (size_t i = 0; i < pkts.size(); ++i) {
+        const std::vector<uint8_t>& p = pkts[i].bytes;
+        SCOPED_TRACE("packet " + std::to_string(i));
+        ASSERT_EQ(p.size(), 1400u);
+        EXPECT_EQ(pkts[i].from_port, kFirstClientPort);
+        const std::vector<uint8_t> head(p.begin(), p.begin() + 8);
+        EXPECT_EQ(head, (std::vector<uint8_t>{0x00, 0x01, 0x04, 0x98, 0x21, 0x12, 0xA4, 0x42}));
+        EXPECT_EQ(std::string(p.begin() + 12, p.begin() + 16), "1234");
+        const uint32_t seq = uint32_t(p[16]) << 24 | uint32_t(p[17]) << 16 | uint32_t(p[18]) << 8 | p[19];
+        EXPECT_EQ(seq, std::min<uint32_t>(uint32_t(i), 249));
+        if (HasFailure()) break;
+    }
+}
+
+// `zeph-nettools monitor`: a JSON object per report, and on SIGINT a summary
+// and a clean exit without waiting for the rounds still to come.
+TEST_F(LongTime, MonitorPrintsReportsUntilInterrupted) {
+    const std::string ip = test_ip(4);
+    Serve(ip);
+    zeph_test::Process tool;
+    ASSERT_TRUE(tool.start({zeph_test::tool_path("zeph-nettools"), "monitor", ip, "--minutes", "2", "--level", "2",
+                            "--json"}))
+        << tool.error();
+    ASSERT_TRUE(wait_until([&] { return tool.stdout_text().find("\"report\"") != std::string::npos; }, 20000))
+        << tool.stdout_text() << tool.stderr_text();
+    ASSERT_EQ(kill(tool.pid(), SIGINT), 0);
+    const uint64_t interrupted = now_ms();
+    ASSERT_TRUE(wait_until([&] { return !tool.running(); }, 3000)) << tool.stderr_text();
+    EXPECT_LT(now_ms() - interrupted, 3000u);
+    EXPECT_EQ(tool.stop(), 0) << tool.stderr_text();
+
+    const std::string out = tool.stdout_text();
+    const std::map<std::string, std::string> j = zeph_test::parse_json_lines(out);
+    EXPECT_EQ(zeph_test::at(j, "0:report"), "1") << out;
+    EXPECT_EQ(zeph_test::at(j, "0:index"), "0") << out;
+    EXPECT_EQ(zeph_test::at(j, "0:a_s_loss"), "0") << out;
+    EXPECT_EQ(zeph_test::at(j, "1:summary.reports"), "1") << out;
+    EXPECT_EQ(zeph_test::at(j, "1:summary.stopped"), "true") << out;
+}
+
+} // namespace
