@@ -18,6 +18,11 @@ for must in zeph_3port_detect zeph_any_port_detect zeph_net_detect zeph_single_n
             MORL_MediaGetFirstSessionId MORL_MediaSetLogCallback; do
   nm -D --defined-only "$lib" | grep -qw "$must" || { echo "missing export: $must"; exit 1; }
 done
+# Our additions beyond the detection exports every caller knows: the simple
+# QoS detection's start and its six server names.
+for must in zeph_simple_qos_detect zeph_set_simple_qos_srvs; do
+  nm -D --defined-only "$lib" | grep -qw "$must" || { echo "missing export: $must"; exit 1; }
+done
 # Internal helpers of the platform layer must stay hidden.
 for hidden in DoLog MORL_Socket zeph_http_proxy_connect_ex get_addr_ipv4 zeph_get_dns_servers \
               MORL_MSG_Init MORL_MSG_SynSend RAVN_NETB_DnsGetIpByAsynResolve; do

@@ -284,6 +284,49 @@ ZEPH_API uint32_t zeph_detect_start_long_time_bw(const DetectSiteInfo* site, Det
 ZEPH_API uint32_t zeph_detect_start_stun_long_time(const DetectSiteInfo* site, DetectBwConfig* config);
 
 } /* extern "C" */
+
+/* ---- simple QoS detection (C++ only) ------------------------------------------
+ * Delay and loss to six servers, five probes each, on the detection runtime
+ * (zeph_net_tools_init first). The servers come from the six names set with
+ * zeph_set_simple_qos_srvs, each probed its own way:
+ *   0  ICMP echo            1  TCP connect to the proxy port (the configured
+ *   2, 3  TCP connect 443      HTTP proxy itself; no proxy: nothing to probe)
+ *   4, 5  UDP STUN Binding Request to port 10002
+ * These two exports are additions of this library: the detection had no
+ * entry of its own. */
+extern "C" {
+
+/*
+ * The six server names, dotted addresses or host names (resolved at the
+ * start of each detection, for at most 1 s). At most the first 6 are taken;
+ * an empty name leaves its place as it was. Returns 0; 1 (nothing changes)
+ * when a name is longer than 253 characters.
+ */
+ZEPH_API int32_t zeph_set_simple_qos_srvs(const std::vector<std::string>& names);
+/*
+ * Starts one detection: names are resolved (up to 1 s), then every server
+ * with an address gets a first probe; each answer sends the next probe at
+ * once, and after a lost answer the next one goes 300 ms later. A server
+ * that does not answer its first probe gets no second one. After at most
+ * 3 s of probing (earlier when every probe of every server has its answer)
+ * `notify` gets one NetDetectResult per server, on the runtime's message
+ * thread: `level` the server's place 0..5, `level_num` 6, `num` and
+ * `context` as given, delays in ms over the answered probes (an answer later
+ * than 3000 ms does not count), `discard` the share of the five probes
+ * without an answer (probes never sent count as lost), `qos` as for the net
+ * detection. A server with no address or no probe is reported with discard
+ * 100, qos 3 and delays of 3000. A record can come as soon as a server's
+ * fifth probe is answered, the others at the end.
+ * Without a proxy the second server has no port and is always such a
+ * record, so a detection then always runs its full 3 s; with a proxy the
+ * servers 2 and 3 go through it and are not watched, so they report no
+ * answer.
+ * Returns 0; 1 for a null callback, a runtime that is not started, or a
+ * timer that cannot be made (then the callback never comes).
+ */
+ZEPH_API int32_t zeph_simple_qos_detect(uint32_t num, NetDetectNotify notify, uint64_t context);
+
+} /* extern "C" */
 #endif /* __cplusplus */
 
 #endif
