@@ -9,7 +9,6 @@ int cmd_net(int argc, char** argv);
 int cmd_demo(int argc, char** argv);
 int cmd_media(int argc, char** argv);
 int cmd_monitor(int argc, char** argv);
-int cmd_monitor(int argc, char** argv);
 int cmd_qos(int argc, char** argv);
 int cmd_fw(int argc, char** argv);
 int cmd_quality(int argc, char** argv);

@@ -24,7 +24,6 @@ const char kHelp[] =
     "  qos    delay, loss and quality class of six servers, five probes each\n"
     "  media  a media session: streams packets to a server, tells what came back\n"
     "  monitor  watches one quality or STUN server for minutes, a report every 10 s\n"
-    "  monitor  watches one quality or STUN server for minutes, a report every 10 s\n"
     "  quality  scores up to ten quality servers at once and names the best\n"
     "  fw     firewall detection: which of up to 7 targets can be reached, after 30 s\n"
     "  demo   runs the detections and a media session against peers on loopback\n"
@@ -52,7 +51,6 @@ int main(int argc, char** argv) {
     if (cmd == "net") return cli::cmd_net(argc - 2, argv + 2);
     if (cmd == "qos") return cli::cmd_qos(argc - 2, argv + 2);
     if (cmd == "media") return cli::cmd_media(argc - 2, argv + 2);
-    if (cmd == "monitor") return cli::cmd_monitor(argc - 2, argv + 2);
     if (cmd == "monitor") return cli::cmd_monitor(argc - 2, argv + 2);
     if (cmd == "demo") return cli::cmd_demo(argc - 2, argv + 2);
     if (cmd == "fw") return cli::cmd_fw(argc - 2, argv + 2);
