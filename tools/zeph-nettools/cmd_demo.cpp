@@ -9,15 +9,25 @@
 //      fixed ports (10002, 443, 1124), on loopback addresses of their own
 //      (127.0.0.201-202 and 127.0.0.211-216);
 //   5. a media session against an echoing media peer: audio over four
-//      channels at 50 packets/s and video over one at 30 packets/s.
+//      channels at 50 packets/s and video over one at 30 packets/s;
+//   6. a quality run of two sites: a zeph-quality-server started beside
+//      this program on 127.0.0.221 (its fixed port 64000), directly and
+//      through a relay adding delay and loss.
 // What needs privileges (raw ICMP sockets, ports below 1024) is skipped with
 // a one-line reason when they are missing.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <map>
 #include <memory>
 
 #include <zeph_nettools/media_socket.h>
 
 #include "cmd_media.h"
+#include "cmd_quality.h"
 #include "commands.h"
 #include "inbox.h"
 #include "loopback_peers.h"
@@ -26,6 +36,7 @@
 #include "render.h"
 #include "targets.h"
 #include "terminal.h"
+#include "udp_relay.h"
 
 namespace cli {
 namespace {
@@ -38,9 +49,11 @@ const char kDemoHelp[] =
     "(udp, tcp, icmp) and, when the fixed ports 10002, 443 and 1124 can be bound\n"
     "on 127.0.0.201-216 (root), the three-port detection and the plan of seven\n"
     "measurements; last, a media session against an echoing media peer (audio\n"
-    "over 4 channels, video over 1, 3 seconds). ICMP needs raw sockets (root or\n"
-    "CAP_NET_RAW). What cannot run is skipped with a one-line reason. Takes\n"
-    "about 15 seconds.\n"
+    "over 4 channels, video over 1, 3 seconds); and a quality run of two sites\n"
+    "against a zeph-quality-server it starts on 127.0.0.221:64000, one direct\n"
+    "and one through a relay adding 40 ms each way and 2 % loss. ICMP needs raw\n"
+    "sockets (root or CAP_NET_RAW). What cannot run is skipped with a one-line\n"
+    "reason. Takes about 20 seconds.\n"
     "\n"
     "  --json        one JSON object per result on stdout (reasons for skips\n"
     "                then go to stderr)\n"
@@ -52,6 +65,80 @@ const char kDemoHelp[] =
 
 constexpr int kPhaseDeadlineS = 20;
 constexpr int kPlanDeadlineS = 40;
+
+// The quality run: the server's address, how long it may take to say that
+// it listens, and the relay in front of it.
+const char kQualityServerIp[] = "127.0.0.221";
+constexpr uint16_t kQualityServerPort = 64000;
+constexpr int kServerStartMs = 5000;
+constexpr double kRelayDelayMs = 40;
+constexpr double kRelayLoss = 0.02;
+
+// zeph-quality-server as a child process beside this program, stopped by
+// its PID when this object goes.
+class QualityServerChild {
+public:
+    ~QualityServerChild() {
+        if (m_pid > 0) {
+            kill(m_pid, SIGTERM);
+            waitpid(m_pid, nullptr, 0);
+        }
+        if (m_fd >= 0) close(m_fd);
+    }
+    // Starts it on `ip` and waits until it says it listens. False with
+    // `error` (its own words when it gave up, such as a taken port).
+    bool start(const std::string& ip, std::string& error) {
+        char self[4096];
+        const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+        std::string path = "zeph-quality-server";
+        if (n > 0) {
+            std::string dir(self, size_t(n));
+            path = dir.substr(0, dir.rfind('/') + 1) + path;
+        }
+        if (access(path.c_str(), X_OK) != 0) {
+            error = "zeph-quality-server not found beside zeph-nettools (" + path + ")";
+            return false;
+        }
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) != 0) {
+            error = "no pipe for zeph-quality-server";
+            return false;
+        }
+        m_pid = fork();
+        if (m_pid == 0) {
+            dup2(fds[1], STDOUT_FILENO);
+            dup2(fds[1], STDERR_FILENO);
+            execl(path.c_str(), path.c_str(), "--addr", ip.c_str(), "--every", "3600", static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        close(fds[1]);
+        m_fd = fds[0];
+        if (m_pid < 0) {
+            error = "cannot start zeph-quality-server";
+            return false;
+        }
+        std::string said;
+        const auto deadline = Clock::now() + std::chrono::milliseconds(kServerStartMs);
+        while (Clock::now() < deadline) {
+            pollfd p{m_fd, POLLIN, 0};
+            if (poll(&p, 1, 50) <= 0) continue;
+            char buf[512];
+            const ssize_t got = read(m_fd, buf, sizeof buf);
+            if (got <= 0) break; // it ended
+            said.append(buf, size_t(got));
+            if (said.find("listening on") != std::string::npos) return true;
+        }
+        while (!said.empty() && said.back() == '\n') said.pop_back();
+        const std::string prefix = "zeph-quality-server: ";
+        if (said.compare(0, prefix.size(), prefix) == 0) said = said.substr(prefix.size());
+        error = said.empty() ? "zeph-quality-server did not start in time" : said;
+        return false;
+    }
+
+private:
+    pid_t m_pid = -1;
+    int m_fd = -1;
+};
 
 class Demo {
 public:
@@ -82,6 +169,7 @@ private:
     bool three_port();
     bool plan();
     bool media();
+    bool quality();
 
     const CommonOptions& m_opt;
     bool m_icmp = false;
@@ -262,6 +350,35 @@ bool Demo::media() {
     return true;
 }
 
+bool Demo::quality() {
+    title("quality of two sites (direct, and through a relay adding 40 ms and 2 % loss)");
+    QualityServerChild server;
+    std::string error;
+    if (!server.start(kQualityServerIp, error)) {
+        note("skipped the quality run: " + error);
+        return true;
+    }
+    zeph_relay::UdpRelayConfig cfg;
+    cfg.listen_ip = kQualityServerIp;
+    cfg.server_ip = kQualityServerIp;
+    cfg.server_port = kQualityServerPort;
+    cfg.to_server = {kRelayDelayMs, 0, kRelayLoss};
+    cfg.to_client = {kRelayDelayMs, 0, kRelayLoss};
+    zeph_relay::UdpRelay relay(cfg);
+    if (relay.start(&error) != 0) return fail("cannot start the relay: " + error);
+    std::vector<QualitySite> sites(2);
+    sites[0].host = sites[1].host = kQualityServerIp;
+    sites[0].port = kQualityServerPort;
+    sites[0].label = "direct";
+    sites[1].port = relay.port();
+    sites[1].label = "relay +40ms 2%";
+    if (run_quality("demo", sites, m_opt.json, "quality") != kExitOk) {
+        m_failed = true;
+        return false;
+    }
+    return true;
+}
+
 int Demo::run() {
     std::string error;
     if (!m_stun.start("127.0.0.1", 0, &error) || !m_tcp.start("127.0.0.1", 0, &error) ||
@@ -277,6 +394,7 @@ int Demo::run() {
     three_port();
     plan();
     media();
+    quality();
     return m_failed ? kExitNotStarted : kExitOk;
 }
 
