@@ -235,6 +235,22 @@ struct DetectBwConfig {
     DetectBwNotify fun_callback; /* one record per report */
 };
 
+/* One server site of the nearest-site race, and its row in the results. */
+struct OptSiteInfo {
+    std::string name;        /* region name, reported back unchanged */
+    std::string nodeName;    /* node name, reported back unchanged */
+    std::string addr;        /* dotted address or host name */
+    uint16_t port = 0;       /* server port, host byte order */
+    uint16_t category_delay = 0; /* ms to hold the site back; above 300 reported as 300 */
+    uint16_t delay = 0;      /* out: ms from its category's sending to its first answer, 65535 without one */
+    uint16_t discard = 0;    /* out: probes without an answer, percent */
+};
+
+/* Callback of the race: `id` and `p1` 0; `p2` 0 for the best site (one
+ * record, discard 0), 1 for the final table. The records are valid for the
+ * call only. Runs on the detection runtime's message thread. */
+using DetectOptNotify = void (*)(int32_t id, int32_t p1, uint32_t p2, const std::vector<OptSiteInfo>& results);
+
 extern "C" {
 
 /*
@@ -282,6 +298,18 @@ ZEPH_API uint32_t zeph_detect_start_long_time_bw(const DetectSiteInfo* site, Det
  * round-trip jitter is split evenly between the two directions.
  */
 ZEPH_API uint32_t zeph_detect_start_stun_long_time(const DetectSiteInfo* site, DetectBwConfig* config);
+
+/*
+ * Races up to 32 sites (the rest is ignored): 32 NPS probes to each, sites
+ * of equal category_delay sent together, a later category that much later.
+ * The first answer is reported at once (p2 0); about a second after the
+ * burst the table (p2 1) with every site that resolved, ascending by
+ * category_delay. Names are resolved first (at most 1 s); a site whose name
+ * does not resolve has no row. Needs zeph_net_tools_init. Returns 0; 1 for
+ * a null callback, a runtime that is not started, or a timer that could
+ * not be made (no callback follows).
+ */
+ZEPH_API uint32_t zeph_detect_start_opt_mult_site(const std::vector<OptSiteInfo>& sites, DetectOptNotify notify);
 
 } /* extern "C" */
 

@@ -1,0 +1,485 @@
+// The nearest-site race through its export and the detection runtime:
+// quality servers behind relays of known delay and loss, sites of the test's
+// own that record every probe (and answer or keep silent), names from a DNS
+// server of the test's own. Runs on the test's thread; the callbacks come on
+// the runtime's message thread.
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "bwdetect/quality_wire.h"
+#include "dns_responder.h"
+#include "inc/net_tools_msg.h"
+#include "log_capture.h"
+#include "peers.h"
+#include "process.h"
+#include "udp_relay.h"
+#include "waits.h"
+#include "zeph_nettools/net_tools.h"
+#include "zeph_nettools/settings.h"
+
+using namespace zeph_test;
+namespace q = zeph::quality;
+
+namespace {
+
+// Each test has addresses of its own (127.0.93.x), so parallel runs meet.
+std::string test_ip(int host) { return "127.0.93." + std::to_string(host); }
+constexpr uint16_t kQualityPort = 64000;
+constexpr size_t kProbes = 32;
+constexpr size_t kNpsLen = 1200;
+constexpr uint16_t kNoAnswer = 65535;
+// A race ends about a second after its burst; generous for sanitizers.
+constexpr int kRaceDeadlineMs = 6000;
+
+// ---- what the callbacks saw -------------------------------------------------------------
+struct Report {
+    uint32_t p2;
+    uint64_t at_ms;
+    bool on_message_thread;
+    std::vector<OptSiteInfo> rows;
+};
+std::mutex g_mu;
+std::vector<Report> g_reports;
+
+void on_race(int32_t id, int32_t p1, uint32_t p2, const std::vector<OptSiteInfo>& rows) {
+    EXPECT_EQ(0, id);
+    EXPECT_EQ(0, p1);
+    std::lock_guard<std::mutex> g(g_mu);
+    g_reports.push_back(Report{p2, now_ms(), NetToolsMsg::on_message_thread(), rows});
+}
+
+// The reports of the race whose sites begin with `first_name`.
+std::vector<Report> reports_of(const std::string& first_name) {
+    std::lock_guard<std::mutex> g(g_mu);
+    std::vector<Report> out;
+    for (const Report& r : g_reports) {
+        if (r.p2 == 0 && !r.rows.empty() && r.rows[0].name.rfind(first_name, 0) == 0) out.push_back(r);
+        if (r.p2 == 1 && (r.rows.empty() ? first_name.empty() : r.rows[0].name.rfind(first_name, 0) == 0))
+            out.push_back(r);
+    }
+    return out;
+}
+
+OptSiteInfo site(const std::string& name, const std::string& addr, uint16_t port, uint16_t category = 0) {
+    OptSiteInfo s;
+    s.name = name;
+    s.nodeName = "node-" + name;
+    s.addr = addr;
+    s.port = port;
+    s.category_delay = category;
+    s.delay = 7; // not read
+    s.discard = 7;
+    return s;
+}
+
+struct Race {
+    uint64_t started_ms = 0;
+    std::vector<Report> best, table;
+};
+
+// Starts a race and waits for its table (the last report).
+Race run_race(const std::vector<OptSiteInfo>& sites, const std::string& first_name) {
+    Race race;
+    race.started_ms = now_ms();
+    EXPECT_EQ(0u, zeph_detect_start_opt_mult_site(sites, on_race));
+    EXPECT_TRUE(wait_until(
+        [&] {
+            for (const Report& r : reports_of(first_name))
+                if (r.p2 == 1) return true;
+            return false;
+        },
+        kRaceDeadlineMs));
+    sleep_ms(100); // nothing may follow the table
+    for (Report& r : reports_of(first_name)) (r.p2 == 0 ? race.best : race.table).push_back(r);
+    return race;
+}
+
+const OptSiteInfo* row(const Report& table, const std::string& name) {
+    for (const OptSiteInfo& r : table.rows)
+        if (r.name == name) return &r;
+    return nullptr;
+}
+
+// ---- sites of the test's own --------------------------------------------------------------
+// UDP sockets that record each probe (arrival, sequence, session, length)
+// and echo it unless silent. One thread polls them all.
+class Sites {
+public:
+    struct Probe {
+        uint64_t at_ms;
+        uint32_t seq;
+        uint32_t session;
+        size_t len;
+    };
+    Sites(const std::string& ip, size_t n, const std::vector<bool>& silent = {}) {
+        for (size_t i = 0; i < n; ++i) {
+            m_socks.push_back(std::make_unique<UdpSocket>(ip, 0));
+            m_silent.push_back(i < silent.size() && silent[i]);
+        }
+        m_probes.resize(n);
+        m_thread = std::thread([this] { run(); });
+    }
+    ~Sites() {
+        m_stop = true;
+        m_thread.join();
+    }
+    uint16_t port(size_t i) const { return m_socks[i]->port(); }
+    std::vector<Probe> probes(size_t i) {
+        std::lock_guard<std::mutex> g(m_mu);
+        return m_probes[i];
+    }
+
+private:
+    void run() {
+        std::vector<pollfd> fds;
+        for (auto& s : m_socks) fds.push_back(pollfd{s->fd(), POLLIN, 0});
+        uint8_t buf[2048];
+        while (!m_stop) {
+            if (poll(fds.data(), fds.size(), 5) <= 0) continue;
+            for (size_t i = 0; i < fds.size(); ++i) {
+                if ((fds[i].revents & POLLIN) == 0) continue;
+                sockaddr_storage from{};
+                socklen_t flen = sizeof from;
+                const ssize_t n = recvfrom(fds[i].fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &flen);
+                if (n <= 0) continue;
+                const size_t len = static_cast<size_t>(n);
+                {
+                    std::lock_guard<std::mutex> g(m_mu);
+                    m_probes[i].push_back(
+                        Probe{now_ms(), q::get_seq(buf, len), q::get_session(buf, len, false), len});
+                }
+                if (!m_silent[i]) sendto(fds[i].fd, buf, len, 0, reinterpret_cast<sockaddr*>(&from), flen);
+            }
+        }
+    }
+    std::vector<std::unique_ptr<UdpSocket>> m_socks;
+    std::vector<bool> m_silent;
+    std::mutex m_mu;
+    std::vector<std::vector<Probe>> m_probes;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+// ---- quality servers behind relays ------------------------------------------------------
+class QualityServer {
+public:
+    explicit QualityServer(const std::string& ip) : m_ip(ip) {
+        m_ok = m_proc.start({tool_path("zeph-quality-server"), "--addr", ip}) &&
+               wait_until([&] { return m_proc.stdout_text().find("listening") != std::string::npos; }, 5000);
+    }
+    bool ok() const { return m_ok; }
+    const std::string& ip() const { return m_ip; }
+
+private:
+    std::string m_ip;
+    Process m_proc;
+    bool m_ok = false;
+};
+
+std::unique_ptr<zeph_relay::UdpRelay> relay_to(const std::string& listen, const std::string& server_ip,
+                                               double delay_ms, double loss_back = 0, uint64_t seed = 1) {
+    zeph_relay::UdpRelayConfig cfg;
+    cfg.listen_ip = listen;
+    cfg.server_ip = server_ip;
+    cfg.server_port = kQualityPort;
+    cfg.to_server.delay_ms = delay_ms;
+    cfg.to_client.delay_ms = delay_ms;
+    cfg.to_client.loss = loss_back;
+    cfg.seed = seed;
+    auto relay = std::make_unique<zeph_relay::UdpRelay>(cfg);
+    if (relay->start() != 0) return nullptr;
+    return relay;
+}
+
+class SiteRace : public ::testing::Test {
+protected:
+    void SetUp() override {
+        {
+            std::lock_guard<std::mutex> g(g_mu);
+            g_reports.clear();
+        }
+        ASSERT_EQ(0, zeph_net_tools_init());
+    }
+    void TearDown() override {
+        // Every race leaves nothing behind: no table entry, no kept pointer,
+        // no timer entry (a held-back category's timer included).
+        EXPECT_TRUE(wait_until([] { return g_net_tools_msg.table_size() == 0; }, 3000));
+        EXPECT_EQ(0u, DetectPtrKeeper::size());
+        EXPECT_EQ(0u, g_timer_save.size());
+        EXPECT_EQ(0u, g_asyn_dns.size());
+        zeph_net_tools_uninit();
+    }
+};
+
+} // namespace
+
+TEST_F(SiteRace, NearestQualityServerIsNamedFirstAndTableTellsEachDelay) {
+    QualityServer server(test_ip(10));
+    ASSERT_TRUE(server.ok());
+    auto far = relay_to(test_ip(11), server.ip(), 40);
+    auto near = relay_to(test_ip(12), server.ip(), 5);
+    auto mid = relay_to(test_ip(13), server.ip(), 20);
+    ASSERT_TRUE(far && near && mid);
+
+    Race race = run_race({site("qs-far", test_ip(11), far->port()), site("qs-near", test_ip(12), near->port()),
+                          site("qs-mid", test_ip(13), mid->port())},
+                         "qs-");
+    ASSERT_EQ(1u, race.best.size());
+    ASSERT_EQ(1u, race.table.size());
+    const OptSiteInfo& best = race.best[0].rows.at(0);
+    EXPECT_EQ("qs-near", best.name);
+    EXPECT_EQ("node-qs-near", best.nodeName);
+    EXPECT_EQ(0, best.discard);
+    EXPECT_GE(best.delay, 10);
+    EXPECT_LT(best.delay, 60);
+    EXPECT_TRUE(race.best[0].on_message_thread);
+    EXPECT_LT(race.best[0].at_ms, race.table[0].at_ms);
+    // The table comes about a second after the burst, not when all answered.
+    EXPECT_GE(race.table[0].at_ms - race.started_ms, 950u);
+
+    // Equal hold-backs keep the caller's order; every server answered all 32.
+    const Report& t = race.table[0];
+    ASSERT_EQ(3u, t.rows.size());
+    EXPECT_EQ("qs-far", t.rows[0].name);
+    EXPECT_EQ("qs-near", t.rows[1].name);
+    EXPECT_EQ("qs-mid", t.rows[2].name);
+    for (const OptSiteInfo& r : t.rows) {
+        EXPECT_EQ(0, r.discard) << r.name;
+        EXPECT_EQ(0, r.category_delay) << r.name;
+    }
+    // First-answer delays: the relays' round trips, in their order.
+    EXPECT_EQ(best.delay, t.rows[1].delay);
+    EXPECT_GE(t.rows[2].delay, 40);
+    EXPECT_GE(t.rows[0].delay, 80);
+    EXPECT_LT(t.rows[1].delay, t.rows[2].delay);
+    EXPECT_LT(t.rows[2].delay, t.rows[0].delay);
+    EXPECT_LT(t.rows[0].delay, 200);
+}
+
+TEST_F(SiteRace, CategoriesSendBurstsOfThirtyTwoOneSessionPerSite) {
+    Sites peers(test_ip(20), 3);
+    Race race = run_race({site("cat-a", test_ip(20), peers.port(0), 0), site("cat-b", test_ip(20), peers.port(1), 50),
+                          site("cat-c", test_ip(20), peers.port(2), 0)},
+                         "cat-");
+    std::vector<std::vector<Sites::Probe>> got;
+    for (size_t i = 0; i < 3; ++i) got.push_back(peers.probes(i));
+    std::map<uint32_t, int> sessions;
+    for (size_t i = 0; i < 3; ++i) {
+        ASSERT_EQ(kProbes, got[i].size()) << "site " << i;
+        for (size_t k = 0; k < kProbes; ++k) {
+            EXPECT_EQ(k, got[i][k].seq) << "site " << i;
+            EXPECT_EQ(kNpsLen, got[i][k].len);
+            EXPECT_EQ(got[i][0].session, got[i][k].session) << "one session for all probes of a site";
+        }
+        sessions[got[i][0].session]++;
+    }
+    EXPECT_EQ(3u, sessions.size()) << "each site has a session of its own";
+    // Both sites of hold-back 0 go together at once; the third 50 ms later.
+    EXPECT_LT(got[0][0].at_ms - race.started_ms, 40u);
+    EXPECT_LE(got[0][kProbes - 1].at_ms, got[2][0].at_ms + 20);
+    const uint64_t gap = got[1][0].at_ms - got[0][0].at_ms;
+    EXPECT_GE(gap, 45u);
+    EXPECT_LT(gap, 150u);
+
+    // Rows ascending by hold-back (stable among equals); each held-back
+    // site's delay counts from its own category's sending, so an echo at
+    // once is a few ms whatever its hold-back.
+    ASSERT_EQ(1u, race.table.size());
+    const Report& t = race.table[0];
+    ASSERT_EQ(3u, t.rows.size());
+    EXPECT_EQ("cat-a", t.rows[0].name);
+    EXPECT_EQ("cat-c", t.rows[1].name);
+    EXPECT_EQ("cat-b", t.rows[2].name);
+    EXPECT_EQ(50, t.rows[2].category_delay);
+    for (const OptSiteInfo& r : t.rows) {
+        EXPECT_GE(r.delay, 1) << r.name;
+        EXPECT_LT(r.delay, 40) << r.name;
+        EXPECT_EQ(0, r.discard) << r.name;
+    }
+    ASSERT_EQ(1u, race.best.size());
+    EXPECT_NE("cat-b", race.best[0].rows.at(0).name);
+}
+
+TEST_F(SiteRace, HoldBackWaitsIsClippedTo300AndASmallOneIsNotWaitedFor) {
+    Sites peers(test_ip(30), 4);
+    {
+        // A first category of 120: no probe before 120 ms; 400 goes as 300.
+        Race race = run_race({site("hb-400", test_ip(30), peers.port(0), 400),
+                              site("hb-120", test_ip(30), peers.port(1), 120)},
+                             "hb-");
+        const auto p400 = peers.probes(0);
+        const auto p120 = peers.probes(1);
+        ASSERT_EQ(kProbes, p400.size());
+        ASSERT_EQ(kProbes, p120.size());
+        EXPECT_GE(p120[0].at_ms - race.started_ms, 118u);
+        const uint64_t gap = p400[0].at_ms - p120[0].at_ms;
+        EXPECT_GE(gap, 175u); // 300 - 120
+        EXPECT_LT(gap, 300u);
+        ASSERT_EQ(1u, race.table.size());
+        ASSERT_EQ(2u, race.table[0].rows.size());
+        EXPECT_EQ("hb-120", race.table[0].rows[0].name);
+        EXPECT_EQ("hb-400", race.table[0].rows[1].name);
+        EXPECT_EQ(300, race.table[0].rows[1].category_delay);
+        EXPECT_LT(race.table[0].rows[1].delay, 40);
+        EXPECT_EQ(0, race.table[0].rows[1].discard);
+    }
+    {
+        // A first category of 5 goes at once; the next (50) 45 ms after it.
+        Race race = run_race({site("sm-5", test_ip(30), peers.port(2), 5),
+                              site("sm-50", test_ip(30), peers.port(3), 50)},
+                             "sm-");
+        const auto p5 = peers.probes(2);
+        const auto p50 = peers.probes(3);
+        ASSERT_EQ(kProbes, p5.size());
+        ASSERT_EQ(kProbes, p50.size());
+        EXPECT_LT(p5[0].at_ms - race.started_ms, 40u);
+        const uint64_t gap = p50[0].at_ms - p5[0].at_ms;
+        EXPECT_GE(gap, 40u);
+        EXPECT_LT(gap, 120u);
+        ASSERT_EQ(1u, race.table.size());
+        EXPECT_EQ(2u, race.table[0].rows.size());
+    }
+}
+
+TEST_F(SiteRace, SeededLossGivesTheDiscardOfWhatTheServerAnswered) {
+    QualityServer server(test_ip(40));
+    ASSERT_TRUE(server.ok());
+    auto lossy = relay_to(test_ip(41), server.ip(), 2, 0.3, 7);
+    auto lossier = relay_to(test_ip(42), server.ip(), 2, 0.6, 11);
+    ASSERT_TRUE(lossy && lossier);
+    Race race = run_race({site("loss-30", test_ip(41), lossy->port()), site("loss-60", test_ip(42), lossier->port())},
+                         "loss-");
+    ASSERT_EQ(1u, race.table.size());
+    ASSERT_EQ(2u, race.table[0].rows.size());
+    for (auto* pair : {&lossy, &lossier}) {
+        const zeph_relay::UdpRelayStats st = (*pair)->stats();
+        EXPECT_EQ(kProbes, st.to_server_forwarded);
+        const uint64_t answered = st.to_client_forwarded;
+        EXPECT_GT(answered, 0u);
+        EXPECT_LT(answered, kProbes);
+        const OptSiteInfo* r = row(race.table[0], pair == &lossy ? "loss-30" : "loss-60");
+        ASSERT_NE(nullptr, r);
+        EXPECT_EQ(100 - ((answered * 100) >> 5), r->discard) << r->name << " answered " << answered;
+        EXPECT_NE(kNoAnswer, r->delay);
+    }
+}
+
+TEST_F(SiteRace, SilentUnresolvedAndEmptySites) {
+    DnsResponder dns(test_ip(50));
+    ASSERT_TRUE(dns.ok());
+    Sites peers(test_ip(51), 2, {true, false});
+    dns.add("answering.race.test", DnsResponder::address(test_ip(51)));
+    dns.add("nowhere.race.test", DnsResponder::nxdomain());
+    dns.add("mute.race.test", DnsResponder::silent());
+    ASSERT_EQ(0, zeph_settings_set_dns_servers(dns.server().c_str()));
+    LogCapture log;
+    Race race = run_race({site("x-silent", test_ip(51), peers.port(0)), site("x-nowhere", "nowhere.race.test", 9),
+                          site("x-empty", "", 9), site("x-named", "answering.race.test", peers.port(1)),
+                          site("x-mute", "mute.race.test", 9)},
+                         "x-");
+    zeph_settings_set_dns_servers("");
+    // Only sites with an address take part; the silent one has the sentinels.
+    ASSERT_EQ(1u, race.table.size());
+    const Report& t = race.table[0];
+    ASSERT_EQ(2u, t.rows.size()) << log.dump();
+    const OptSiteInfo* silent = row(t, "x-silent");
+    const OptSiteInfo* named = row(t, "x-named");
+    ASSERT_TRUE(silent && named);
+    EXPECT_EQ(kNoAnswer, silent->delay);
+    EXPECT_EQ(100, silent->discard);
+    EXPECT_EQ(kProbes, peers.probes(0).size());
+    EXPECT_EQ(0, named->discard);
+    EXPECT_EQ("answering.race.test", named->addr);
+    ASSERT_EQ(1u, race.best.size());
+    EXPECT_EQ("x-named", race.best[0].rows.at(0).name);
+    // The silent name held the race for the name phase, no longer.
+    EXPECT_LT(race.table[0].at_ms - race.started_ms, 3500u);
+}
+
+TEST_F(SiteRace, NoAnswerInTimeGivesOnlyTheTable) {
+    QualityServer server(test_ip(60));
+    ASSERT_TRUE(server.ok());
+    auto slow = relay_to(test_ip(61), server.ip(), 1100);
+    ASSERT_TRUE(slow);
+    Race race = run_race({site("late-1100", test_ip(61), slow->port())}, "late-");
+    EXPECT_TRUE(race.best.empty());
+    ASSERT_EQ(1u, race.table.size());
+    ASSERT_EQ(1u, race.table[0].rows.size());
+    EXPECT_EQ(kNoAnswer, race.table[0].rows[0].delay);
+    EXPECT_EQ(100, race.table[0].rows[0].discard);
+    // The answers come back after the race: the freed socket takes none.
+    ASSERT_TRUE(wait_until([&] { return slow->stats().to_client_forwarded == kProbes; }, 5000));
+    sleep_ms(100);
+    EXPECT_TRUE(reports_of("late-").size() == 1);
+}
+
+TEST_F(SiteRace, ThirtyTwoSitesRaceAndTheRestIsIgnored) {
+    constexpr size_t kSites = 33;
+    Sites peers(test_ip(70), kSites);
+    std::vector<OptSiteInfo> sites;
+    for (size_t i = 0; i < kSites; ++i)
+        sites.push_back(site("many-" + std::to_string(i), test_ip(70), peers.port(i), uint16_t(i % 2 == 0 ? 0 : 20)));
+    LogCapture log;
+    Race race = run_race(sites, "many-");
+    EXPECT_TRUE(log.contains("detect count(33) more than 32"));
+    ASSERT_EQ(1u, race.table.size());
+    ASSERT_EQ(32u, race.table[0].rows.size());
+    for (size_t i = 0; i < 32; ++i) {
+        const OptSiteInfo& r = race.table[0].rows[i];
+        EXPECT_EQ(i < 16 ? 0 : 20, r.category_delay) << r.name;
+        EXPECT_EQ(0, r.discard) << r.name;
+        EXPECT_EQ(kProbes, peers.probes(std::stoul(r.name.substr(5))).size()) << r.name;
+    }
+    EXPECT_EQ(0u, peers.probes(32).size());
+    EXPECT_EQ(1u, race.best.size());
+}
+
+TEST_F(SiteRace, RacesSideBySideEachReportOnceAndEmptyListsEndWithAnEmptyTable) {
+    Sites peers(test_ip(80), 4);
+    EXPECT_EQ(1u, zeph_detect_start_opt_mult_site({site("r-x", test_ip(80), peers.port(0))}, nullptr));
+    const uint64_t t0 = now_ms();
+    ASSERT_EQ(0u, zeph_detect_start_opt_mult_site({site("ra-0", test_ip(80), peers.port(0)),
+                                                   site("ra-1", test_ip(80), peers.port(1), 30)},
+                                                  on_race));
+    ASSERT_EQ(0u, zeph_detect_start_opt_mult_site({site("rb-0", test_ip(80), peers.port(2), 15),
+                                                   site("rb-1", test_ip(80), peers.port(3))},
+                                                  on_race));
+    ASSERT_EQ(0u, zeph_detect_start_opt_mult_site({}, on_race));
+    ASSERT_EQ(0u, zeph_detect_start_opt_mult_site({site("gone-0", "", 1)}, on_race));
+    ASSERT_TRUE(wait_until(
+        [] {
+            std::lock_guard<std::mutex> g(g_mu);
+            int tables = 0;
+            for (const Report& r : g_reports) tables += r.p2 == 1;
+            return tables == 4;
+        },
+        kRaceDeadlineMs));
+    sleep_ms(200);
+    std::lock_guard<std::mutex> g(g_mu);
+    std::map<std::string, int> best, tables;
+    for (const Report& r : g_reports) {
+        EXPECT_TRUE(r.on_message_thread);
+        const std::string who = r.rows.empty() ? "" : r.rows[0].name.substr(0, 2);
+        (r.p2 == 0 ? best : tables)[who]++;
+        if (r.p2 == 1 && r.rows.empty()) {
+            EXPECT_GE(r.at_ms - t0, 900u); // not before its timer
+        }
+    }
+    EXPECT_EQ((std::map<std::string, int>{{"ra", 1}, {"rb", 1}}), best);
+    EXPECT_EQ((std::map<std::string, int>{{"", 2}, {"ra", 1}, {"rb", 1}}), tables);
+}
+
+TEST(SiteRaceExport, RefusedWithoutTheRuntime) {
+    zeph_net_tools_uninit();
+    EXPECT_EQ(1u, zeph_detect_start_opt_mult_site({site("no-rt", "127.0.0.1", 9)}, on_race));
+}
