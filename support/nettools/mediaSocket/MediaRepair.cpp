@@ -1,11 +1,11 @@
 // Repair and events: what becomes of a damage that a path reported. The
 // send path reports through OnSendOutcome, the receive path through
 // OnRecvFailed and CheckDirtyData; only the code here reconnects and calls
-// the user's event callback. The quick decisions (count, limits, one channel re-created in place) run on
-// the thread that reported: the receive thread, the send thread or a
-// connect. Rebuilding a whole media type, and a channel repair that found
-// another re-creation running, go to the repair thread ("MediaRepair").
-// The user's event callback is called from here.
+// the user's event callback. The quick decisions (count, limits, one
+// channel re-created in place) run on the thread that reported: the receive
+// thread, the send thread or a connect. Rebuilding a whole media type, and
+// a channel repair that found another re-creation running, go to the repair
+// thread ("MediaRepair").
 #include "mediaSocket/MediaSocket.h"
 
 #include <algorithm>

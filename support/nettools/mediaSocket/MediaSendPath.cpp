@@ -47,6 +47,12 @@ constexpr int kLinuxEpipe = 32;
 
 std::atomic<bool> g_literalLoops{false};
 
+// What a batch will cost its socket's send buffer at most.
+int32_t BookedBytes(int32_t length, uint32_t packets)
+{
+    return length + static_cast<int32_t>(packets) * kSendCostPerPacket;
+}
+
 bool IsWouldBlock(int err)
 {
     return err == MORL_WSAEWOULDBLOCK || err == MORL_WSAEINPROGRESS || err == kLinuxEagain;
@@ -312,7 +318,7 @@ MediaSocket::TakeResult MediaSocket::TakePackets(const std::shared_ptr<SocketInf
             batch->channel = ch;
             batch->sock = ch->sock;
         }
-        if (!LiteralLoops() && !HasSendRoom(*ch, batch->sock, batch->length)) {
+        if (!LiteralLoops() && !HasSendRoom(*ch, batch->sock, BookedBytes(batch->length, batch->packets))) {
             if (any) {
                 return TakeResult::Taken; // the run ends here; the rest waits for the next look
             }
@@ -427,7 +433,7 @@ void MediaSocket::DoSend(const std::shared_ptr<SocketInfo>& info, const SendBatc
     const int32_t length = batch.length;
     const uint8_t* packet = batch.bytes;
     const int32_t r = SendData(sock, packet, length);
-    ch->sendRoom -= length + static_cast<int32_t>(batch.packets) * kSendCostPerPacket;
+    ch->sendRoom -= BookedBytes(length, batch.packets);
     // Every packet counts as a send of its own: those written whole succeed,
     // one cut short succeeds with a length error, the rest fail, unless the
     // connection is gone or the socket layer down.
