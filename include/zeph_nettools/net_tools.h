@@ -355,6 +355,54 @@ ZEPH_API int32_t zeph_set_simple_qos_srvs(const std::vector<std::string>& names)
 ZEPH_API int32_t zeph_simple_qos_detect(uint32_t num, NetDetectNotify notify, uint64_t context);
 
 } /* extern "C" */
+
+/* ---- connectivity detection (C++ only) ------------------------------------
+ * Does each of up to 16 targets answer, over its transport and probe? The
+ * whole detection takes at most about 5 s: up to 1 s resolving names, up to
+ * 3 s waiting for a first answer, then 1 s for the other targets. UDP and
+ * ICMP probes go out every 300 ms. Needs zeph_net_tools_init. */
+
+/* One target; the same record comes back, filled in, in the result. */
+struct ConnectivitySite {
+    uint16_t port = 0;        /* host byte order, not 0 */
+    uint8_t protocol = 0;     /* 1 TCP, 2 UDP, 11 ICMP; any other value counts as ICMP */
+    uint8_t no_proxy = 0;     /* non-zero: a TCP target goes direct even when a proxy is in use */
+    uint8_t detect_type = 0;  /* UDP probe: 0 STUN binding, 1 NPS probe, 2 ICE check; 3 and above count as 0 */
+    uint8_t open = 0;         /* out: 1 when the target answered */
+    uint32_t delay = 0;       /* out: ms from the opening of the target's socket to the report; 0 when
+                                 no socket was opened (a name that did not resolve) */
+    std::string addr;         /* dotted address or host name, not empty */
+};
+
+struct ConnectivityDetectInfo;
+/* The result: the caller's record with `notify` null and the sites filled in. */
+typedef ConnectivityDetectInfo ConnectivityResult;
+/* Called once per accepted detection, on a library thread; the record is
+ * valid for the call only. */
+typedef void (*ConnectivityNotify)(ConnectivityResult* result);
+
+struct ConnectivityDetectInfo {
+    uint32_t num = 0;                    /* caller's serial number, reported back */
+    ConnectivityNotify notify = nullptr; /* result callback */
+    std::vector<ConnectivitySite> sites; /* at most the first 16 are probed and reported */
+};
+
+extern "C" {
+
+/*
+ * Probes every site of `info` at once. Returns 0; 1 (and no callback) for a
+ * null record or callback, a site with port 0 or an empty address, the
+ * detection runtime not started, or no timer. An empty list is accepted and
+ * reported, with no rows, after about 4 s.
+ */
+ZEPH_API int32_t zeph_any_port_detect_new(const ConnectivityDetectInfo* info);
+/* One target with the STUN probe for UDP and no proxy exception. Returns 0;
+ * 1 (and no callback) for a null or empty address, port 0, no callback, the
+ * runtime not started or no timer. */
+ZEPH_API int32_t zeph_single_port_detect(int32_t num, const char* addr, uint16_t port, uint8_t protocol,
+                                         ConnectivityNotify notify);
+
+} /* extern "C" */
 #endif /* __cplusplus */
 
 #endif
