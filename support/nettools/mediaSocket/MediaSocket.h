@@ -266,6 +266,9 @@ public:
     // that compare the two.
     static void SetLiteralLoops(bool enabled);
     static bool LiteralLoops();
+    // The receive thread likewise sleeps in its poll until a socket, its
+    // wake or its next deadline calls it; with the literal loop it polls
+    // every 10 ms.
 
 private:
     // A repair handed to the repair thread: the whole media type (no
@@ -368,6 +371,12 @@ private:
     // Empties every poll record of the media type.
     void ClearFdsOfType(uint32_t mediaType);
     void WakeSendThread();
+    // Makes the receive thread's poll return, so that it polls the records
+    // as they are now, releases closed sockets or sees the session stop.
+    void WakeRecvThread();
+    // How long the receive thread may sleep in its poll: until the next
+    // report of held-back dirty bytes is due, or for ever (-1).
+    int RecvPollTimeout() const;
     // Wait of the send thread after a pass that sent nothing. `queued`: some
     // ring holds packets that wait for a connected channel, so the thread
     // looks again after the pass interval even if nobody wakes it.
@@ -379,6 +388,7 @@ private:
     // read from whatever socket got the number.
     void CloseChannelSock(const std::shared_ptr<SockChannel>& channel);
     void CloseDeferredSockets();
+    void CloseRecvWake();
     // Whether `info` is still the published record of its media type.
     bool IsPublished(const std::shared_ptr<SocketInfo>& info) const;
     static uint64_t PackFd(const MORL_PollFd& fd);
@@ -413,6 +423,10 @@ private:
     std::atomic<uint64_t> lastRecvErrTime{0};
     std::atomic<bool> recvRunning{false};
     std::thread recvThread;
+    // Polled by the receive thread beside its sockets; signalled after every
+    // change of `fds`, after a socket is queued for release and at stop.
+    // Without it (no descriptor left) the thread polls every 10 ms.
+    MORL_WAKE recvWake = MORL_INVALID_WAKE;
     std::atomic<bool> sendRunning{false};
     std::thread sendThread;
     const uint32_t sessionId;
