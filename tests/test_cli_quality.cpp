@@ -1,0 +1,107 @@
+// `zeph-nettools quality` as a user runs it: against a zeph-quality-server
+// the test starts (127.0.73.x), with bad input, and with the fixed client
+// ports held by someone else.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "peers.h"
+#include "tool_run.h"
+
+using zeph_test::at;
+using zeph_test::run_tool;
+
+namespace {
+
+constexpr int kRunMs = 30000;
+constexpr int kStartMs = 5000;
+
+struct QualityServer {
+    zeph_test::Process proc;
+    bool start(const std::string& ip) {
+        if (!proc.start({zeph_test::tool_path("zeph-quality-server"), "--addr", ip})) return false;
+        return zeph_test::wait_until([&] { return proc.stdout_text().find("listening on") != std::string::npos; },
+                                     kStartMs, 10);
+    }
+};
+
+TEST(CliQuality, TableAndJsonAgainstOurServer) {
+    const std::string ip = "127.0.73.10";
+    QualityServer server;
+    ASSERT_TRUE(server.start(ip)) << server.proc.stderr_text();
+
+    zeph_test::ToolRun r = run_tool({"quality", ip, ip + ":64000,base=100,name=padded,token=abc"}, kRunMs);
+    ASSERT_EQ(r.code(), 0) << r.what();
+    EXPECT_NE(r.out.find("quality of 2 site(s)"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("padded"), std::string::npos) << r.out;
+    // The site without the 100 ms added is the better one.
+    EXPECT_NE(r.out.find("best: " + ip + ":64000"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find(ip + ":64000 *"), std::string::npos) << r.out;
+
+    r = run_tool({"quality", "--json", ip}, kRunMs);
+    ASSERT_EQ(r.code(), 0) << r.what();
+    const auto j = zeph_test::parse_json_lines(r.out);
+    EXPECT_EQ(at(j, "0:site"), "\"" + ip + ":64000\"");
+    EXPECT_EQ(at(j, "0:best"), "1");
+    EXPECT_EQ(at(j, "0:loss_up_avg_permille"), "0");
+    EXPECT_GT(std::stoi(at(j, "0:score")), 6000);
+    EXPECT_EQ(at(j, "1:best"), "\"" + ip + ":64000\"");
+    EXPECT_EQ(at(j, "1:best_index"), "0");
+    EXPECT_EQ(r.lines(), 2u);
+}
+
+TEST(CliQuality, BadInputIsRefusedWithItsReason) {
+    const std::vector<std::string> eleven(11, "127.0.0.1");
+    struct Case {
+        std::vector<std::string> args;
+        std::string says;
+    };
+    std::vector<Case> cases = {
+        {{"quality"}, "no site"},
+        {{"quality", "127.0.0.1:0"}, "bad port"},
+        {{"quality", "127.0.0.1:70000"}, "bad port"},
+        {{"quality", ":64000"}, "no host"},
+        {{"quality", "127.0.0.1,base=x"}, "bad base="},
+        {{"quality", "127.0.0.1,colour=red"}, "unknown item 'colour=red'"},
+        {{"quality", "127.0.0.1,token=" + std::string(65, 't')}, "token of site '127.0.0.1' must be 1 to 64 bytes"},
+        {{"quality", "127.0.0.1", "--para"}, "--para needs a value"},
+        {{"quality", "--proxy", "127.0.0.1:3128", "127.0.0.1"}, "does not apply"},
+        {{"quality", "--frobnicate", "127.0.0.1"}, "unknown option"},
+    };
+    std::vector<std::string> too_many = {"quality"};
+    too_many.insert(too_many.end(), eleven.begin(), eleven.end());
+    cases.push_back({too_many, "at most 10 sites, got 11"});
+    for (const Case& c : cases) {
+        const zeph_test::ToolRun r = run_tool(c.args, kRunMs);
+        EXPECT_EQ(r.code(), 2) << c.args.back() << "\n" << r.what();
+        EXPECT_EQ(r.err.rfind("zeph-nettools: quality: ", 0), 0u) << r.what();
+        EXPECT_NE(r.err.find(c.says), std::string::npos) << r.what();
+        EXPECT_TRUE(r.out.empty()) << r.what();
+    }
+}
+
+TEST(CliQuality, TakenClientPortsAreNamed) {
+    // Every port the client would try for its one site, held on any address
+    // as the client binds.
+    std::vector<int> held;
+    for (int port = 64100; port < 64100 + 64; ++port) {
+        const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(uint16_t(port));
+        ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0) << "port " << port;
+        held.push_back(fd);
+    }
+    const zeph_test::ToolRun r = run_tool({"quality", "127.0.73.11"}, kRunMs);
+    for (int fd : held) close(fd);
+    EXPECT_EQ(r.code(), 1) << r.what();
+    EXPECT_NE(r.err.find("the quality client ports are taken: site 1 found no free UDP port in 64100-64163"),
+              std::string::npos)
+        << r.what();
+}
+
+} // namespace
