@@ -9,7 +9,7 @@ if [ -n "$bad" ]; then
   echo "unexpected exports:"; echo "$bad"; exit 1
 fi
 for must in zeph_3port_detect zeph_any_port_detect zeph_net_detect zeph_single_net_detect zeph_detect_start_opt_mult_site \
-            zeph_detect_start_mult_site_client zeph_detect_set_qos_roles zeph_detect_set_qos_weight \
+            zeph_detect_start_mult_site_client zeph_detect_set_qos_roles zeph_detect_set_qos_weight zeph_fw_detect_start \
             zeph_any_port_detect_new zeph_single_port_detect \
             zeph_detect_start_long_time_bw zeph_detect_start_stun_long_time \
             zeph_settings_set_http_proxy zeph_settings_set_dns_servers zeph_get_trans_protocol_type_str zeph_set_socket_dscp \

@@ -313,49 +313,6 @@ ZEPH_API uint32_t zeph_detect_start_opt_mult_site(const std::vector<OptSiteInfo>
 
 } /* extern "C" */
 
-/* ---- simple QoS detection (C++ only) ------------------------------------------
- * Delay and loss to six servers, five probes each, on the detection runtime
- * (zeph_net_tools_init first). The servers come from the six names set with
- * zeph_set_simple_qos_srvs, each probed its own way:
- *   0  ICMP echo            1  TCP connect to the proxy port (the configured
- *   2, 3  TCP connect 443      HTTP proxy itself; no proxy: nothing to probe)
- *   4, 5  UDP STUN Binding Request to port 10002
- * These two exports are additions of this library: the detection had no
- * entry of its own. */
-extern "C" {
-
-/*
- * The six server names, dotted addresses or host names (resolved at the
- * start of each detection, for at most 1 s). At most the first 6 are taken;
- * an empty name leaves its place as it was. Returns 0; 1 (nothing changes)
- * when a name is longer than 253 characters.
- */
-ZEPH_API int32_t zeph_set_simple_qos_srvs(const std::vector<std::string>& names);
-/*
- * Starts one detection: names are resolved (up to 1 s), then every server
- * with an address gets a first probe; each answer sends the next probe at
- * once, and after a lost answer the next one goes 300 ms later. A server
- * that does not answer its first probe gets no second one. After at most
- * 3 s of probing (earlier when every probe of every server has its answer)
- * `notify` gets one NetDetectResult per server, on the runtime's message
- * thread: `level` the server's place 0..5, `level_num` 6, `num` and
- * `context` as given, delays in ms over the answered probes (an answer later
- * than 3000 ms does not count), `discard` the share of the five probes
- * without an answer (probes never sent count as lost), `qos` as for the net
- * detection. A server with no address or no probe is reported with discard
- * 100, qos 3 and delays of 3000. A record can come as soon as a server's
- * fifth probe is answered, the others at the end.
- * Without a proxy the second server has no port and is always such a
- * record, so a detection then always runs its full 3 s; with a proxy the
- * servers 2 and 3 go through it and are not watched, so they report no
- * answer.
- * Returns 0; 1 for a null callback, a runtime that is not started, or a
- * timer that cannot be made (then the callback never comes).
- */
-ZEPH_API int32_t zeph_simple_qos_detect(uint32_t num, NetDetectNotify notify, uint64_t context);
-
-} /* extern "C" */
-
 /* ---- connectivity detection (C++ only) ------------------------------------
  * Does each of up to 16 targets answer, over its transport and probe? The
  * whole detection takes at most about 5 s: up to 1 s resolving names, up to
@@ -401,6 +358,81 @@ ZEPH_API int32_t zeph_any_port_detect_new(const ConnectivityDetectInfo* info);
  * runtime not started or no timer. */
 ZEPH_API int32_t zeph_single_port_detect(int32_t num, const char* addr, uint16_t port, uint8_t protocol,
                                          ConnectivityNotify notify);
+
+} /* extern "C" */
+
+/* ---- firewall detection (C++ only) ---------------------------------------- */
+
+/* One target of a firewall detection and, filled in, one row of its result. */
+struct FwDetectSite {
+    uint8_t reached = 0;   /* out: 1 when the port was reached, else 0 */
+    uint8_t protocol = 0;  /* in: 1 TCP, 2 UDP, 11 ICMP; out: 0 */
+    uint16_t port = 0;     /* host byte order */
+    uint32_t index = 0;    /* out: place of the row in the result, from 0 */
+    uint32_t is_proxy = 0; /* out: 1 when an HTTP proxy was configured at reporting time */
+    std::string addr;      /* in: dotted address or host name, at most 127 bytes; out: dotted address */
+};
+
+/* Result of a firewall detection: 0, 0, 0 and the rows, valid for the call
+ * only. Called once per detection, on a library thread. */
+using FwDetectNotify = void (*)(uint32_t, uint32_t, uint32_t, const std::vector<FwDetectSite>& rows);
+
+extern "C" {
+
+/*
+ * Firewall detection: 30 s after the call the names are resolved and every
+ * site is probed at once (TCP connect, UDP STUN Binding Request, ICMP echo),
+ * as by zeph_any_port_detect; the result comes a few seconds later with
+ * always 7 rows, one per site in order, then rows of 0.0.0.0 and port 0.
+ * A name that does not resolve is not probed and reads not reached.
+ * Returns 0; 1 for no site, more than 7, a null callback or an address text
+ * over 127 bytes (or holding a NUL); 3 when out of memory or no thread could
+ * be started. No callback follows a non-zero result.
+ */
+ZEPH_API uint32_t zeph_fw_detect_start(uint32_t num, const std::vector<FwDetectSite>& sites, FwDetectNotify notify);
+
+} /* extern "C" */
+
+/* ---- simple QoS detection (C++ only) ------------------------------------------
+ * Delay and loss to six servers, five probes each, on the detection runtime
+ * (zeph_net_tools_init first). The servers come from the six names set with
+ * zeph_set_simple_qos_srvs, each probed its own way:
+ *   0  ICMP echo            1  TCP connect to the proxy port (the configured
+ *   2, 3  TCP connect 443      HTTP proxy itself; no proxy: nothing to probe)
+ *   4, 5  UDP STUN Binding Request to port 10002
+ * These two exports are additions of this library: the detection had no
+ * entry of its own. */
+extern "C" {
+
+/*
+ * The six server names, dotted addresses or host names (resolved at the
+ * start of each detection, for at most 1 s). At most the first 6 are taken;
+ * an empty name leaves its place as it was. Returns 0; 1 (nothing changes)
+ * when a name is longer than 253 characters.
+ */
+ZEPH_API int32_t zeph_set_simple_qos_srvs(const std::vector<std::string>& names);
+/*
+ * Starts one detection: names are resolved (up to 1 s), then every server
+ * with an address gets a first probe; each answer sends the next probe at
+ * once, and after a lost answer the next one goes 300 ms later. A server
+ * that does not answer its first probe gets no second one. After at most
+ * 3 s of probing (earlier when every probe of every server has its answer)
+ * `notify` gets one NetDetectResult per server, on the runtime's message
+ * thread: `level` the server's place 0..5, `level_num` 6, `num` and
+ * `context` as given, delays in ms over the answered probes (an answer later
+ * than 3000 ms does not count), `discard` the share of the five probes
+ * without an answer (probes never sent count as lost), `qos` as for the net
+ * detection. A server with no address or no probe is reported with discard
+ * 100, qos 3 and delays of 3000. A record can come as soon as a server's
+ * fifth probe is answered, the others at the end.
+ * Without a proxy the second server has no port and is always such a
+ * record, so a detection then always runs its full 3 s; with a proxy the
+ * servers 2 and 3 go through it and are not watched, so they report no
+ * answer.
+ * Returns 0; 1 for a null callback, a runtime that is not started, or a
+ * timer that cannot be made (then the callback never comes).
+ */
+ZEPH_API int32_t zeph_simple_qos_detect(uint32_t num, NetDetectNotify notify, uint64_t context);
 
 } /* extern "C" */
 #endif /* __cplusplus */
