@@ -1,0 +1,342 @@
+// The simple QoS detection through its exports and the runtime's threads,
+// against servers on loopback: the kernel's echo for ICMP, TCP listeners on
+// port 443, STUN answerers of the test's own on UDP 10002 that lose or
+// repeat answers on purpose, and a DNS server of the test's own. Each test
+// has its own 127.91.N.0/24, so that the fixed ports do not collide when
+// ctest runs tests side by side. The CLI's `qos` runs as a process.
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "dns_responder.h"
+#include "inc/net_tools_msg.h"
+#include "peers.h"
+#include "tool_run.h"
+#include "zeph_nettools/net_tools.h"
+#include "zeph_nettools/settings.h"
+
+using namespace zeph_test;
+
+namespace {
+
+constexpr uint16_t kTcpPort = 443;
+constexpr uint16_t kUdpPort = 10002;
+constexpr int kAllDoneMs = 8000; // 1 s of names + 3 s of probing, with slack
+
+std::string addr(int test, int server) { return "127.91." + std::to_string(test) + "." + std::to_string(server + 1); }
+
+// ---- what reaches the callback -------------------------------------------------------
+struct Got {
+    NetDetectResult rec;
+    uint64_t at_ms;
+    bool on_message_thread;
+};
+std::mutex g_mu;
+std::vector<Got> g_got;
+
+void on_record(NetDetectResult* r) {
+    std::lock_guard<std::mutex> g(g_mu);
+    g_got.push_back({*r, now_ms(), NetToolsMsg::on_message_thread()});
+}
+size_t record_count() {
+    std::lock_guard<std::mutex> g(g_mu);
+    return g_got.size();
+}
+std::vector<Got> records() {
+    std::lock_guard<std::mutex> g(g_mu);
+    return g_got;
+}
+std::map<uint32_t, Got> by_level(const std::vector<Got>& all) {
+    std::map<uint32_t, Got> m;
+    for (const Got& g : all) m.emplace(g.rec.level, g);
+    return m;
+}
+
+// ---- a STUN answerer on ip:10002 ------------------------------------------------------
+// Answers each request `answers(seq)` times (0: the answer is lost) with a
+// Binding Success that keeps the request's transaction id, and notes the
+// sequence number and arrival of every request.
+class StunAnswerer {
+public:
+    StunAnswerer(const std::string& ip, std::function<int(uint32_t)> answers)
+        : sock_(ip, kUdpPort), answers_(std::move(answers)) {
+        thread_ = std::thread([this] { run(); });
+    }
+    ~StunAnswerer() {
+        stop_ = true;
+        thread_.join();
+    }
+    bool ok() const { return sock_.ok(); }
+    std::vector<std::pair<uint32_t, uint64_t>> requests() {
+        std::lock_guard<std::mutex> g(mu_);
+        return requests_;
+    }
+    std::vector<uint32_t> seqs() {
+        std::vector<uint32_t> s;
+        for (auto& r : requests()) s.push_back(r.first);
+        return s;
+    }
+
+private:
+    void run() {
+        uint8_t buf[1500];
+        while (!stop_) {
+            std::string ip;
+            uint16_t port = 0;
+            const int n = sock_.recv(buf, sizeof buf, 20, &ip, &port);
+            if (n < 20) continue;
+            const uint32_t seq = (uint32_t(buf[16]) << 24) | (uint32_t(buf[17]) << 16) | (uint32_t(buf[18]) << 8) | buf[19];
+            {
+                std::lock_guard<std::mutex> g(mu_);
+                requests_.emplace_back(seq, now_ms());
+            }
+            buf[0] = 0x01; // Binding Success Response, no attributes
+            buf[1] = 0x01;
+            buf[2] = buf[3] = 0;
+            for (int i = answers_(seq); i > 0; --i) sock_.send_to(buf, 20, ip, port);
+        }
+    }
+
+    UdpSocket sock_;
+    std::function<int(uint32_t)> answers_;
+    std::atomic<bool> stop_{false};
+    std::mutex mu_;
+    std::vector<std::pair<uint32_t, uint64_t>> requests_;
+    std::thread thread_;
+};
+
+class SimpleQos : public ::testing::Test {
+protected:
+    void SetUp() override {
+        {
+            std::lock_guard<std::mutex> g(g_mu);
+            g_got.clear();
+        }
+        ASSERT_EQ(0, zeph_net_tools_init());
+    }
+    void TearDown() override {
+        zeph_settings_set_http_proxy(nullptr, 0, nullptr, nullptr);
+        zeph_net_tools_uninit();
+    }
+    // Starts a detection and waits for its six records.
+    void run(uint32_t num, uint64_t context) {
+        t0_ = now_ms();
+        ASSERT_EQ(0, zeph_simple_qos_detect(num, on_record, context));
+        ASSERT_TRUE(wait_until([] { return record_count() >= 6; }, kAllDoneMs)) << log_.dump();
+    }
+    // Nothing more comes, and the detection left nothing behind.
+    void expect_ended() {
+        sleep_ms(400);
+        EXPECT_EQ(6u, record_count());
+        EXPECT_TRUE(wait_until([] { return g_net_tools_msg.table_size() == 0 && DetectPtrKeeper::size() == 0; }, 3000));
+        EXPECT_TRUE(wait_until([] { return g_timer_save.size() == 0; }, 3000));
+    }
+    static void expect_no_answer(const NetDetectResult& r) {
+        EXPECT_EQ(100, r.discard);
+        EXPECT_EQ(3u, r.qos);
+        EXPECT_EQ(3000, r.average);
+        EXPECT_EQ(3000, r.max);
+        EXPECT_EQ(3000, r.min);
+    }
+    LogCapture log_;
+    uint64_t t0_ = 0;
+};
+
+} // namespace
+
+TEST_F(SimpleQos, SixRecordsByPlaceHealthyServersMeasuredProxyPlaceNeverEndsItEarly) {
+    const int T = 1;
+    TcpListener tcp2(addr(T, 2), kTcpPort), tcp3(addr(T, 3), kTcpPort);
+    StunAnswerer udp4(addr(T, 4), [](uint32_t) { return 1; });
+    StunAnswerer udp5(addr(T, 5), [](uint32_t) { return 1; });
+    ASSERT_TRUE(tcp2.ok() && tcp3.ok() && udp4.ok() && udp5.ok());
+    ASSERT_EQ(0, zeph_set_simple_qos_srvs({addr(T, 0), addr(T, 1), addr(T, 2), addr(T, 3), addr(T, 4), addr(T, 5)}));
+    run(0x5151, 77);
+
+    const std::vector<Got> all = records();
+    const auto levels = by_level(all);
+    ASSERT_EQ(6u, levels.size()) << "each place reported once";
+    for (const Got& g : all) {
+        EXPECT_EQ(0x5151u, g.rec.num);
+        EXPECT_EQ(6u, g.rec.level_num);
+        EXPECT_EQ(77u, g.rec.context);
+        EXPECT_EQ(1u, g.rec.ready);
+        EXPECT_EQ(0u, g.rec.is_proxy);
+        EXPECT_TRUE(g.on_message_thread);
+    }
+    for (uint32_t level : {0u, 2u, 3u, 4u, 5u}) {
+        const NetDetectResult& r = levels.at(level).rec;
+        EXPECT_EQ(0, r.discard) << "level " << level;
+        EXPECT_EQ(0u, r.qos) << "level " << level;
+        EXPECT_LE(1, r.min);
+        EXPECT_LE(r.min, r.average);
+        EXPECT_LE(r.average, r.max);
+        EXPECT_GT(100, r.max) << "level " << level;
+        // A healthy server is reported at its fifth answer, long before the end.
+        EXPECT_LT(levels.at(level).at_ms - t0_, 1500u) << "level " << level;
+    }
+    // Without a proxy the second place has nothing to probe: its record
+    // comes last, at the end of the probing time.
+    expect_no_answer(levels.at(1).rec);
+    EXPECT_EQ(1u, all.back().rec.level);
+    EXPECT_GE(all.back().at_ms - t0_, 2900u);
+    // Five requests in order, one connection per TCP server.
+    EXPECT_EQ((std::vector<uint32_t>{1, 2, 3, 4, 5}), udp4.seqs());
+    EXPECT_EQ((std::vector<uint32_t>{1, 2, 3, 4, 5}), udp5.seqs());
+    EXPECT_EQ(1, tcp2.accepts());
+    expect_ended();
+}
+
+TEST_F(SimpleQos, LostAnswerResentAfterIntervalRepeatsCountNothingSilentServerGetsOneProbe) {
+    const int T = 2;
+    // Place 4 answers everything twice but loses the answer to its second
+    // probe; place 5 never answers.
+    StunAnswerer udp4(addr(T, 4), [](uint32_t seq) { return seq == 2 ? 0 : 2; });
+    StunAnswerer udp5(addr(T, 5), [](uint32_t) { return 0; });
+    ASSERT_TRUE(udp4.ok() && udp5.ok());
+    ASSERT_EQ(0, zeph_set_simple_qos_srvs({addr(T, 0), addr(T, 1), addr(T, 2), addr(T, 3), addr(T, 4), addr(T, 5)}));
+    run(2, 0);
+    const auto levels = by_level(records());
+    ASSERT_EQ(6u, levels.size());
+
+    const auto req = udp4.requests();
+    ASSERT_EQ(5u, req.size());
+    EXPECT_LT(req[1].second - req[0].second, 250u) << "an answer sends the next probe at once";
+    const uint64_t resend = req[2].second - req[1].second;
+    EXPECT_GE(resend, 280u) << "the lost answer is covered 300 ms later";
+    EXPECT_LT(resend, 1500u);
+    // The repeat of the first answer is no answer to the second probe.
+    EXPECT_EQ(20, levels.at(4).rec.discard);
+    EXPECT_EQ(1u, levels.at(4).rec.qos);
+    EXPECT_TRUE(log_.contains("re-recv one response(1)")) << log_.dump();
+
+    // A server silent from the first probe on gets no second one.
+    EXPECT_EQ((std::vector<uint32_t>{1}), udp5.seqs());
+    expect_no_answer(levels.at(5).rec);
+    // Nothing listens on the TCP places: refused connects are no answers.
+    expect_no_answer(levels.at(2).rec);
+    expect_ended();
+}
+
+TEST_F(SimpleQos, NamesResolvedWithinTheirPhaseTheRestReportedWithoutAnswer) {
+    const int T = 3;
+    DnsResponder dns;
+    ASSERT_TRUE(dns.ok());
+    dns.add("udp.qos.test", DnsResponder::address(addr(T, 4)));
+    dns.add("gone.qos.test", DnsResponder::nxdomain());
+    dns.add("mute.qos.test", DnsResponder::silent());
+    ASSERT_EQ(0, zeph_settings_set_dns_servers(dns.server().c_str()));
+    StunAnswerer udp4(addr(T, 4), [](uint32_t) { return 1; });
+    ASSERT_TRUE(udp4.ok());
+    ASSERT_EQ(0, zeph_set_simple_qos_srvs(
+                     {"mute.qos.test", "", "gone.qos.test", "gone.qos.test", "udp.qos.test", "mute.qos.test"}));
+    run(3, 0);
+    const std::vector<Got> all = records();
+    const auto levels = by_level(all);
+    ASSERT_EQ(6u, levels.size());
+    // The silent name holds the name phase for its full second; then the
+    // resolved server is measured and the rest have no address.
+    EXPECT_EQ(0, levels.at(4).rec.discard);
+    EXPECT_GE(levels.at(4).at_ms - t0_, 950u);
+    EXPECT_EQ(4u, all.front().rec.level);
+    for (uint32_t level : {0u, 1u, 2u, 3u, 5u}) expect_no_answer(levels.at(level).rec);
+    EXPECT_GE(all.back().at_ms - t0_, 3900u);
+    EXPECT_TRUE(log_.contains("addr is null domain(gone.qos.test)")) << log_.dump();
+    expect_ended();
+}
+
+TEST_F(SimpleQos, ProxyPlaceReachesTheProxyProxiedPlacesAreNotMeasured) {
+    const int T = 4;
+    TcpListener proxy(addr(T, 1), 0);
+    TcpListener tcp2(addr(T, 2), kTcpPort);
+    ASSERT_TRUE(proxy.ok() && tcp2.ok());
+    ASSERT_EQ(0, zeph_settings_set_http_proxy(addr(T, 1).c_str(), proxy.port(), nullptr, nullptr));
+    ASSERT_EQ(0, zeph_set_simple_qos_srvs({addr(T, 0), addr(T, 1), addr(T, 2), addr(T, 3), addr(T, 4), addr(T, 5)}));
+    run(4, 0);
+    const auto levels = by_level(records());
+    ASSERT_EQ(6u, levels.size());
+    EXPECT_EQ(0, levels.at(1).rec.discard);
+    EXPECT_EQ(1u, levels.at(1).rec.is_proxy);
+    // Through the proxy the TCP places go to the proxy's port and are left
+    // to the proxy service, which this detection does not ask.
+    expect_no_answer(levels.at(2).rec);
+    EXPECT_EQ(0, tcp2.accepts());
+    expect_ended();
+}
+
+TEST(SimpleQosStart, RefusedStartsNeverCallBack) {
+    {
+        std::lock_guard<std::mutex> g(g_mu);
+        g_got.clear();
+    }
+    zeph_net_tools_uninit();
+    EXPECT_EQ(1, zeph_simple_qos_detect(1, on_record, 0)) << "without the runtime";
+    ASSERT_EQ(0, zeph_net_tools_init());
+    EXPECT_EQ(1, zeph_simple_qos_detect(1, nullptr, 0));
+    EXPECT_EQ(1, zeph_set_simple_qos_srvs({"a", std::string(254, 'b')}));
+    EXPECT_EQ(0, zeph_set_simple_qos_srvs({std::string(253, 'c')}));
+    sleep_ms(300);
+    EXPECT_EQ(0u, record_count());
+    zeph_net_tools_uninit();
+}
+
+// ---- the CLI ----------------------------------------------------------------------------
+
+TEST(SimpleQosCli, JsonRunGivesSixRecords) {
+    const int T = 5;
+    StunAnswerer udp4(addr(T, 4), [](uint32_t) { return 1; });
+    TcpListener tcp2(addr(T, 2), kTcpPort);
+    ASSERT_TRUE(udp4.ok() && tcp2.ok());
+    const std::string list = addr(T, 0) + ",," + addr(T, 2) + "," + addr(T, 3) + "," + addr(T, 4) + ",";
+    ToolRun r = run_tool({"qos", "--json", "--context", "9", list}, 15000);
+    ASSERT_EQ(0, r.code()) << r.what();
+    ASSERT_EQ(6u, r.lines()) << r.what();
+    const auto m = parse_json_lines(r.out);
+    std::map<std::string, int> line_of_level;
+    for (int i = 0; i < 6; ++i) {
+        const std::string p = std::to_string(i) + ":";
+        line_of_level[at(m, p + "level")] = i;
+        EXPECT_EQ("9", at(m, p + "context"));
+        EXPECT_EQ("6", at(m, p + "level_num"));
+    }
+    ASSERT_EQ(6u, line_of_level.size()) << r.out;
+    auto field = [&](const char* level, const char* key) {
+        return at(m, std::to_string(line_of_level[level]) + ":" + key);
+    };
+    EXPECT_EQ("0", field("4", "discard"));
+    EXPECT_EQ("\"udp " + addr(T, 4) + ":10002\"", field("4", "what"));
+    EXPECT_EQ("0", field("2", "discard"));
+    EXPECT_EQ("100", field("1", "discard"));
+    EXPECT_EQ("100", field("5", "discard"));
+}
+
+TEST(SimpleQosCli, BadInputExitsTwoWithTheReason) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> bad = {
+        {{"qos"}, "no servers"},
+        {{"qos", "a,b,c,d,e"}, "six comma-separated servers needed, got 5"},
+        {{"qos", "a,b,c,d,e,f,g"}, "got 7"},
+        {{"qos", "a,b c,c,d,e,f"}, "bad server name 'b c'"},
+        {{"qos", "a,b,c,d,e,f", "x,y,z,u,v,w"}, "one list"},
+        {{"qos", "--context", "-1", "a,b,c,d,e,f"}, "bad --context"},
+        {{"qos", "--frob", "a,b,c,d,e,f"}, "unknown option"},
+    };
+    for (const auto& c : bad) {
+        ToolRun r = run_tool(c.first, 5000);
+        EXPECT_EQ(2, r.code()) << r.what();
+        EXPECT_NE(std::string::npos, r.err.find(c.second)) << r.what();
+        EXPECT_TRUE(r.out.empty()) << r.what();
+    }
+    ToolRun help = run_tool({"qos", "--help"}, 5000);
+    EXPECT_EQ(0, help.code());
+    EXPECT_NE(std::string::npos, help.out.find("S0,S1,S2,S3,S4,S5"));
+}
