@@ -1,9 +1,10 @@
 // What does the media transport cost against writing the same framed packets
 // with plain blocking TCP calls to the same media peer on loopback?
 //
-//   1. CPU time of an idle session with all five media types connected,
-//      with the send thread sleeping until woken and with its literal loop
-//      (a pass every 5 ms); the receive thread polls every 10 ms in both;
+//   1. CPU time of an idle session with all five media types connected:
+//      its send and receive threads sleeping until woken, and their literal
+//      loops (a send pass every 5 ms, a receive poll every 10 ms); counted
+//      for the session's own threads and for the whole process;
 //   2. throughput into a sink peer, 200- and 1200-byte bodies, over one
 //      channel (video) and four (audio), counted where the packets arrive;
 //   3. latency of an echoed packet from MORL_MediaSend to the receive
@@ -28,8 +29,11 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -161,9 +165,33 @@ uint32_t channels_of(uint32_t mediaType) { return mediaType == ZEPH_MEDIA_AUDIO 
 // ---- 1. idle CPU -----------------------------------------------------------------------------
 
 struct IdleFigures {
-    double processMsPerS = 0, sessionMsPerS = 0;
+    double processMsPerS = 0, sessionMsPerS = 0; // the whole process, without and with the session
+    double threadsMsPerS = 0;                     // the session's own threads
+    size_t threads = 0;
     bool ok = false;
 };
+
+// The threads of this process by id.
+std::set<long> task_ids() {
+    std::set<long> ids;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+        ids.insert(std::stol(task.path().filename().string()));
+    return ids;
+}
+
+// Nanoseconds a thread of this process has run, from the scheduler's count.
+double task_cpu_ns(long tid) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/schedstat");
+    double ns = 0;
+    stat >> ns;
+    return ns;
+}
+
+double tasks_cpu_ns(const std::vector<long>& tids) {
+    double sum = 0;
+    for (long tid : tids) sum += task_cpu_ns(tid);
+    return sum;
+}
 
 IdleFigures idle_cpu(double seconds, bool literal) {
     MediaSocket::SetLiteralLoops(literal);
@@ -175,13 +203,25 @@ IdleFigures idle_cpu(double seconds, bool literal) {
     std::this_thread::sleep_for(span);
     f.processMsPerS = (cpu_seconds() - c0) * 1000 / seconds;
 
+    // The session's threads are the ones its first media type starts; the
+    // peer's come later, with the connections.
     Session s;
+    const std::set<long> before = task_ids();
+    if (MORL_MediaCreateSocket(kSession, ZEPH_MEDIA_VIDEO, 1) != 0) return f;
+    s.types.push_back(ZEPH_MEDIA_VIDEO);
+    std::vector<long> sessionTasks;
+    for (long tid : task_ids())
+        if (!before.count(tid)) sessionTasks.push_back(tid);
+    if (MORL_MediaCreateChannel(kSession, ZEPH_MEDIA_VIDEO, "127.0.0.1", peer.port(), "") != 0) return f;
     for (uint32_t t = 0; t < ZEPH_MEDIA_TYPE_COUNT; ++t)
-        if (!s.add(t, peer.port())) return f;
+        if (t != ZEPH_MEDIA_VIDEO && !s.add(t, peer.port())) return f;
     std::this_thread::sleep_for(std::chrono::milliseconds(200)); // connect threads gone
     c0 = cpu_seconds();
+    const double t0 = tasks_cpu_ns(sessionTasks);
     std::this_thread::sleep_for(span);
+    f.threadsMsPerS = (tasks_cpu_ns(sessionTasks) - t0) / 1e6 / seconds;
     f.sessionMsPerS = (cpu_seconds() - c0) * 1000 / seconds;
+    f.threads = sessionTasks.size();
     f.ok = true;
     return f;
 }
@@ -404,7 +444,7 @@ int main(int argc, char** argv) {
     }
     MORL_MediaSetLogCallback(quiet_log);
     zeph_settings_set_log_sink(quiet_sink, nullptr, ZEPH_LOG_ERROR);
-    const char* modeName[] = {"send thread woken", "literal 5 ms send loop"};
+    const char* modeName[] = {"threads woken", "literal 5/10 ms loops"};
     const auto started = Clock::now();
 
     std::printf("media transport against plain blocking TCP, on loopback, one media peer per run\n\n");
@@ -416,9 +456,9 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "bench_media: the idle session could not connect\n");
             return 1;
         }
-        std::printf("  %-23s session %.2f ms/s, process without it %.2f ms/s: %.2f ms of CPU per second\n",
-                    modeName[literal], idle.sessionMsPerS, idle.processMsPerS,
-                    idle.sessionMsPerS - idle.processMsPerS);
+        std::printf("  %-23s the session's %zu threads %.3f ms of CPU per second; process with the session "
+                    "%.2f ms/s, without it %.2f ms/s\n",
+                    modeName[literal], idle.threads, idle.threadsMsPerS, idle.sessionMsPerS, idle.processMsPerS);
         std::fflush(stdout);
     }
     std::printf("\n");
