@@ -175,6 +175,7 @@ TEST_F(SimpleQos, SixRecordsByPlaceHealthyServersMeasuredProxyPlaceNeverEndsItEa
         EXPECT_TRUE(g.on_message_thread);
     }
     for (uint32_t level : {0u, 2u, 3u, 4u, 5u}) {
+        if (level == 0 && geteuid() != 0) continue; // echo requests need a raw socket
         const NetDetectResult& r = levels.at(level).rec;
         EXPECT_EQ(0, r.discard) << "level " << level;
         EXPECT_EQ(0u, r.qos) << "level " << level;
