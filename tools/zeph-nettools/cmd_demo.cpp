@@ -13,6 +13,9 @@
 //   6. a quality run of two sites: a zeph-quality-server started beside
 //      this program on 127.0.0.221 (its fixed port 64000), directly and
 //      through a relay adding delay and loss.
+//   7. a race of four sites for the nearest: zeph-quality-servers on
+//      127.0.0.231 and .232, one reached directly and three through relays
+//      (127.0.0.233-235) of different delays, one of them held back.
 // What needs privileges (raw ICMP sockets, ports below 1024) is skipped with
 // a one-line reason when they are missing.
 #include <fcntl.h>
@@ -28,6 +31,7 @@
 
 #include "cmd_media.h"
 #include "cmd_quality.h"
+#include "cmd_sites.h"
 #include "commands.h"
 #include "inbox.h"
 #include "loopback_peers.h"
@@ -51,7 +55,10 @@ const char kDemoHelp[] =
     "measurements; last, a media session against an echoing media peer (audio\n"
     "over 4 channels, video over 1, 3 seconds); and a quality run of two sites\n"
     "against a zeph-quality-server it starts on 127.0.0.221:64000, one direct\n"
-    "and one through a relay adding 40 ms each way and 2 % loss. ICMP needs raw\n"
+    "and one through a relay adding 40 ms each way and 2 % loss; and a race for\n"
+    "the nearest of four sites: quality servers on 127.0.0.231-232, one direct\n"
+    "and three behind relays (127.0.0.233-235) adding 10, 30 and 5 ms each way,\n"
+    "the last held back 50 ms. ICMP needs raw\n"
     "sockets (root or CAP_NET_RAW). What cannot run is skipped with a one-line\n"
     "reason. Takes about 20 seconds.\n"
     "\n"
@@ -73,6 +80,9 @@ constexpr uint16_t kQualityServerPort = 64000;
 constexpr int kServerStartMs = 5000;
 constexpr double kRelayDelayMs = 40;
 constexpr double kRelayLoss = 0.02;
+// The site race: two servers and three relays in front of them.
+const char* const kRaceServerIps[] = {"127.0.0.231", "127.0.0.232"};
+const char* const kRaceRelayIps[] = {"127.0.0.233", "127.0.0.234", "127.0.0.235"};
 
 // zeph-quality-server as a child process beside this program, stopped by
 // its PID when this object goes.
@@ -170,6 +180,7 @@ private:
     bool plan();
     bool media();
     bool quality();
+    bool sites();
 
     const CommonOptions& m_opt;
     bool m_icmp = false;
@@ -379,6 +390,52 @@ bool Demo::quality() {
     return true;
 }
 
+bool Demo::sites() {
+    title("race for the nearest of four sites (direct; relays +10, +30, +5 ms held back 50 ms)");
+    QualityServerChild first, second;
+    std::string error;
+    if (!first.start(kRaceServerIps[0], error) || !second.start(kRaceServerIps[1], error)) {
+        note("skipped the site race: " + error);
+        return true;
+    }
+    struct Leg {
+        const char* listen;
+        const char* server;
+        double delay_ms;
+        uint16_t hold_back;
+        const char* label;
+    };
+    const Leg legs[] = {{kRaceRelayIps[0], kRaceServerIps[1], 10, 0, "relay +10ms"},
+                        {kRaceRelayIps[1], kRaceServerIps[0], 30, 0, "relay +30ms"},
+                        {kRaceRelayIps[2], kRaceServerIps[1], 5, 50, "relay +5ms @50"}};
+    std::vector<std::unique_ptr<zeph_relay::UdpRelay>> relays;
+    std::vector<RaceSite> race(1);
+    race[0].host = kRaceServerIps[0];
+    race[0].port = kQualityServerPort;
+    race[0].label = "direct";
+    for (const Leg& leg : legs) {
+        zeph_relay::UdpRelayConfig cfg;
+        cfg.listen_ip = leg.listen;
+        cfg.server_ip = leg.server;
+        cfg.server_port = kQualityServerPort;
+        cfg.to_server = {leg.delay_ms, 0, 0};
+        cfg.to_client = {leg.delay_ms, 0, 0};
+        relays.push_back(std::make_unique<zeph_relay::UdpRelay>(cfg));
+        if (relays.back()->start(&error) != 0) return fail("cannot start the relay: " + error);
+        RaceSite site;
+        site.host = leg.listen;
+        site.port = relays.back()->port();
+        site.category_delay = leg.hold_back;
+        site.label = leg.label;
+        race.push_back(site);
+    }
+    if (run_sites("demo", race, m_opt.json, "sites") != kExitOk) {
+        m_failed = true;
+        return false;
+    }
+    return true;
+}
+
 int Demo::run() {
     std::string error;
     if (!m_stun.start("127.0.0.1", 0, &error) || !m_tcp.start("127.0.0.1", 0, &error) ||
@@ -395,6 +452,7 @@ int Demo::run() {
     plan();
     media();
     quality();
+    sites();
     return m_failed ? kExitNotStarted : kExitOk;
 }
 

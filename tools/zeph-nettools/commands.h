@@ -12,5 +12,6 @@ int cmd_monitor(int argc, char** argv);
 int cmd_qos(int argc, char** argv);
 int cmd_fw(int argc, char** argv);
 int cmd_quality(int argc, char** argv);
+int cmd_sites(int argc, char** argv);
 
 } // namespace cli

@@ -26,6 +26,7 @@ const char kHelp[] =
     "  monitor  watches one quality or STUN server for minutes, a report every 10 s\n"
     "  quality  scores up to ten quality servers at once and names the best\n"
     "  fw     firewall detection: which of up to 7 targets can be reached, after 30 s\n"
+    "  sites  races up to 32 servers with one burst of probes and names the nearest\n"
     "  demo   runs the detections and a media session against peers on loopback\n"
     "\n"
     "`zeph-nettools <command> --help` tells more; `zeph-nettools --version` the\n"
@@ -55,5 +56,6 @@ int main(int argc, char** argv) {
     if (cmd == "demo") return cli::cmd_demo(argc - 2, argv + 2);
     if (cmd == "fw") return cli::cmd_fw(argc - 2, argv + 2);
     if (cmd == "quality") return cli::cmd_quality(argc - 2, argv + 2);
+    if (cmd == "sites") return cli::cmd_sites(argc - 2, argv + 2);
     return cli::usage_error("", "unknown command '" + cmd + "'");
 }
