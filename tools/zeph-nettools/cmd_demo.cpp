@@ -5,6 +5,7 @@
 //   1. any-port detection: a STUN responder (udp), a TCP acceptor, a TCP
 //      port that refuses, and an ICMP echo to 127.0.0.1;
 //   2. single net detections over udp, tcp, a refusing tcp port and icmp;
+//   2b. reachability of the same peers, all probed at once (reach);
 //   3. the three-port detection and 4. the seven-measurement plan, which use
 //      fixed ports (10002, 443, 1124), on loopback addresses of their own
 //      (127.0.0.201-202 and 127.0.0.211-216);
@@ -37,6 +38,7 @@
 #include "loopback_peers.h"
 #include "media_peer.h"
 #include "options.h"
+#include "reach.h"
 #include "render.h"
 #include "targets.h"
 #include "terminal.h"
@@ -176,6 +178,7 @@ private:
 
     bool any_port();
     bool single_net();
+    bool reach();
     bool three_port();
     bool plan();
     bool media();
@@ -189,6 +192,7 @@ private:
     zeph_peers::StunResponder m_stun;
     zeph_peers::TcpAcceptor m_tcp;
     zeph_peers::ClosedTcpPort m_closed;
+    zeph_peers::TcpListener m_keep{zeph_peers::TcpListener::Mode::Keep};
     zeph_peers::MediaPeer m_media{zeph_peers::MediaPeerMode::Echo};
     std::vector<std::unique_ptr<zeph_peers::StunResponder>> m_fixed_stun;
     std::vector<std::unique_ptr<zeph_peers::TcpAcceptor>> m_fixed_tcp;
@@ -436,6 +440,32 @@ bool Demo::sites() {
     return true;
 }
 
+bool Demo::reach() {
+    title("reachability (all targets at once)");
+    // A listener that keeps what it accepts: a connection closed at once
+    // can read as a hang-up rather than as a completed connect.
+    std::string error;
+    if (!m_keep.ok() && !m_keep.start("127.0.0.1", 0, &error)) return fail("cannot start a TCP listener: " + error);
+    std::vector<ReachTarget> targets;
+    const std::vector<std::string> texts = {
+        "127.0.0.1:" + std::to_string(m_stun.port()) + "/udp:stun", "127.0.0.1:" + std::to_string(m_keep.port()) + "/tcp",
+        "127.0.0.1:" + std::to_string(m_closed.port()) + "/tcp", "127.0.0.1/icmp"};
+    for (const std::string& text : texts) {
+        if (text == "127.0.0.1/icmp" && !m_icmp) {
+            note("skipped the ICMP reach target: raw ICMP sockets need root or CAP_NET_RAW");
+            continue;
+        }
+        ReachTarget t;
+        if (!parse_reach_target(text, t, error)) return fail(error);
+        targets.push_back(t);
+    }
+    if (run_reach(targets, ++m_num, m_opt.json, "reach") != kExitOk) {
+        m_failed = true;
+        return false;
+    }
+    return true;
+}
+
 int Demo::run() {
     std::string error;
     if (!m_stun.start("127.0.0.1", 0, &error) || !m_tcp.start("127.0.0.1", 0, &error) ||
@@ -448,6 +478,7 @@ int Demo::run() {
     zeph_net_tools_init();
     any_port();
     single_net();
+    reach();
     three_port();
     plan();
     media();

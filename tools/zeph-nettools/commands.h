@@ -8,6 +8,7 @@ int cmd_port(int argc, char** argv);
 int cmd_net(int argc, char** argv);
 int cmd_demo(int argc, char** argv);
 int cmd_media(int argc, char** argv);
+int cmd_reach(int argc, char** argv);
 int cmd_monitor(int argc, char** argv);
 int cmd_qos(int argc, char** argv);
 int cmd_fw(int argc, char** argv);

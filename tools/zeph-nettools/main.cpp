@@ -21,6 +21,7 @@ const char kHelp[] =
     "commands:\n"
     "  port   which targets can be reached (any-port or three-port detection)\n"
     "  net    delay, loss and quality class of one target or of a server plan\n"
+    "  reach  whether up to 16 targets answer, each over its transport and probe\n"
     "  qos    delay, loss and quality class of six servers, five probes each\n"
     "  media  a media session: streams packets to a server, tells what came back\n"
     "  monitor  watches one quality or STUN server for minutes, a report every 10 s\n"
@@ -50,6 +51,7 @@ int main(int argc, char** argv) {
     }
     if (cmd == "port") return cli::cmd_port(argc - 2, argv + 2);
     if (cmd == "net") return cli::cmd_net(argc - 2, argv + 2);
+    if (cmd == "reach") return cli::cmd_reach(argc - 2, argv + 2);
     if (cmd == "qos") return cli::cmd_qos(argc - 2, argv + 2);
     if (cmd == "media") return cli::cmd_media(argc - 2, argv + 2);
     if (cmd == "monitor") return cli::cmd_monitor(argc - 2, argv + 2);
