@@ -38,9 +38,10 @@ namespace {
 constexpr uint16_t kServerPort = 64000;
 constexpr uint16_t kFirstClientPort = 64100;
 constexpr int kRoundMs = 10000;
-// A report comes about a second after its round: the late replies' wait.
-constexpr uint64_t kFirstReportMinMs = 9000, kFirstReportMaxMs = 15000;
-constexpr uint64_t kGapMinMs = 8000, kGapMaxMs = 13000;
+// A report comes about a second after its round (the late replies' wait);
+// the bounds leave room for a loaded machine, the bench has the figures.
+constexpr uint64_t kFirstReportMinMs = 9000, kFirstReportMaxMs = 20000;
+constexpr uint64_t kGapMinMs = 7000, kGapMaxMs = 17000;
 
 std::string test_ip(int host) { return "127.0.66." + std::to_string(host); }
 
@@ -84,7 +85,7 @@ protected:
     // Waits for `n` reports and checks what every long run shows: one
     // record each, code 0, the sockets in turn, about one round apart.
     std::vector<Report> ExpectRounds(size_t n, uint64_t started) {
-        EXPECT_TRUE(wait_until([&] { return report_count() >= n; }, int(n) * kRoundMs + 8000)) << report_count();
+        EXPECT_TRUE(wait_until([&] { return report_count() >= n; }, int(n) * kRoundMs + 20000)) << report_count();
         const std::vector<Report> got = reports();
         EXPECT_EQ(got.size(), n);
         for (size_t i = 0; i < got.size(); ++i) {
@@ -208,9 +209,12 @@ TEST_F(LongTime, ThreeRoundsThroughTheRelayFollowTheTruth) {
     for (const Report& r : got) {
         const DetectQosResult& q = r.results[0];
         SCOPED_TRACE("index " + std::to_string(q.index));
-        EXPECT_NEAR(q.a_delay, 35, 4);
-        EXPECT_NEAR(q.a_s_jitter, 2, 2.5); // 2J/3 for a spread of +-3 ms
-        EXPECT_LE(q.a_r_jitter, 2);
+        // A starved relay (sanitizers, a loaded machine) only ever adds.
+        EXPECT_GE(q.a_delay, 35 - 2);
+        EXPECT_LE(q.a_delay, 35 + 10);
+        EXPECT_GE(q.a_s_jitter, 1); // 2J/3 for a spread of +-3 ms
+        EXPECT_LE(q.a_s_jitter, 2 + 4);
+        EXPECT_LE(q.a_r_jitter, 4);
         EXPECT_NEAR(q.a_s_loss, up_truth, up_slack);
         EXPECT_NEAR(q.a_r_loss, down_truth, down_slack);
         EXPECT_GT(q.score, 0);
