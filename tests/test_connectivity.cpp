@@ -301,6 +301,21 @@ TEST_F(Connectivity, MixedTargetsReportOneSecondAfterTheFirstAnswer) {
     EXPECT_EQ(fds_before, open_fds());
 }
 
+// A server that accepts and hangs up at once still accepted: the port is
+// open, whether the hang-up reaches us before or after the handshake is
+// seen.
+TEST_F(Connectivity, PortThatAcceptsAndClosesAtOnceIsOpen) {
+    TcpListener closer(TcpListener::Mode::Close);
+    std::vector<ConnectivitySite> sites;
+    for (int i = 0; i < 4; ++i) sites.push_back(site("127.0.0.1", closer.port(), ZEPH_TRANS_TCP));
+    const ConnectivityDetectInfo info = info_of(23, sites);
+    ASSERT_EQ(0, zeph_any_port_detect_new(&info));
+    Report rep;
+    ASSERT_TRUE(wait_report(23, rep));
+    EXPECT_EQ("1111", opens(rep.result));
+    EXPECT_TRUE(runtime_idle());
+}
+
 TEST_F(Connectivity, SilentTargetIsProbedWithRisingSequenceUntilFourSeconds) {
     UdpSocket silent;
     ASSERT_TRUE(silent.ok());

@@ -73,7 +73,11 @@ void NetToolsMsg::detect_recv_thread(uint64_t generation) {
                 if (slots[i].revents & MORL_POLLWRNORM) {
                     const uint32_t error_events = static_cast<uint16_t>(slots[i].revents & ~MORL_POLLWRNORM);
                     NT_LOGI("write OK fd(%d), errorEvents: %u", fd, error_events);
-                    if (error_events == 0) tcp_is_connected(fd, polled[i]);
+                    // Writable without an error is a finished handshake,
+                    // also when the peer has already closed again (a
+                    // hang-up): the port accepted, so it is open. A refused
+                    // connect always carries the error bit.
+                    if ((error_events & ~static_cast<uint32_t>(MORL_POLLHUP)) == 0) tcp_is_connected(fd, polled[i]);
                 }
             }
         }
