@@ -406,8 +406,10 @@ TEST(QualityClient, ArgumentsAndTheBindWalk) {
     auto mute = std::make_shared<DetectClient>(nullptr);
     EXPECT_EQ(mute->start_client("127.0.61.36", kServerPort, DETECT_FIRST_CLIENT_PORT), DETECT_ERR_BAD_ARGUMENT);
 
-    // Take 64 ports from a first port on: the client finds none.
-    constexpr uint16_t kFirst = 47100;
+    // Take 64 ports from a first port on: the client finds none. The ports
+    // lie above the kernel's ephemeral range, so no other test's socket
+    // bound to port 0 can hold one of them.
+    constexpr uint16_t kFirst = 61700;
     std::vector<int> taken;
     for (uint16_t p = kFirst; p < kFirst + DETECT_BIND_TRIES; ++p) {
         int fd = socket(AF_INET, SOCK_DGRAM, 0);
