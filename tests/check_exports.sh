@@ -24,6 +24,12 @@ done
 for must in zeph_simple_qos_detect zeph_set_simple_qos_srvs; do
   nm -D --defined-only "$lib" | grep -qw "$must" || { echo "missing export: $must"; exit 1; }
 done
+# The tunnel socket shim.
+for must in kest_socket kest_bind kest_close_socket kest_select kest_ioctl kest_get_sock_opt kest_set_sock_opt \
+            kest_fd_zero kest_fd_set kest_fd_isset kest_set_port kest_get_port kest_set_ssrc_flag kest_get_ssrc_flag \
+            kest_get_last_error kest_get_tunnel_bufsize kest_sendto kest_recvfrom; do
+  nm -D --defined-only "$lib" | grep -qw "$must" || { echo "missing export: $must"; exit 1; }
+done
 # Internal helpers of the platform layer must stay hidden.
 for hidden in DoLog MORL_Socket zeph_http_proxy_connect_ex get_addr_ipv4 zeph_get_dns_servers \
               MORL_MSG_Init MORL_MSG_SynSend RAVN_NETB_DnsGetIpByAsynResolve; do
