@@ -34,6 +34,9 @@ constexpr MORL_SOCKET kClosedSocket = static_cast<MORL_SOCKET>(0xFFFFFFFF);
 constexpr uint32_t kTransTcp = 1;
 constexpr uint32_t kTransUdp = 2;
 
+// The clock's reading when the counter has no frequency.
+constexpr int64_t kNoClockMs = 0xFFFFFFFF;
+
 // What a failing codec write is reported with, as a failed secure copy.
 constexpr int kCopyRefused = 1;
 
@@ -78,6 +81,19 @@ int64_t DetectBase::get_runtime_current() {
     // Whole seconds and the remainder are scaled apart: a nanosecond counter
     // times 1000 would overflow after about 106 days.
     return counter_ms_since(m_start_time, m_freq_time, "get_runtime_current");
+}
+
+int64_t DetectBase::runtime_at(int64_t counter) const {
+    if (m_freq_time == 0) {
+        NT_LOGE("runtime_at: m_freq_time is null");
+        return kNoClockMs;
+    }
+    // The same split of seconds and remainder as the current time's.
+    return counter > m_start_time ? counter_to_ms(counter - m_start_time, m_freq_time) : 0;
+}
+
+int64_t DetectBase::answer_time() {
+    return m_answer_arrival != 0 ? runtime_at(m_answer_arrival) : get_runtime_current();
 }
 
 uint32_t DetectBase::get_time_diff(uint32_t first, uint32_t second) { return second - first; }

@@ -70,6 +70,17 @@ public:
     // Milliseconds since construction; 0xFFFFFFFF when the counter has no
     // frequency.
     int64_t get_runtime_current();
+    // A moment on the scale of MORL_QueryPerformanceCounter (a packet's
+    // arrival) read on this object's clock: milliseconds since
+    // construction, 0 for a moment before it, 0xFFFFFFFF when the counter
+    // has no frequency.
+    int64_t runtime_at(int64_t counter) const;
+    // The packet being handed to recv_pkt arrived at `counter` (0: unknown).
+    // Set by the message thread around recv_pkt, read only there.
+    void set_answer_arrival(int64_t counter) { m_answer_arrival = counter; }
+    // The arrival of the packet being handled on this object's clock; the
+    // current time when its arrival is unknown.
+    int64_t answer_time();
     // second - first over the wrap of 32-bit times; read as signed where the
     // sign matters.
     static uint32_t get_time_diff(uint32_t first, uint32_t second);
@@ -181,6 +192,7 @@ protected:
     std::atomic<uint32_t> m_inited{1};
     int64_t m_start_time = 0;
     int64_t m_freq_time = 0;
+    int64_t m_answer_arrival = 0;
     std::vector<uint32_t> m_sleep_precision;
     uint16_t m_cli_port = 0;
     uint32_t m_is_stun = 0;

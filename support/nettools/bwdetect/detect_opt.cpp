@@ -300,7 +300,9 @@ void DetectOptMultiSite::recv_pkt(const uint8_t* data, uint32_t len, std::shared
     (void)detect;
     // After the table nothing more is reported, not even a first answer.
     if (m_detect_status == OPT_STATUS_FINISHED || m_categories.empty() || m_categories.front().sent == 0) return;
-    const uint32_t now = now_ms();
+    // The answer's arrival, not the moment it reached this thread: answers
+    // of other sites handed over before it must not make it look farther.
+    const uint32_t now = nt_stored_time(static_cast<uint64_t>(answer_time()));
     const uint32_t span = get_time_diff(m_categories.front().send_time, now);
     if (span >= OPT_RECV_SPAN_MAX) {
         NT_LOGW("recv timeout span(%u)current(%u)", span, now);

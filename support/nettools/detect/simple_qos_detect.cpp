@@ -370,7 +370,9 @@ void DetectSimpleQos::recv_pkt(const uint8_t* data, uint32_t len, std::shared_pt
         if (t.socket != sock) continue;
         const uint32_t seq = sock->get_recv_seq(data, static_cast<int32_t>(len));
         // Only a TCP connect comes without data.
-        if (!recv_save_result(t, seq, now32(), len != 0)) return;
+        // Timed at its arrival, not at its turn on this thread.
+        const uint32_t arrived = nt_stored_time(static_cast<uint64_t>(answer_time()));
+        if (!recv_save_result(t, seq, arrived, len != 0)) return;
         if (t.sent < kProbes) {
             // The answer sends the next probe at once; the timer covers the
             // case that its answer is lost.

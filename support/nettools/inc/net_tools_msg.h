@@ -95,15 +95,23 @@ struct DetectSocketBody {
 static_assert(sizeof(DetectSocketBody) == 32, "socket body is 32 bytes");
 
 // Body of the packet ids. The two addresses point into the receive
-// thread's frame, which waits in the synchronous send meanwhile.
+// thread's frame, which waits in the synchronous send meanwhile. The body
+// never leaves the process: its size is this header's alone (it must fit
+// kMsgBodyMax), and `arrival` follows the older fields so that their
+// offsets stay.
 constexpr uint32_t kRecvDataMax = 1500;
 struct DetectRecvBody {
     uint8_t data[kRecvDataMax];
     uint32_t len; // 0 for a completed TCP connect
     uint64_t sock_addr;
     uint64_t detect_addr;
+    // When the answer arrived, on the scale of MORL_QueryPerformanceCounter:
+    // the kernel's stamp of a datagram, or the poll's return that reported
+    // a completed connect; 0 when unknown.
+    int64_t arrival;
 } __attribute__((packed));
-static_assert(sizeof(DetectRecvBody) == 1520, "packet body is 1520 bytes");
+static_assert(sizeof(DetectRecvBody) == 1528, "packet body is 1528 bytes");
+static_assert(sizeof(DetectRecvBody) <= kMsgBodyMax, "packet body fits a message");
 
 // Sockets one detection may have in the table at the same time.
 constexpr int32_t kMaxSocketsPerDetection = 32;
@@ -217,8 +225,18 @@ private:
         bool proxy_pending = false;
         bool free_requested = false;
     };
-    void recv_one_packet(int32_t fd, const SocketDetectPair& polled);
-    void tcp_is_connected(int32_t fd, const SocketDetectPair& polled);
+    // `polled_at`: when the poll that reported the socket returned, on the
+    // scale of MORL_QueryPerformanceCounter (the arrival of a datagram the
+    // kernel did not stamp).
+    // Reads fd's first non-empty datagram of the pass into body, counting
+    // the reads in *reads; false (and *reads 0) when none waits.
+    bool read_first(int32_t fd, struct DetectRecvBody& body, int64_t polled_at, int32_t* reads);
+    // One datagram into body; its length, or -1 when none waits.
+    int read_datagram(int32_t fd, struct DetectRecvBody& body, int64_t polled_at);
+    bool hand_over_read(int32_t fd, const SocketDetectPair& polled, struct DetectRecvBody& body, int32_t i);
+    // The rest of fd's datagrams after `done` reads, up to the pass's bound.
+    void recv_one_packet(int32_t fd, const SocketDetectPair& polled, int64_t polled_at, int32_t done);
+    void tcp_is_connected(int32_t fd, const SocketDetectPair& polled, struct DetectRecvBody& body);
     bool same_entry(int32_t fd, const SocketDetectPair& polled);
     void hand_over(int32_t fd, const SocketDetectPair& polled, struct DetectRecvBody& body, uint32_t len,
                    int32_t i);

@@ -2,9 +2,15 @@
 // joined by finish. It sleeps while the socket table is empty; otherwise it
 // polls the table's sockets for 2 ms per pass, reads what arrived and hands
 // each packet to the message thread by a synchronous message, then pauses
-// 2 ms.
+// 2 ms. Each packet carries the moment it arrived (the kernel's stamp of
+// the datagram; for a completed connect, the poll's return), so that the
+// pause and the hand-overs of the sockets read before it add nothing to a
+// measured delay; and each socket's first answer of a pass is handed over
+// in the order of arrival, not of the table.
+#include <algorithm>
 #include <array>
 #include <cstring>
+#include <vector>
 
 #include "inc/detect_socket.h"
 #include "inc/net_tools_msg.h"
@@ -27,6 +33,11 @@ void NetToolsMsg::detect_recv_thread(uint64_t generation) {
     // descriptor number cannot meanwhile name another socket.
     std::array<SocketDetectPair, MAX_POLL_LISTEN_SIZE> polled;
     std::array<MORL_PollFd, MAX_POLL_LISTEN_SIZE> slots;
+    // The first answer of each polled socket in a pass, the reads it took,
+    // and the order of arrival of those answers.
+    std::vector<DetectRecvBody> firsts(MAX_POLL_LISTEN_SIZE);
+    std::array<int32_t, MAX_POLL_LISTEN_SIZE> reads{};
+    std::array<int32_t, MAX_POLL_LISTEN_SIZE> order{};
     while (keep_running()) {
         int32_t idx = 0;
         int32_t filled = 0;
@@ -62,13 +73,23 @@ void NetToolsMsg::detect_recv_thread(uint64_t generation) {
         if (over) NT_LOGI("idx > MAX_POLL_LISTEN_SIZE, idx:%d", idx);
         int ready = 0;
         if (filled > 0) ready = MORL_Poll(slots.data(), static_cast<uint32_t>(idx), m_poll_timeout_ms);
+        int64_t polled_at = 0;
+        MORL_QueryPerformanceCounter(&polled_at);
         if (ready > 0) {
+            // First each socket's first answer of the pass (a datagram or a
+            // completed connect), handed over in the order they arrived, so
+            // that a site's answer is never reported behind a later one of
+            // a socket earlier in the table; then the rest of each socket's
+            // datagrams in table order.
+            int32_t order_len = 0;
             for (int32_t i = 0; i < idx; ++i) {
+                reads[i] = 0;
                 const MORL_SOCKET fd = slots[i].fd;
                 if (fd == MORL_INVALID_SOCKET) continue;
+                bool answered = false;
                 if (slots[i].revents & MORL_POLLIN) {
                     NT_LOGI("recv OK fd(%d)", fd);
-                    recv_one_packet(fd, polled[i]);
+                    answered = read_first(fd, firsts[i], polled_at, &reads[i]);
                 }
                 if (slots[i].revents & MORL_POLLWRNORM) {
                     const uint32_t error_events = static_cast<uint16_t>(slots[i].revents & ~MORL_POLLWRNORM);
@@ -77,8 +98,26 @@ void NetToolsMsg::detect_recv_thread(uint64_t generation) {
                     // also when the peer has already closed again (a
                     // hang-up): the port accepted, so it is open. A refused
                     // connect always carries the error bit.
-                    if ((error_events & ~static_cast<uint32_t>(MORL_POLLHUP)) == 0) tcp_is_connected(fd, polled[i]);
+                    if ((error_events & ~static_cast<uint32_t>(MORL_POLLHUP)) == 0) {
+                        memset(&firsts[i], 0, sizeof firsts[i]);
+                        firsts[i].arrival = polled_at;
+                        answered = true;
+                    }
                 }
+                if (answered) order[order_len++] = i;
+            }
+            std::stable_sort(order.begin(), order.begin() + order_len,
+                             [&](int32_t a, int32_t b) { return firsts[a].arrival < firsts[b].arrival; });
+            for (int32_t k = 0; k < order_len; ++k) {
+                const int32_t i = order[k];
+                if (firsts[i].len == 0) {
+                    tcp_is_connected(slots[i].fd, polled[i], firsts[i]);
+                } else {
+                    hand_over_read(slots[i].fd, polled[i], firsts[i], reads[i]);
+                }
+            }
+            for (int32_t i = 0; i < idx; ++i) {
+                if (reads[i] > 0 && firsts[i].len != 0) recv_one_packet(slots[i].fd, polled[i], polled_at, reads[i]);
             }
         }
         for (int32_t i = 0; i < idx; ++i) polled[i] = SocketDetectPair{};
@@ -113,30 +152,56 @@ void NetToolsMsg::hand_over(int32_t fd, const SocketDetectPair& polled, DetectRe
                            kMidDetectMain, static_cast<uint32_t>(m_syn_send_arg), &response);
 }
 
-void NetToolsMsg::recv_one_packet(int32_t fd, const SocketDetectPair& polled) {
+bool NetToolsMsg::read_first(int32_t fd, DetectRecvBody& body, int64_t polled_at, int32_t* reads) {
+    memset(&body, 0, sizeof body);
+    while (*reads < m_recv_batch_max) {
+        const int n = read_datagram(fd, body, polled_at);
+        if (n < 0) break;
+        ++*reads;
+        if (n > 0) return true;
+    }
+    *reads = 0; // nothing more to read in this pass
+    return false;
+}
+
+int NetToolsMsg::read_datagram(int32_t fd, DetectRecvBody& body, int64_t polled_at) {
+    // One datagram at a time, with the kernel's stamp of its arrival.
+    MORL_DatagramIn in{};
+    in.buf = body.data;
+    in.cap = static_cast<int>(kRecvDataMax);
+    if (MORL_RecvBatch(fd, &in, 1) != 1) return -1;
+    body.len = static_cast<uint32_t>(in.len);
+    // A socket without stamps: the poll saw it readable by then.
+    body.arrival = in.arrival != 0 ? in.arrival : polled_at;
+    return in.len;
+}
+
+bool NetToolsMsg::hand_over_read(int32_t fd, const SocketDetectPair& polled, DetectRecvBody& body, int32_t i) {
+    // Only while the socket is still the table's: a packet read after
+    // its detection freed it is dropped.
+    if (!same_entry(fd, polled)) {
+        NT_LOGE("GetDetect err");
+        return false;
+    }
+    hand_over(fd, polled, body, body.len, i);
+    return true;
+}
+
+void NetToolsMsg::recv_one_packet(int32_t fd, const SocketDetectPair& polled, int64_t polled_at, int32_t done) {
     DetectRecvBody body;
     memset(&body, 0, sizeof body);
-    if (m_recv_batch_max < 1) return;
-    for (int32_t i = 1; i <= m_recv_batch_max; ++i) {
-        const int n = MORL_Recv(fd, body.data, static_cast<int>(kRecvDataMax), 0);
+    for (int32_t i = done + 1; i <= m_recv_batch_max; ++i) {
+        const int n = read_datagram(fd, body, polled_at);
         if (n < 0) return;
         if (n == 0) continue;
-        // Only while the socket is still the table's: a packet read after
-        // its detection freed it is dropped.
-        if (!same_entry(fd, polled)) {
-            NT_LOGE("GetDetect err");
-            return;
-        }
-        hand_over(fd, polled, body, static_cast<uint32_t>(n), i);
+        if (!hand_over_read(fd, polled, body, i)) return;
     }
 }
 
-void NetToolsMsg::tcp_is_connected(int32_t fd, const SocketDetectPair& polled) {
+void NetToolsMsg::tcp_is_connected(int32_t fd, const SocketDetectPair& polled, DetectRecvBody& body) {
     if (!same_entry(fd, polled)) {
         NT_LOGE("GetDetect err");
         return;
     }
-    DetectRecvBody body;
-    memset(&body, 0, sizeof body);
     hand_over(fd, polled, body, 0, 0);
 }

@@ -101,10 +101,12 @@ void process_family_msg(const char* name, uint32_t base, const NetToolsMsgRecord
     const std::shared_ptr<DetectSocket>* sock_addr = nullptr;
     const std::shared_ptr<DetectBase>* detect_addr = nullptr;
     uint32_t len = 0;
+    int64_t arrival = 0;
     if (body_len >= sizeof(DetectRecvBody)) {
         uint64_t sa = 0;
         uint64_t da = 0;
         memcpy(&len, body + offsetof(DetectRecvBody, len), sizeof len);
+        memcpy(&arrival, body + offsetof(DetectRecvBody, arrival), sizeof arrival);
         memcpy(&sa, body + offsetof(DetectRecvBody, sock_addr), sizeof sa);
         memcpy(&da, body + offsetof(DetectRecvBody, detect_addr), sizeof da);
         sock_addr = reinterpret_cast<const std::shared_ptr<DetectSocket>*>(sa);
@@ -117,7 +119,9 @@ void process_family_msg(const char* name, uint32_t base, const NetToolsMsgRecord
         g_net_tools_msg.create_socket(rec);
     } else if (off == kMsgFamilyRecv) {
         if (len > kRecvDataMax) len = kRecvDataMax;
+        detect->set_answer_arrival(arrival);
         detect->recv_pkt(body, len, sock, detect);
+        detect->set_answer_arrival(0);
     }
 }
 } // namespace

@@ -143,7 +143,13 @@ DetectSockPtr DetectSocket::create() {
         m_sock.reset();
         return DetectSockPtr();
     }
-    if (m_sock_type != static_cast<int32_t>(MORL_SOCK_STREAM)) connect();
+    if (m_sock_type != static_cast<int32_t>(MORL_SOCK_STREAM)) {
+        // The kernel stamps each answer's arrival; without stamps the
+        // receive thread falls back on the time of its poll.
+        if (MORL_EnableRecvTimestamps(fd) != 0)
+            NT_LOGW("recv timestamps refused fd(%d) error=%d", fd, MORL_GetLastSocketErr());
+        connect();
+    }
     return m_sock;
 }
 
