@@ -7,54 +7,34 @@
 // (127.0.61.x) so that ctest runs them side by side.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <functional>
-#include <mutex>
-#include <thread>
 #include <vector>
 
 #include "bwdetect/detect_cli_pkt.h"
 #include "bwdetect/detect_client.h"
-#include "bwdetect/detect_server.h"
 #include "peers.h"
+#include "quality_peers.h"
 #include "udp_relay.h"
-#include "zeph_nettools/settings.h"
 
 namespace q = zeph::quality;
 using zeph_test::now_ms;
 using zeph_test::wait_until;
+using zeph_test::kQualityServerPort;
+using ServerOn = zeph_test::QualityServerOn;
+using FakeServer = zeph_test::UdpStandIn;
 
 namespace {
 
-constexpr uint16_t kServerPort = 64000;
+constexpr uint16_t kServerPort = kQualityServerPort;
 constexpr int kStreamSeconds = 3;
 // A stream of 3 s, its second of late replies and the statistics, with room
 // for a loaded machine.
 constexpr int kStreamDoneMs = 12000;
 
 std::string test_ip(int host) { return "127.0.61." + std::to_string(host); }
-
-// Our quality server on ip:64000, stopped at the end of the test.
-class ServerOn {
-public:
-    explicit ServerOn(const std::string& ip) {
-        zeph_settings_set_local_addr(ip.c_str());
-        m_server = DetectServer::get_instance();
-        m_started = m_server && m_server->start_server(kServerPort) == DetectServer::kStarted;
-    }
-    ~ServerOn() {
-        if (m_server) m_server->stop_server();
-    }
-    bool ok() const { return m_started; }
-
-private:
-    DetectServer* m_server = nullptr;
-    bool m_started = false;
-};
 
 // A relay in front of ip:64000 with the given loss per direction (percent).
 std::unique_ptr<zeph_relay::UdpRelay> relay_to(const std::string& ip, double up_loss, double down_loss) {
@@ -68,92 +48,6 @@ std::unique_ptr<zeph_relay::UdpRelay> relay_to(const std::string& ip, double up_
     auto relay = std::make_unique<zeph_relay::UdpRelay>(cfg);
     if (relay->start() != 0) return nullptr;
     return relay;
-}
-
-// A UDP socket of the test standing in for the server: it keeps every
-// datagram it gets with its arrival time and answers what `answer` turns
-// into a reply (in place; false: no reply).
-class FakeServer {
-public:
-    struct Got {
-        std::vector<uint8_t> bytes;
-        uint64_t at_ms;
-        uint16_t from_port;
-    };
-    using Answer = std::function<bool(std::vector<uint8_t>&, size_t index)>;
-
-    FakeServer(const std::string& ip, uint16_t port, Answer answer) : m_answer(std::move(answer)) {
-        m_fd = socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(port);
-        a.sin_addr.s_addr = zeph_test::ipv4_be(ip);
-        m_ok = m_fd >= 0 && bind(m_fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-        if (m_ok) m_thread = std::thread([this] { run(); });
-    }
-    ~FakeServer() {
-        m_stop = true;
-        if (m_thread.joinable()) m_thread.join();
-        if (m_fd >= 0) close(m_fd);
-    }
-    bool ok() const { return m_ok; }
-    std::vector<Got> got() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_got;
-    }
-    size_t count() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_got.size();
-    }
-
-private:
-    void run() {
-        while (!m_stop) {
-            pollfd p{m_fd, POLLIN, 0};
-            if (poll(&p, 1, 10) <= 0) continue;
-            uint8_t buf[q::kRecvBufSize];
-            sockaddr_in from{};
-            socklen_t flen = sizeof from;
-            const ssize_t n = recvfrom(m_fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &flen);
-            if (n <= 0) continue;
-            std::vector<uint8_t> pkt(buf, buf + n);
-            size_t index;
-            {
-                std::lock_guard<std::mutex> lock(m_mutex);
-                index = m_got.size();
-                m_got.push_back({pkt, now_ms(), ntohs(from.sin_port)});
-            }
-            if (m_answer && m_answer(pkt, index))
-                sendto(m_fd, pkt.data(), pkt.size(), 0, reinterpret_cast<sockaddr*>(&from), flen);
-        }
-    }
-
-    int m_fd = -1;
-    bool m_ok = false;
-    std::atomic<bool> m_stop{false};
-    Answer m_answer;
-    mutable std::mutex m_mutex;
-    std::vector<Got> m_got;
-    std::thread m_thread;
-};
-
-uint32_t server_clock() { return uint32_t(now_ms()); }
-
-// What our server does to a data packet, without the pairs.
-bool echo_data(std::vector<uint8_t>& p) {
-    if (q::get_type(p.data(), p.size(), false) != q::kTypeData) return false;
-    q::set_type(p.data(), p.size(), false, q::kTypeDataResp);
-    q::set_time(p.data(), p.size(), server_clock());
-    q::set_pair_count(p.data(), p.size(), 0);
-    q::set_status(p.data(), p.size(), q::kStatusOk);
-    return true;
-}
-
-bool answer_auth(std::vector<uint8_t>& p, uint32_t result) {
-    if (q::get_type(p.data(), p.size(), false) != q::kTypeAuth) return false;
-    q::set_type(p.data(), p.size(), false, q::kTypeAuthResp);
-    q::set_auth_result(p.data(), p.size(), result);
-    return true;
 }
 
 // An exchanger at `level` for 3 s on a socket connected to ip:port, with its
@@ -311,10 +205,8 @@ TEST(QualityExchanger, SilenceAndRefusal) {
     // once, in state 3, and nothing more goes out.
     const std::string ip = test_ip(32);
     constexpr size_t kRefuseAt = 25;
-    FakeServer refusing(ip, kServerPort, [](std::vector<uint8_t>& p, size_t i) {
-        if (!echo_data(p)) return false;
-        if (i >= kRefuseAt) q::set_status(p.data(), p.size(), q::kStatusRefused);
-        return true;
+    FakeServer refusing(ip, kServerPort, [](std::vector<uint8_t>& p, const FakeServer::Got& g) {
+        return zeph_test::answer_quality_data(p, g.index >= kRefuseAt ? q::kStatusRefused : q::kStatusOk);
     });
     ASSERT_TRUE(refusing.ok());
     Stream refused(ip, kServerPort, 1);
@@ -376,7 +268,8 @@ TEST(QualityClient, HandshakeStreamAndEndAgainstOurServer) {
 
 TEST(QualityClient, RefusedOrUnansweredHandshakeSendsNoStream) {
     const std::string ip = test_ip(34);
-    FakeServer refusing(ip, kServerPort, [](std::vector<uint8_t>& p, size_t) { return answer_auth(p, 1); });
+    FakeServer refusing(ip, kServerPort,
+                        [](std::vector<uint8_t>& p, const FakeServer::Got&) { return zeph_test::answer_quality_auth(p, 1); });
     FakeServer silent(test_ip(35), kServerPort, nullptr);
     ASSERT_TRUE(refusing.ok() && silent.ok());
     auto refused = std::make_shared<DetectClient>(on_report);

@@ -7,10 +7,6 @@
 // Every test has its address (127.0.72.x); the fixed client ports are
 // shared through a ctest resource lock.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -24,17 +20,18 @@
 #include "bwdetect/detect_qos_score.h"
 #include "bwdetect/detect_server.h"
 #include "peers.h"
+#include "quality_peers.h"
 #include "udp_relay.h"
 #include "zeph_nettools/net_tools.h"
-#include "zeph_nettools/settings.h"
 
 namespace q = zeph::quality;
 using zeph_test::now_ms;
 using zeph_test::wait_until;
+using ServerOn = zeph_test::QualityServerOn;
 
 namespace {
 
-constexpr uint16_t kServerPort = 64000;
+constexpr uint16_t kServerPort = zeph_test::kQualityServerPort;
 constexpr uint32_t kStreamSeconds = 3;
 // Streams, the waits behind them and the scoring, with room for a loaded
 // machine (sanitizers).
@@ -83,24 +80,6 @@ DetectSiteInfo site(const std::string& ip, uint16_t port, int16_t index, uint32_
 
 // ---- peers ---------------------------------------------------------------------------
 
-class ServerOn {
-public:
-    explicit ServerOn(const std::string& ip) {
-        zeph_settings_set_local_addr(ip.c_str());
-        m_server = DetectServer::get_instance();
-        m_started = m_server && m_server->start_server(kServerPort) == DetectServer::kStarted;
-    }
-    ~ServerOn() {
-        if (m_server) m_server->stop_server();
-    }
-    bool ok() const { return m_started; }
-    DetectServer* operator->() const { return m_server; }
-
-private:
-    DetectServer* m_server = nullptr;
-    bool m_started = false;
-};
-
 // A relay in front of ip:64000 adding `delay_ms` each way.
 std::unique_ptr<zeph_relay::UdpRelay> relay_to(const std::string& listen, const std::string& ip, double delay_ms) {
     zeph_relay::UdpRelayConfig cfg;
@@ -114,69 +93,13 @@ std::unique_ptr<zeph_relay::UdpRelay> relay_to(const std::string& listen, const 
     return relay;
 }
 
-// A socket of the test in place of the server: keeps each datagram's bytes
-// and source port, and answers data packets as a server would (no pairs),
-// with `status` in the answer.
-class StandIn {
-public:
-    struct Got {
-        std::vector<uint8_t> bytes;
-        uint16_t from_port;
-    };
-
-    StandIn(const std::string& ip, uint32_t status) : m_status(status) {
-        uint16_t port = 0;
-        m_fd = zeph_peers::bound_socket(SOCK_DGRAM, ip, 0, port, nullptr);
-        m_port = port;
-        if (m_fd >= 0) m_thread = std::thread([this] { run(); });
-    }
-    ~StandIn() {
-        m_stop = true;
-        if (m_thread.joinable()) m_thread.join();
-        if (m_fd >= 0) close(m_fd);
-    }
-    bool ok() const { return m_fd >= 0; }
-    uint16_t port() const { return m_port; }
-    std::vector<Got> got() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_got;
-    }
-    size_t count() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_got.size();
-    }
-
-private:
-    void run() {
-        while (!m_stop) {
-            pollfd p{m_fd, POLLIN, 0};
-            if (poll(&p, 1, 10) <= 0) continue;
-            uint8_t buf[q::kRecvBufSize];
-            sockaddr_in from{};
-            socklen_t flen = sizeof from;
-            const ssize_t n = recvfrom(m_fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &flen);
-            if (n <= 0) continue;
-            {
-                std::lock_guard<std::mutex> lock(m_mutex);
-                m_got.push_back({std::vector<uint8_t>(buf, buf + n), ntohs(from.sin_port)});
-            }
-            const size_t len = size_t(n);
-            if (q::get_type(buf, len, false) != q::kTypeData) continue;
-            q::set_type(buf, len, false, q::kTypeDataResp);
-            q::set_time(buf, len, uint32_t(now_ms()));
-            q::set_pair_count(buf, len, 0);
-            q::set_status(buf, len, m_status);
-            sendto(m_fd, buf, len, 0, reinterpret_cast<sockaddr*>(&from), flen);
-        }
-    }
-
-    uint32_t m_status;
-    int m_fd = -1;
-    uint16_t m_port = 0;
-    std::atomic<bool> m_stop{false};
-    mutable std::mutex m_mutex;
-    std::vector<Got> m_got;
-    std::thread m_thread;
+// A socket of the test in place of the server: answers data packets as a
+// server would (no pairs), with `status` in the answer.
+struct StandIn : zeph_test::UdpStandIn {
+    StandIn(const std::string& ip, uint32_t status)
+        : UdpStandIn(ip, 0, [status](std::vector<uint8_t>& p, const Got&) {
+              return zeph_test::answer_quality_data(p, status);
+          }) {}
 };
 
 DetectPktStat stat_of(int32_t delay, int32_t s_jitter, int32_t r_jitter, int32_t s_loss, int32_t r_loss) {
@@ -424,19 +347,14 @@ TEST(MultiSite, RefusedStartsGiveTheirCodeAndNoCallback) {
     for (int i = 0; i < 11; ++i) eleven.push_back(site(ip, kServerPort, int16_t(i)));
     DetectSiteInfo long_token = site(ip, kServerPort, 1);
     long_token.auth_token.assign(q::kAuthTokenSize + 1, 't');
-    DetectSiteInfo full_token = site(ip, kServerPort, 1);
-    full_token.auth_token.assign(q::kAuthTokenSize, 't');
-    full_token.auth_para.assign(q::kAuthParaSize + 1, 'p');
     DetectSiteInfo no_port = site(ip, 0, 1);
     DetectSiteInfo no_para = site(ip, kServerPort, 1);
     no_para.auth_para.clear();
 
     EXPECT_EQ(zeph_detect_start_mult_site_client(eleven, on_result), uint32_t(DETECT_ERR_SITES_REFUSED));
     EXPECT_EQ(zeph_detect_start_mult_site_client({long_token}, on_result), uint32_t(DETECT_ERR_SITES_REFUSED));
-    EXPECT_EQ(zeph_detect_start_mult_site_client({full_token}, on_result), uint32_t(DETECT_ERR_SITES_REFUSED));
     EXPECT_EQ(zeph_detect_start_mult_site_client({site(ip, kServerPort, 1)}, nullptr),
               uint32_t(DETECT_ERR_BAD_ARGUMENT));
-    EXPECT_EQ(zeph_detect_start_mult_site_client({}, on_result), uint32_t(DETECT_ERR_BAD_ARGUMENT));
     EXPECT_EQ(zeph_detect_start_mult_site_client({no_port}, on_result), uint32_t(DETECT_ERR_BAD_ARGUMENT));
     // A site without parameter fails the token check even beside a good one.
     EXPECT_EQ(zeph_detect_start_mult_site_client({site(ip, kServerPort, 1), no_para}, on_result),

@@ -1,0 +1,77 @@
+// Peers of the quality detections, run by the test's own threads: our quality
+// server on an address of the test, and a UDP socket standing in for a server
+// that keeps every datagram it gets and answers what its callback makes of it.
+//
+//   QualityServerOn server("127.0.61.5");      // our server on :64000
+//   UdpStandIn fake("127.0.61.6", 0, [](std::vector<uint8_t>& p, const UdpStandIn::Got&) {
+//       return answer_quality_data(p, zeph::quality::kStatusOk);
+//   });
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+class DetectServer;
+
+namespace zeph_test {
+
+constexpr uint16_t kQualityServerPort = 64000;
+
+// Our quality server on ip:kQualityServerPort, stopped by the destructor.
+class QualityServerOn {
+public:
+    explicit QualityServerOn(const std::string& ip);
+    ~QualityServerOn();
+    bool ok() const { return m_started; }
+    DetectServer* operator->() const { return m_server; }
+
+private:
+    DetectServer* m_server = nullptr;
+    bool m_started = false;
+};
+
+// A UDP socket bound to ip:port (0: a free port). Its thread keeps each
+// datagram and hands a copy to `answer`, which turns it into the reply in
+// place (true: send it back to the sender).
+class UdpStandIn {
+public:
+    struct Got {
+        std::vector<uint8_t> bytes;
+        uint64_t at_ms;
+        uint32_t from_ip; // host order
+        uint16_t from_port;
+        size_t index;
+    };
+    using Answer = std::function<bool(std::vector<uint8_t>& reply, const Got& got)>;
+
+    UdpStandIn(const std::string& ip, uint16_t port, Answer answer);
+    ~UdpStandIn();
+    bool ok() const { return m_fd >= 0; }
+    uint16_t port() const { return m_port; }
+    std::vector<Got> got() const;
+    size_t count() const;
+
+private:
+    void run();
+
+    int m_fd = -1;
+    uint16_t m_port = 0;
+    Answer m_answer;
+    std::atomic<bool> m_stop{false};
+    mutable std::mutex m_mutex;
+    std::vector<Got> m_got;
+    std::thread m_thread;
+};
+
+// What our server does to a data packet, without the pairs, with `status`
+// in the answer. False for any other packet.
+bool answer_quality_data(std::vector<uint8_t>& p, uint32_t status);
+// An auth answer carrying `result`. False for any other packet.
+bool answer_quality_auth(std::vector<uint8_t>& p, uint32_t result);
+
+} // namespace zeph_test
