@@ -38,17 +38,8 @@ TEST(CliReach, BadArgumentsExitTwoWithOneLineAndHelpExitsZero) {
         {"reach", "--frobnicate", "127.0.0.1:80/udp"},
         seventeen,
     };
-    for (const auto& args : bad) {
-        ToolRun r = run_tool(args, 5000);
-        std::string cmd;
-        for (auto& a : args) cmd += " " + a;
-        EXPECT_EQ(r.code(), 2) << cmd << "\n" << r.what();
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << cmd << "\n" << r.what();
-        EXPECT_TRUE(r.out.empty()) << cmd << "\n" << r.what();
-    }
-    ToolRun h = run_tool({"reach", "--help"}, 5000);
-    EXPECT_EQ(h.code(), 0) << h.what();
-    EXPECT_EQ(h.out.rfind("usage: zeph-nettools reach", 0), 0u) << h.out;
+    expect_usage_errors(bad);
+    expect_help("reach");
 }
 
 TEST(CliReach, JsonRowsCarryTheRecordAndTheTableTellsOpenFromClosed) {

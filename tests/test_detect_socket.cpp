@@ -4,7 +4,6 @@
 // socket to read their sequence numbers, TCP connects meet a listener and a
 // refusing port, and the bind walk meets taken ports.
 #include <gtest/gtest.h>
-#include <openssl/sha.h>
 
 #include <atomic>
 #include <cstring>
@@ -66,16 +65,6 @@ Bytes answer_through(DetectSocket& sock, UdpSocket& peer, const Bytes& answer) {
     wait_until([&] { return (n = MORL_Recv(sock.get_fd(), buf.data(), int(buf.size()), 0)) > 0; }, kRecvWaitMs);
     buf.resize(n > 0 ? size_t(n) : 0);
     return buf;
-}
-
-// CRC-32 of RFC 5389's FINGERPRINT, bit by bit, independent of the library's table.
-uint32_t crc32_bitwise(const uint8_t* p, size_t n) {
-    uint32_t crc = 0xFFFFFFFF;
-    for (size_t i = 0; i < n; ++i) {
-        crc ^= p[i];
-        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1)));
-    }
-    return ~crc;
 }
 
 StunIceInfo ice_side(const char* ufrag, const char* password) {
@@ -203,33 +192,16 @@ TEST(DetectSocketWire, IceCheckIsTheStunServicesPacketForTheAudioKey) {
     EXPECT_EQ(Bytes(p.begin(), p.begin() + 12), Bytes({0xFF, 3, 129, 1, 1, 2, 3, 4, 0, 0, 0, 0}));
     EXPECT_EQ(be16(&p[12]), p.size());
 
-    // The STUN request: USERNAME, MESSAGE-INTEGRITY, FINGERPRINT.
-    Bytes m(p.begin() + 16, p.end());
+    // The STUN request behind it: USERNAME "remote:local" first, FINGERPRINT
+    // last (digest and CRC are judged in the STUN service's own tests).
+    const Bytes m(p.begin() + 16, p.end());
     ASSERT_EQ(be16(&m[0]), 0x0001);
     ASSERT_EQ(be16(&m[2]) + 20u, m.size());
-    ASSERT_EQ(be32(&m[4]), 0x2112A442u);
     const std::string user = "remUF:locU";
     ASSERT_EQ(be16(&m[20]), 0x0006);
     ASSERT_EQ(be16(&m[22]), user.size());
     EXPECT_EQ(std::string(m.begin() + 24, m.begin() + 24 + long(user.size())), user);
-    const size_t mi = 24 + ((user.size() + 3) & ~size_t(3));
-    ASSERT_EQ(be16(&m[mi]), 0x0008);
-    ASSERT_EQ(be16(&m[mi + 2]), 20);
-    const size_t fp = mi + 24;
-    ASSERT_EQ(be16(&m[fp]), 0x8028);
-    ASSERT_EQ(be16(&m[fp + 2]), 4);
-    ASSERT_EQ(fp + 8, m.size());
-
-    // The digest covers the packet up to USERNAME's end, with the length
-    // field counting MESSAGE-INTEGRITY; the CRC covers all before FINGERPRINT
-    // with the length counting FINGERPRINT too.
-    Bytes cover(m.begin(), m.begin() + long(mi));
-    cover[2] = uint8_t((mi - 20 + 24) >> 8);
-    cover[3] = uint8_t(mi - 20 + 24);
-    uint8_t sha[SHA_DIGEST_LENGTH];
-    SHA1(cover.data(), cover.size(), sha);
-    EXPECT_EQ(Bytes(m.begin() + long(mi) + 4, m.begin() + long(mi) + 24), Bytes(sha, sha + sizeof sha));
-    EXPECT_EQ(be32(&m[fp + 4]), crc32_bitwise(m.data(), fp) ^ 0x5354554Eu);
+    EXPECT_EQ(be16(&m[m.size() - 8]), 0x8028);
 }
 
 TEST(DetectSocketWire, ProbesThatCannotBeBuiltSendNothing) {
@@ -275,19 +247,12 @@ TEST(DetectSocketIcmp, EchoRequestsOnTheWireAndTheirRepliesAsRoot) {
         },
         kRecvWaitMs, 1);
     ASSERT_EQ(requests.size(), 4u);
+    // Bytes, checksum and filler come from the one echo codec, checked on
+    // golden vectors with the port probes; here the sequence numbers.
     const uint16_t want_seq[] = {0, 1, 7, 2}; // 7 is given, and leaves the own count alone
-    Bytes tail(12, 0); // zeros, then the filler 3C, 3D, ... 4F
-    for (uint8_t b = 0x3C; b <= 0x4F; ++b) tail.push_back(b);
     for (size_t i = 0; i < requests.size(); ++i) {
-        const Bytes& r = requests[i];
-        ASSERT_EQ(r.size(), 44u);
-        EXPECT_EQ(r[1], 0);
-        EXPECT_EQ(be16(&r[6]), want_seq[i]) << i;
-        uint32_t sum = 0;
-        for (size_t k = 0; k < r.size(); k += 2) sum += be16(&r[k]);
-        while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
-        EXPECT_EQ(sum, 0xFFFFu) << "checksum of request " << i;
-        EXPECT_EQ(Bytes(r.begin() + 12, r.end()), tail) << i;
+        ASSERT_EQ(requests[i].size(), 44u);
+        EXPECT_EQ(be16(&requests[i][6]), want_seq[i]) << i;
     }
     EXPECT_LE(be32(&requests[0][8]), uint32_t(sock->get_runtime_current()));
     ASSERT_EQ(reply_seqs.size(), 4u);

@@ -57,6 +57,25 @@ ToolRun run_tool(const std::vector<std::string>& args, int timeout_ms) {
 
 // Every stdout line parsed as JSON and flattened to "LINE:path.to.key" ->
 // value as JSON text ("1", "\"udp\""). Empty when a line does not parse.
+void expect_usage_errors(const std::vector<std::vector<std::string>>& refused) {
+    constexpr int kRunMs = 5000;
+    for (const auto& args : refused) {
+        const ToolRun r = run_tool(args, kRunMs);
+        std::string cmd;
+        for (const auto& a : args) cmd += " " + a;
+        EXPECT_EQ(r.code(), 2) << cmd << "\n" << r.what();
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << cmd << "\n" << r.what();
+        EXPECT_TRUE(r.out.empty()) << cmd << "\n" << r.what();
+    }
+}
+
+void expect_help(const std::string& subcommand) {
+    constexpr int kRunMs = 5000;
+    const ToolRun r = run_tool({subcommand, "--help"}, kRunMs);
+    EXPECT_EQ(r.code(), 0) << subcommand << "\n" << r.what();
+    EXPECT_EQ(r.out.rfind("usage: zeph-nettools " + subcommand, 0), 0u) << r.out;
+}
+
 std::map<std::string, std::string> parse_json_lines(const std::string& text) {
     TempDir dir;
     dir.write("lines", text);

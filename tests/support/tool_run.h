@@ -26,6 +26,11 @@ struct ToolRun {
 // when stdout last grew.
 ToolRun run_tool(const std::vector<std::string>& args, int timeout_ms);
 
+// Each run of `refused` exits 2 with one line on stderr and nothing on
+// stdout; `subcommand --help` exits 0 with its usage on stdout.
+void expect_usage_errors(const std::vector<std::vector<std::string>>& refused);
+void expect_help(const std::string& subcommand);
+
 // Every stdout line parsed as JSON and flattened to "LINE:path.to.key" ->
 // value as JSON text ("1", "\"udp\"", "null"). Empty, with a test failure,
 // when a line does not parse.
