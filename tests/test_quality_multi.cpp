@@ -144,6 +144,7 @@ TEST_P(SiteBudget, EverySiteStreamsItsShareFromASocketOfItsOwn) {
     // Per client port: packets, their length, level, type, session, token.
     std::map<uint16_t, std::set<uint32_t>> per_port; // the sequence numbers heard
     std::map<uint16_t, std::set<uint32_t>> sessions;
+    std::map<uint16_t, std::string> token_of; // from each port's first packet
     const uint32_t per_site = q::level_row(c.level).pkts_per_sec * kStreamSeconds;
     for (const StandIn::Got& g : server.got()) {
         const uint8_t* p = g.bytes.data();
@@ -154,6 +155,7 @@ TEST_P(SiteBudget, EverySiteStreamsItsShareFromASocketOfItsOwn) {
         EXPECT_LT(q::get_seq(p, n), per_site);
         per_port[g.from_port].insert(q::get_seq(p, n));
         sessions[g.from_port].insert(q::get_session(p, n, false));
+        token_of.emplace(g.from_port, std::string(reinterpret_cast<const char*>(&p[q::kOffAuthToken]), 9));
     }
     ASSERT_EQ(per_port.size(), c.sites);
     std::set<uint32_t> all_sessions;
@@ -165,14 +167,7 @@ TEST_P(SiteBudget, EverySiteStreamsItsShareFromASocketOfItsOwn) {
     }
     EXPECT_EQ(all_sessions.size(), c.sites) << "each site has its own session";
 
-    // Each site's own token went out: the first packet of each port names
-    // the site in its order of ports.
-    const auto first = server.got();
-    std::map<uint16_t, std::string> token_of;
-    for (const StandIn::Got& g : first) {
-        if (token_of.count(g.from_port)) continue;
-        token_of[g.from_port] = std::string(reinterpret_cast<const char*>(&g.bytes[q::kOffAuthToken]), 9);
-    }
+    // Each site's own token went out.
     std::set<std::string> tokens;
     for (auto& kv : token_of) tokens.insert(kv.second);
     EXPECT_EQ(tokens.size(), c.sites);
