@@ -14,6 +14,10 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -45,6 +49,27 @@ bool WaitBody(const MediaSession& s, uint32_t type, const Bytes& body, int timeo
         timeoutMs);
 }
 
+// CPU time (clock ticks) of this process's thread of that name so far, or -1.
+long ThreadCpuTicks(const std::string& name)
+{
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm");
+        std::string line;
+        if (!std::getline(comm, line) || line != name.substr(0, 15)) continue;
+        std::ifstream stat(task.path() / "stat");
+        std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+        std::istringstream fields(text.substr(text.rfind(')') + 2));
+        std::string field;
+        long utime = 0, stime = 0;
+        for (int i = 3; i <= 15 && fields >> field; ++i) {
+            if (i == 14) utime = std::stol(field);
+            if (i == 15) stime = std::stol(field);
+        }
+        return utime + stime;
+    }
+    return -1;
+}
+
 TEST(MediaRecovery, LostChannelComesBackAtMostOncePerFiveSeconds)
 {
     MediaPeer peer;
@@ -64,8 +89,15 @@ TEST(MediaRecovery, LostChannelComesBackAtMostOncePerFiveSeconds)
     ASSERT_TRUE(WaitBody(s, kVideo, Body(50, 2)));
 
     // Dropped again right away: refused until five seconds have passed.
+    // Meanwhile the hung-up socket stays in its record, and the receive
+    // thread must not spin on it.
+    const long cpuBefore = ThreadCpuTicks("TCPSocketRecvThread");
+    ASSERT_GE(cpuBefore, 0);
     ASSERT_TRUE(peer.closeNow(1));
     ASSERT_TRUE(wait_until([&] { return peer.accepted() == 3; }, 8000));
+    const long ticksPerSecond = sysconf(_SC_CLK_TCK);
+    EXPECT_LT(ThreadCpuTicks("TCPSocketRecvThread") - cpuBefore, ticksPerSecond / 2)
+        << "the receive thread's CPU over the five seconds";
     const uint64_t gap = now_ms() - firstRepair;
     EXPECT_GE(gap, 4900u);
     EXPECT_LE(gap, 6500u);

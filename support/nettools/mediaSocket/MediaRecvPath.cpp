@@ -7,6 +7,11 @@
 // tells it that the poll records changed, a socket waits to be released or
 // the session stops, or a deadline of its own comes: the next report of
 // dirty bytes. With the literal loop it polls every 10 ms instead.
+//
+// A socket whose failure was reported but that the repair code left in
+// place (a repair is allowed once per time limit) would report its hang-up
+// on every poll and keep the thread spinning: it rests, out of the poll,
+// and is reported again when its rest is over.
 #include "mediaSocket/MediaSocket.h"
 
 #include <algorithm>
@@ -27,6 +32,15 @@ constexpr uint32_t kAllUnusedSleepMs = 100;
 // The wake's record follows the sockets' in the poll.
 constexpr size_t kWakeRecord = kMediaFdCount;
 constexpr size_t kRecvPollRecords = kMediaFdCount + 1;
+// How long a failed socket left in place stays out of the poll.
+constexpr uint64_t kFailedSocketRestMs = 100;
+
+// A poll record's socket that failed and was left in place, and until when
+// it rests.
+struct Resting {
+    int32_t sock = MORL_INVALID_SOCKET;
+    uint64_t until = 0;
+};
 
 } // namespace
 
@@ -68,6 +82,14 @@ void MediaSocket::SocketRecvThread()
     MEDIA_LOGI << "SocketRecvThread enter. session id: " << sessionId;
     MORL_PthreadSetName("TCPSocketRecvThread");
     uint8_t buffer[kRecvReadSize];
+    Resting resting[kMediaFdCount];
+    // After a failure report: if the repair code left the socket in its
+    // record, it rests rather than report the same hang-up at once again.
+    auto restIfLeftInPlace = [&](size_t i, int32_t sock) {
+        if (UnpackFd(fds[i].load()).fd == sock) {
+            resting[i] = Resting{sock, NowMs() + kFailedSocketRestMs};
+        }
+    };
     while (recvRunning) {
         const bool literal = LiteralLoops() || recvWake == MORL_INVALID_WAKE;
         // Sockets closed since the last round are released only now, before
@@ -83,7 +105,20 @@ void MediaSocket::SocketRecvThread()
             local[i].revents = 0;
         }
         local[kWakeRecord] = MORL_PollFd{literal ? MORL_INVALID_WAKE : recvWake, kPollReadEvents, 0};
-        const int timeout = literal ? kRecvPollTimeoutMs : RecvPollTimeout();
+        int timeout = literal ? kRecvPollTimeoutMs : RecvPollTimeout();
+        const uint64_t restNow = NowMs();
+        for (size_t i = 0; i < kMediaFdCount; ++i) {
+            if (resting[i].sock == MORL_INVALID_SOCKET) {
+                continue;
+            }
+            if (resting[i].sock != local[i].fd || resting[i].until <= restNow) {
+                resting[i] = Resting{}; // replaced, or its rest is over
+                continue;
+            }
+            local[i].fd = MORL_INVALID_SOCKET;
+            const int left = static_cast<int>(resting[i].until - restNow);
+            timeout = timeout == kPollForever ? left : std::min(timeout, left);
+        }
         int nready = MORL_Poll(local, kRecvPollRecords, timeout);
         FlushDirtyData();
         if (nready > 0 && local[kWakeRecord].revents != 0) {
@@ -125,9 +160,11 @@ void MediaSocket::SocketRecvThread()
                 }
                 ++recvErrCount;
                 OnRecvFailed(sock, revents, n, socketError);
+                restIfLeftInPlace(i, sock);
             } else if ((revents & MORL_POLLHUP) != 0) {
                 const int n = MORL_Recv(sock, buffer, kRecvReadSize, 0);
                 OnRecvFailed(sock, revents, n, MORL_GetLastSocketErr());
+                restIfLeftInPlace(i, sock);
             } else if (revents != 0) {
                 if (errCount.fetch_add(1) % kLogEveryCount == 0) {
                     MEDIA_LOGW << "recv poll failed, session id: " << sessionId << ", revents: " << revents

@@ -391,9 +391,15 @@ int32_t MediaSocket::CheckDirtyData(const std::shared_ptr<SockChannel>& ch)
             }
         }
     }
-    ch->dirtyBytesUntold += len;
+    const uint64_t heldBefore = ch->dirtyBytesUntold.fetch_add(len);
     dirtyUntold = true;
     TellDirtyData(ch);
+    if (heldBefore == 0 && ch->dirtyBytesUntold != 0) {
+        // The channel starts holding bytes back: that sets a deadline for
+        // the receive thread, which may be asleep without one (the bytes
+        // may have come in on another thread).
+        WakeRecvThread();
+    }
     return 0;
 }
 
