@@ -10,7 +10,7 @@ bash scripts/setup-debian.sh
 JOBS=$(nproc)
 # Most tests wait on the library's long timers, not on the CPU.
 CTEST_JOBS=${CTEST_JOBS:-$((JOBS * 4))}
-FUZZ_SECONDS=${FUZZ_SECONDS:-30}
+FUZZ_SECONDS=${FUZZ_SECONDS:-10}
 LAUNCHER=()
 command -v ccache >/dev/null && LAUNCHER=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 
@@ -32,7 +32,7 @@ LD_LIBRARY_PATH="$PWD/build/install/lib" build/embed/embed_check
 export PKG_CONFIG_PATH="$PWD/build/install/lib/pkgconfig"
 cc tests/embed/main.c -o build/embed/embed_check_pc $(pkg-config --cflags --libs zeph_nettools)
 LD_LIBRARY_PATH="$PWD/build/install/lib" build/embed/embed_check_pc
-for prog in zeph-nettools zeph-media-peer zeph-udp-relay; do
+for prog in zeph-nettools zeph-media-peer zeph-udp-relay zeph-quality-server; do
   LD_LIBRARY_PATH="$PWD/build/install/lib" "build/install/bin/$prog" --version
 done
 
