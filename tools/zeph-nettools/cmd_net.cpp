@@ -43,17 +43,6 @@ const char kNetHelp[] =
 constexpr int kSingleDeadlineS = 15;
 constexpr int kPlanDeadlineS = 40;
 
-std::vector<std::string> split_commas(const std::string& s) {
-    std::vector<std::string> parts;
-    size_t start = 0;
-    for (;;) {
-        auto c = s.find(',', start);
-        parts.push_back(s.substr(start, c == std::string::npos ? std::string::npos : c - start));
-        if (c == std::string::npos) return parts;
-        start = c + 1;
-    }
-}
-
 // What each level of the plan measures, for the table.
 std::string plan_what(uint32_t level, const std::vector<std::string>& s) {
     auto name = [&](size_t i) { return s[i].empty() ? std::string("(none)") : s[i]; };

@@ -46,17 +46,6 @@ constexpr size_t kServers = 6;
 constexpr size_t kNameMax = 253;
 constexpr int kDeadlineS = 15;
 
-std::vector<std::string> split_commas(const std::string& s) {
-    std::vector<std::string> parts;
-    size_t start = 0;
-    for (;;) {
-        auto c = s.find(',', start);
-        parts.push_back(s.substr(start, c == std::string::npos ? std::string::npos : c - start));
-        if (c == std::string::npos) return parts;
-        start = c + 1;
-    }
-}
-
 // A host name or dotted address: letters, digits, '-' and '.', at most 253.
 bool valid_name(const std::string& s) {
     if (s.size() > kNameMax) return false;

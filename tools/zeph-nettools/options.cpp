@@ -31,6 +31,17 @@ bool parse_port(const std::string& v, uint16_t& out) {
     return true;
 }
 
+std::vector<std::string> split_commas(const std::string& s) {
+    std::vector<std::string> parts;
+    size_t start = 0;
+    for (;;) {
+        auto c = s.find(',', start);
+        parts.push_back(s.substr(start, c == std::string::npos ? std::string::npos : c - start));
+        if (c == std::string::npos) return parts;
+        start = c + 1;
+    }
+}
+
 namespace {
 
 const char kProxyForms[] = "HOST:PORT[,USER:PASS] or http://[USER:PASS@]HOST:PORT";

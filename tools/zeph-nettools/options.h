@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace cli {
 
@@ -13,6 +14,8 @@ namespace cli {
 bool parse_uint(const std::string& v, uint64_t lo, uint64_t hi, uint64_t& out, int base = 10);
 // A port, 1..65535, digits only.
 bool parse_port(const std::string& v, uint16_t& out);
+// The parts between commas, empty ones included ("a,,b" is three).
+std::vector<std::string> split_commas(const std::string& s);
 
 struct CommonOptions {
     bool json = false;

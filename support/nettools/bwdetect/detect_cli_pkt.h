@@ -60,6 +60,11 @@ constexpr int32_t kStatAllLost = 1000;  // loss rate of a second with no answer
 // The record a reader gets before a stream has produced one.
 DetectPktStat detect_pkt_stat_worst();
 
+// A stream's figures as a caller's result record: index, score, and the
+// stream's delay, jitter and loss (averages and maxima) and longest runs of
+// loss; `is_pre` 0.
+DetectQosResult detect_qos_result(int16_t index, int32_t score, const DetectPktStat& s);
+
 // Reduces the `count` records of one second into `s`. `s.c_s_loss_pkt` and
 // `s.c_r_loss_pkt` come in as the open loss runs of the second before and go
 // out as those of this one. Answers 1 when the second holds no sent record

@@ -34,20 +34,6 @@ constexpr uint32_t kEndGapMs = 10;
 constexpr uint32_t kCloseDelayMs = 10;
 constexpr uint32_t kMaxPort = 65535;
 
-void copy_stat(DetectQosResult& r, const DetectPktStat& s) {
-    r.a_delay = s.avg_delay;
-    r.m_delay = s.max_delay;
-    r.a_s_jitter = s.avg_s_jitter;
-    r.m_s_jitter = s.max_s_jitter;
-    r.a_r_jitter = s.avg_r_jitter;
-    r.m_r_jitter = s.max_r_jitter;
-    r.a_s_loss = s.avg_s_loss_rate;
-    r.m_s_loss = s.max_s_loss_rate;
-    r.a_r_loss = s.avg_r_loss_rate;
-    r.m_r_loss = s.max_r_loss_rate;
-    r.max_s_cont_loss_num = s.max_s_cont_loss_num;
-    r.max_r_cont_loss_num = s.max_r_cont_loss_num;
-}
 
 } // namespace
 
@@ -224,8 +210,7 @@ void DetectClient::client_send_thread() {
         }
         set_state(DETECT_STATE_END);
 
-        DetectQosResult result = {};
-        copy_stat(result, ex->get_stat());
+        const DetectQosResult result = detect_qos_result(0, 0, ex->get_stat());
         const int32_t code = ex->get_state() == DETECT_STATE_FAILED ? DETECT_ERR_TOKEN_REFUSED : 0;
         m_callback(0, code, 0, std::vector<DetectQosResult>{result});
     }

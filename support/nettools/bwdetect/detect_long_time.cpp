@@ -30,25 +30,6 @@ constexpr uint32_t kStatFinWaits = 300;
 constexpr uint32_t kCloseDelayMs = 10;
 constexpr uint32_t kAddrTextSize = 32;
 
-DetectQosResult result_of(int16_t index, int32_t score, const DetectPktStat& s) {
-    DetectQosResult r = {};
-    r.index = index;
-    r.score = score;
-    r.is_pre = 0;
-    r.a_delay = s.avg_delay;
-    r.m_delay = s.max_delay;
-    r.a_s_jitter = s.avg_s_jitter;
-    r.m_s_jitter = s.max_s_jitter;
-    r.a_r_jitter = s.avg_r_jitter;
-    r.m_r_jitter = s.max_r_jitter;
-    r.a_s_loss = s.avg_s_loss_rate;
-    r.m_s_loss = s.max_s_loss_rate;
-    r.a_r_loss = s.avg_r_loss_rate;
-    r.m_r_loss = s.max_r_loss_rate;
-    r.max_s_cont_loss_num = s.max_s_cont_loss_num;
-    r.max_r_cont_loss_num = s.max_r_cont_loss_num;
-    return r;
-}
 
 } // namespace
 
@@ -191,7 +172,7 @@ void DetectSiteLongTime::notify_detect_result(uint32_t no) {
     else
         score = scorer->get_qos_score(stat, m_site.delaybase);
     NT_LOGI("score = %d", score);
-    m_callback(0, 0, 0, std::vector<DetectQosResult>{result_of(static_cast<int16_t>(no), score, stat)});
+    m_callback(0, 0, 0, std::vector<DetectQosResult>{detect_qos_result(static_cast<int16_t>(no), score, stat)});
 }
 
 void DetectSiteLongTime::client_send_thread() {

@@ -27,25 +27,6 @@ constexpr size_t kAddrText = 16;
 
 uint32_t ptr_bits(const void* p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p)); }
 
-DetectQosResult result_of(const DetectSiteInfo& site, const DetectPktStat& s, int32_t score) {
-    DetectQosResult r = {};
-    r.index = site.index;
-    r.score = score;
-    r.is_pre = 0;
-    r.a_delay = s.avg_delay;
-    r.m_delay = s.max_delay;
-    r.a_s_jitter = s.avg_s_jitter;
-    r.m_s_jitter = s.max_s_jitter;
-    r.a_r_jitter = s.avg_r_jitter;
-    r.m_r_jitter = s.max_r_jitter;
-    r.a_s_loss = s.avg_s_loss_rate;
-    r.m_s_loss = s.max_s_loss_rate;
-    r.a_r_loss = s.avg_r_loss_rate;
-    r.m_r_loss = s.max_r_loss_rate;
-    r.max_s_cont_loss_num = s.max_s_cont_loss_num;
-    r.max_r_cont_loss_num = s.max_r_cont_loss_num;
-    return r;
-}
 
 } // namespace
 
@@ -240,7 +221,7 @@ void DetectClientMultiSite::notify_detect_result() {
             best_score = score;
             best = no;
         }
-        results.push_back(result_of(site, stat, score));
+        results.push_back(detect_qos_result(site.index, score, stat));
     }
     if (results.empty()) return;
     results[best].is_pre = 1;

@@ -284,3 +284,23 @@ void qos_stat_all(DetectPktStat& result, const DetectPktRecord* table, int total
     result.avg_s_loss_rate = static_cast<int32_t>(s_loss_sum / with_data);
     result.avg_r_loss_rate = static_cast<int32_t>(r_loss_sum / with_data);
 }
+
+DetectQosResult detect_qos_result(int16_t index, int32_t score, const DetectPktStat& s) {
+    DetectQosResult r = {};
+    r.index = index;
+    r.score = score;
+    r.is_pre = 0;
+    r.a_delay = s.avg_delay;
+    r.m_delay = s.max_delay;
+    r.a_s_jitter = s.avg_s_jitter;
+    r.m_s_jitter = s.max_s_jitter;
+    r.a_r_jitter = s.avg_r_jitter;
+    r.m_r_jitter = s.max_r_jitter;
+    r.a_s_loss = s.avg_s_loss_rate;
+    r.m_s_loss = s.max_s_loss_rate;
+    r.a_r_loss = s.avg_r_loss_rate;
+    r.m_r_loss = s.max_r_loss_rate;
+    r.max_s_cont_loss_num = s.max_s_cont_loss_num;
+    r.max_r_cont_loss_num = s.max_r_cont_loss_num;
+    return r;
+}
