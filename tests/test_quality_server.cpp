@@ -179,7 +179,8 @@ TEST_F(QualityServerTest, InvalidPacketsGetNoAnswer) {
     bad.push_back(Packet(1, 1, 9));
     bad.back()[15] ^= 1; // cookie
     bad.push_back(Packet(1, 0x80000000u, 9)); // negative seq
-    bad.push_back(Packet(1, 1, 9, 31));       // head cut short
+    bad.push_back(Packet(1, 1, 9));
+    bad.back().resize(31); // head cut short
     bad.push_back({});                        // empty datagram
     for (const auto& p : bad) {
         const std::vector<uint8_t> r = Exchange(client, p, kSilenceWaitMs);

@@ -275,6 +275,32 @@ int32_t MediaSocket::MediaCreateChannel(uint32_t mediaType, const std::string& a
     }
     info->SetServer(address, port, domain);
 
+    // With no connection kept, what the send ring holds was meant for
+    // connections that are gone: those bytes, and only those, are dropped
+    // once a new connection stands. A packet accepted after that moment is
+    // fresh, and the send thread leaves the ring alone meanwhile.
+    const auto staleRing = kept ? nullptr : info->GetSendBuffer();
+    int32_t staleBytes = 0;
+    if (staleRing) {
+        std::lock_guard<std::mutex> g(info->mutex);
+        staleBytes = staleRing->GetUsedSize();
+    }
+    struct SendHold {
+        SocketInfo& info;
+        MediaSocket& owner;
+        const bool on;
+        ~SendHold()
+        {
+            if (on) {
+                info.holdSend = false;
+                owner.WakeSendThread();
+            }
+        }
+    } hold{*info, *this, staleBytes > 0};
+    if (hold.on) {
+        info->holdSend = true;
+    }
+
     // All channels connect at once; each thread touches only its channel.
     std::vector<std::thread> connects;
     for (const auto& ch : toConnect) {
@@ -324,11 +350,10 @@ int32_t MediaSocket::MediaCreateChannel(uint32_t mediaType, const std::string& a
     // What was queued for the old connections is stale now, unless a
     // connection it was meant for is still there to carry it. A channel
     // connected anew drops what its ring held before its first new bytes.
-    auto ring = info->GetSendBuffer();
-    if (!kept && ring && ring->GetUsedSize() > 0) {
+    if (staleBytes > 0 && info->GetSendBuffer() == staleRing) {
         {
             std::lock_guard<std::mutex> g(info->mutex);
-            ring->Clear();
+            staleRing->Skip(staleBytes);
         }
         DoEventCallback(info, MediaEventInfo{ZEPH_MEDIA_EVENT_RING_FLUSHED, 0});
     }

@@ -300,7 +300,8 @@ MediaSocket::TakeResult MediaSocket::TakePackets(const std::shared_ptr<SocketInf
     int32_t taken = 0;
     bool any = false;
     while (true) {
-        const auto ch = info->AnyConnected() ? NextSendChannel(info) : nullptr;
+        const bool open = info->AnyConnected() && !info->holdSend.load(std::memory_order_acquire);
+        const auto ch = open ? NextSendChannel(info) : nullptr;
         if (!ch) {
             return any ? TakeResult::Taken : TakeResult::NoChannel;
         }

@@ -132,6 +132,9 @@ public:
     std::atomic<int32_t> reCreateChannelCount{0};
     std::atomic<uint64_t> lastReCreateTime{0};
     std::atomic<MediaRecvCallback> recvCallback{nullptr};
+    // Set while a connect of every channel runs with stale bytes in the send
+    // ring: the send thread leaves the ring alone until they are dropped.
+    std::atomic<bool> holdSend{false};
     // Receive thread only.
     SortBuffers sortBuffers;
     // Send thread only.
