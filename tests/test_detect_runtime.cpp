@@ -3,6 +3,7 @@
 // descriptor reuse, many detections at once, and a stop from inside an
 // event. Runs on the test's thread; the runtime's threads call back.
 #include <dirent.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,6 +12,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <fcntl.h>
 
 #include <gtest/gtest.h>
 
@@ -292,7 +295,9 @@ TEST_F(Runtime, LateFreeLeavesTheEntryOfAReusedDescriptor) {
     const int32_t fd = sock_a->get_fd();
     ASSERT_EQ(0u, post_free_sockets(a.get(), &fd, 1));
     ASSERT_TRUE(wait_until([&] { return g_net_tools_msg.table_size() == 0; }, 3000));
-    sock_a.reset(); // descriptor closed, its number free again
+    sock_a.reset(); // the last holder closes the descriptor: its number is free again
+    // (the receive thread may hold the socket for the rest of its pass)
+    ASSERT_TRUE(wait_until([&] { return ::fcntl(fd, F_GETFD) == -1; }, 3000)) << "descriptor " << fd << " stays open";
 
     // B opens sockets until one gets the number again.
     std::vector<std::shared_ptr<DetectSocket>> others;

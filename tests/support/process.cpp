@@ -82,7 +82,17 @@ bool Process::start(const std::vector<std::string>& argv)
         fail(&error_, "cannot start a process: no program or no temporary folder");
         return false;
     }
+    // The child is killed when this process dies, so that a test that
+    // aborts (a sanitizer's report, a crash) leaves no server behind to
+    // hold its fixed port: setpriv sets that and then becomes the program,
+    // keeping its process id.
+    static const std::vector<std::string> kDieWithParent = {"/usr/bin/setpriv", "--pdeathsig", "KILL", "--"};
     std::vector<char*> args;
+    if (::access(kDieWithParent[0].c_str(), X_OK) == 0) {
+        for (const std::string& a : kDieWithParent) {
+            args.push_back(const_cast<char*>(a.c_str()));
+        }
+    }
     for (const std::string& a : argv) {
         args.push_back(const_cast<char*>(a.c_str()));
     }

@@ -83,7 +83,9 @@ struct Inbox {
     std::condition_variable cv;
     std::deque<std::pair<Clock::time_point, DetectQosResult>> reports;
 };
-Inbox g_inbox;
+// Never destroyed: a stream's thread may still report while the process
+// exits after Ctrl-C.
+Inbox& g_inbox = *new Inbox;
 
 void on_report(int32_t, int32_t, int32_t, std::vector<DetectQosResult> results) {
     const auto at = Clock::now();

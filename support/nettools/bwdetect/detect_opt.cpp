@@ -56,6 +56,7 @@ uint32_t DetectOptMultiSite::now_ms() { return nt_stored_time(static_cast<uint64
 
 uint32_t DetectOptMultiSite::start(const std::vector<OptSiteInfo>& sites, DetectOptNotify notify,
                                    std::shared_ptr<DetectOptMultiSite> self) {
+    std::lock_guard<std::mutex> barrier(m_start_mutex);
     m_notify = notify;
     m_self = std::move(self);
     for (const OptSiteInfo& info : sites) {
@@ -143,7 +144,10 @@ void DetectOptMultiSite::stop_dns() {
     for (; m_dns_groups > 0; --m_dns_groups) g_asyn_dns.stop_asyn_dns(this);
 }
 
+void DetectOptMultiSite::pass_start_barrier() { std::lock_guard<std::mutex> barrier(m_start_mutex); }
+
 void DetectOptMultiSite::recv_dns(const char* host, uint32_t addr) {
+    pass_start_barrier();
     NT_LOGD("host(%s)addr(0x%x)", host != nullptr ? host : "null", addr);
     if (host == nullptr || addr == 0) {
         NT_LOGE("para is invalid");
@@ -295,6 +299,7 @@ OptSiteInfo DetectOptMultiSite::site_record(const OptSite& site) const {
 
 void DetectOptMultiSite::recv_pkt(const uint8_t* data, uint32_t len, std::shared_ptr<DetectSocket> sock,
                                   std::shared_ptr<DetectBase> detect) {
+    pass_start_barrier();
     (void)data;
     (void)len;
     (void)detect;
@@ -337,6 +342,7 @@ void DetectOptMultiSite::recv_pkt(const uint8_t* data, uint32_t len, std::shared
 }
 
 void DetectOptMultiSite::recv_timeout(uint64_t timer) {
+    pass_start_barrier();
     if (timer != 0 && timer == m_finish_timer) {
         if (m_detect_status == OPT_STATUS_DNS) {
             // The name phase is over: what resolved takes part.
