@@ -80,6 +80,7 @@ constexpr size_t kMaxRttSamples = 200000;
 // silence ends the wait early (a sink peer sends nothing back).
 constexpr auto kDrainMax = std::chrono::seconds(3);
 constexpr auto kDrainQuiet = std::chrono::milliseconds(500);
+constexpr auto kCountersSettleMax = std::chrono::milliseconds(500);
 
 uint64_t steady_ns() {
     return uint64_t(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count());
@@ -337,7 +338,19 @@ int run_media_session(const std::string& cmd, const MediaPlan& plan, bool json, 
         }
     }
 
-    for (StreamRun& r : runs) r.statsRc = MORL_MediaGetStats(plan.session, r.stream.mediaType, &r.stats);
+    // The send thread counts a packet once its send call has returned, which
+    // can be after the peer's echo is back: give the counters a moment to
+    // catch up with what was queued.
+    const auto settleEnd = Clock::now() + kCountersSettleMax;
+    for (;;) {
+        bool settled = true;
+        for (StreamRun& r : runs) {
+            r.statsRc = MORL_MediaGetStats(plan.session, r.stream.mediaType, &r.stats);
+            settled &= r.statsRc != 0 || r.stats.sendCount >= r.stats.send.SuccessCount;
+        }
+        if (settled || Clock::now() >= settleEnd) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     close_all();
     {
         std::lock_guard<std::mutex> lock(t.mu);
