@@ -130,7 +130,7 @@ TEST_F(DnsModule, EachRequestGetsOneAnswerWithItsNameOnTheResolverThread) {
 TEST_F(DnsModule, LiteralIsAnsweredWithoutAQuestionAndBadServerTextChangesNothing) {
     dns_.add("a.zeph.test", DnsResponder::address("10.1.2.3"));
     for (const char* bad : {"127.0.0.1:0", "127.0.0.1:65536", "127.0.0.1,", "localhost:53", " 127.0.0.1",
-                            "1.1.1.1,1.1.1.2,1.1.1.3,1.1.1.4,1.1.1.5,1.1.1.6,1.1.1.7,1.1.1.8,1.1.1.9"}) {
+                            "127.0.0.1,127.0.0.2,127.0.0.3,127.0.0.4,127.0.0.5,127.0.0.6,127.0.0.7,127.0.0.8,127.0.0.9"}) {
         EXPECT_EQ(zeph_settings_set_dns_servers(bad), -1) << bad;
     }
     EXPECT_EQ(resolve("192.0.2.7", 1), RAVN_DNS_OK);
