@@ -4,8 +4,8 @@
 // event. Runs on the test's thread; the runtime's threads call back.
 #include <dirent.h>
 #include <fcntl.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <fstream>
 #include <mutex>
@@ -13,10 +13,9 @@
 #include <thread>
 #include <vector>
 
-#include <fcntl.h>
-
 #include <gtest/gtest.h>
 
+#include "detect_reports.h"
 #include "dns_responder.h"
 #include "inc/detect_socket.h"
 #include "inc/net_tools_msg.h"
@@ -39,14 +38,6 @@ int threads_named(const std::string& name) {
         std::getline(f, comm);
         if (comm == name) ++n;
     }
-    closedir(d);
-    return n;
-}
-
-int open_fds() {
-    int n = 0;
-    DIR* d = opendir("/proc/self/fd");
-    while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
     closedir(d);
     return n;
 }
@@ -82,9 +73,7 @@ public:
     size_t count_packets() { std::lock_guard<std::mutex> g(mu); return packets.size(); }
     size_t count_timeouts(uint64_t t) {
         std::lock_guard<std::mutex> g(mu);
-        size_t n = 0;
-        for (uint64_t x : timeouts) n += x == t;
-        return n;
+        return size_t(std::count(timeouts.begin(), timeouts.end(), t));
     }
     size_t count_answers() { std::lock_guard<std::mutex> g(mu); return answers.size(); }
 
@@ -145,7 +134,9 @@ constexpr const char* kRecvThread = "detect_recv";
 
 } // namespace
 
-TEST(RuntimeLife, InitTwiceUninitReinitKeepsOneReceiveThread) {
+// Also a stop from inside a packet event, after which a new start finds a
+// clean state.
+TEST(RuntimeLife, InitTwiceUninitReinitKeepsOneReceiveThreadAndUninitFromInsideAPacket) {
     EXPECT_EQ(0, zeph_net_tools_uninit()); // without an init
     ASSERT_EQ(0, zeph_net_tools_init());
     ASSERT_EQ(0, zeph_net_tools_init());
@@ -163,11 +154,19 @@ TEST(RuntimeLife, InitTwiceUninitReinitKeepsOneReceiveThread) {
     ASSERT_TRUE(sock);
     uint16_t port = 0;
     ASSERT_TRUE(learn_port(*sock, peer, &port));
+    std::atomic<int> stopped{0};
+    det->on_packet = [&] { stopped = zeph_net_tools_uninit() == 0 ? 1 : 2; };
     peer.send_to("x", 1, "127.0.0.1", port);
-    EXPECT_TRUE(wait_until([&] { return det->count_packets() == 1; }, 3000));
+    EXPECT_TRUE(wait_until([&] { return stopped.load() != 0; }, 3000));
+    EXPECT_EQ(1, stopped.load());
+    EXPECT_EQ(1u, det->count_packets());
+    EXPECT_TRUE(wait_until([&] { return threads_named(kRecvThread) == 0; }, 3000)); // joined, not left running
+    EXPECT_EQ(0u, g_net_tools_msg.table_size()); // the stop released the table
+    det->on_packet = nullptr;
+    ASSERT_EQ(0, zeph_net_tools_init());
+    EXPECT_EQ(1, threads_named(kRecvThread));
     EXPECT_EQ(0, zeph_net_tools_uninit());
     EXPECT_EQ(0, threads_named(kRecvThread));
-    EXPECT_EQ(0u, g_net_tools_msg.table_size()); // the stop released the table
 }
 
 TEST_F(Runtime, PacketsReachRecvPktInOrderOnMessageThreadUntilFreed) {
@@ -358,39 +357,12 @@ TEST_F(Runtime, ManyDetectionsFromFourThreadsFreeEverything) {
     }
     for (auto& t : threads) t.join();
     EXPECT_EQ(kThreads * kPerThread, got.load());
-    ASSERT_TRUE(wait_until([&] { return g_net_tools_msg.table_size() == 0; }, 5000));
+    ASSERT_TRUE(runtime_released(5000));
     ASSERT_TRUE(wait_until(
         [&] {
             std::lock_guard<std::mutex> g(all_mu);
-            for (auto& w : all)
-                if (!w.expired()) return false;
-            return true;
+            return std::all_of(all.begin(), all.end(), [](const std::weak_ptr<DetectBase>& w) { return w.expired(); });
         },
         3000));
-    EXPECT_EQ(0u, DetectPtrKeeper::size());
-    EXPECT_EQ(0u, g_timer_save.size());
-    EXPECT_EQ(fds_before, open_fds());
-}
-
-TEST(RuntimeLife, UninitFromInsideAPacketEventAndInitAgain) {
-    ASSERT_EQ(0, zeph_net_tools_init());
-    UdpSocket peer;
-    auto det = std::make_shared<TinyDetect>();
-    std::shared_ptr<DetectBase> base = det;
-    std::atomic<int> stopped{0};
-    det->on_packet = [&] { stopped = zeph_net_tools_uninit() == 0 ? 1 : 2; };
-    auto sock = open_registered(base, peer);
-    ASSERT_TRUE(sock);
-    uint16_t port = 0;
-    ASSERT_TRUE(learn_port(*sock, peer, &port));
-    peer.send_to("stop", 4, "127.0.0.1", port);
-    ASSERT_TRUE(wait_until([&] { return stopped.load() != 0; }, 3000));
-    EXPECT_EQ(1, stopped.load());
-    EXPECT_TRUE(wait_until([&] { return threads_named(kRecvThread) == 0; }, 3000));
-    det->on_packet = nullptr;
-    // The next start on another thread finds a clean state.
-    ASSERT_EQ(0, zeph_net_tools_init());
-    EXPECT_EQ(1, threads_named(kRecvThread));
-    EXPECT_EQ(0, zeph_net_tools_uninit());
-    EXPECT_EQ(0, threads_named(kRecvThread));
+    EXPECT_TRUE(wait_until([&] { return open_fds() == fds_before; }, 2000)) << open_fds() << " vs " << fds_before;
 }
