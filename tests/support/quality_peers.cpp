@@ -7,6 +7,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <condition_variable>
+
 #include "bwdetect/detect_cli_pkt.h"
 #include "bwdetect/detect_server.h"
 #include "peers.h"
@@ -90,6 +92,48 @@ bool answer_quality_auth(std::vector<uint8_t>& p, uint32_t result) {
     q::set_type(p.data(), p.size(), false, q::kTypeAuthResp);
     q::set_auth_result(p.data(), p.size(), result);
     return true;
+}
+
+namespace {
+std::mutex g_report_mutex;
+std::condition_variable g_report_cv;
+std::vector<Report> g_reports;
+} // namespace
+
+void record_report(int32_t id, int32_t code, int32_t p2, std::vector<DetectQosResult> results) {
+    std::lock_guard<std::mutex> lock(g_report_mutex);
+    g_reports.push_back({id, code, p2, std::move(results), now_ms()});
+    g_report_cv.notify_all();
+}
+
+std::vector<Report> reports(size_t n, int timeout_ms) {
+    std::unique_lock<std::mutex> lock(g_report_mutex);
+    g_report_cv.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return g_reports.size() >= n; });
+    return g_reports;
+}
+
+void clear_reports() {
+    std::lock_guard<std::mutex> lock(g_report_mutex);
+    g_reports.clear();
+}
+
+HeldUdpPorts::HeldUdpPorts(uint16_t first, uint16_t count) : all(true) {
+    for (uint32_t port = first; port < uint32_t(first) + count; ++port) {
+        uint16_t bound = 0;
+        const int fd = zeph_peers::bound_socket(SOCK_DGRAM, "0.0.0.0", uint16_t(port), bound, nullptr);
+        all = all && fd >= 0;
+        if (fd >= 0) fds.push_back(fd);
+    }
+}
+
+HeldUdpPorts::~HeldUdpPorts() {
+    for (int fd : fds) close(fd);
+}
+
+void HeldUdpPorts::release_last() {
+    if (fds.empty()) return;
+    close(fds.back());
+    fds.pop_back();
 }
 
 } // namespace zeph_test

@@ -1,6 +1,7 @@
 // Peers of the quality detections, run by the test's own threads: our quality
-// server on an address of the test, and a UDP socket standing in for a server
-// that keeps every datagram it gets and answers what its callback makes of it.
+// server on an address of the test, a UDP socket standing in for a server
+// that keeps every datagram it gets and answers what its callback makes of it,
+// a keeper of the detections' reports, and a holder of client ports.
 //
 //   QualityServerOn server("127.0.61.5");      // our server on :64000
 //   UdpStandIn fake("127.0.61.6", 0, [](std::vector<uint8_t>& p, const UdpStandIn::Got&) {
@@ -15,6 +16,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "zeph_nettools/net_tools.h"
 
 class DetectServer;
 
@@ -73,5 +76,26 @@ private:
 bool answer_quality_data(std::vector<uint8_t>& p, uint32_t status);
 // An auth answer carrying `result`. False for any other packet.
 bool answer_quality_auth(std::vector<uint8_t>& p, uint32_t result);
+
+// Reports of a detection: pass record_report as its callback; the test
+// thread reads them with reports(n, timeout_ms), which waits until n came.
+struct Report {
+    int32_t id, code, p2;
+    std::vector<DetectQosResult> results;
+    uint64_t at_ms;
+};
+void record_report(int32_t id, int32_t code, int32_t p2, std::vector<DetectQosResult> results);
+std::vector<Report> reports(size_t n = 0, int timeout_ms = 0);
+void clear_reports();
+
+// UDP ports first..first+count-1 bound on any address while it lives (one
+// that another program holds is left out: it is taken all the same).
+struct HeldUdpPorts {
+    HeldUdpPorts(uint16_t first, uint16_t count);
+    ~HeldUdpPorts();
+    void release_last();
+    std::vector<int> fds;
+    bool all; // every port of the range is ours
+};
 
 } // namespace zeph_test
