@@ -1,17 +1,12 @@
 // The multi-site quality detection and the score table, through the exports:
-// streams against our own quality server (in this process, on an address of
-// its own), through the UDP relay where delay matters, and against a socket
-// of the test standing in for the server where the wire bytes or a refusal
-// matter. The scorer's curves are checked on records of known figures.
-//
-// Every test has its address (127.0.72.x); the fixed client ports are
-// shared through a ctest resource lock.
+// streams against our own quality server, through the UDP relay where delay
+// matters, and against a stand-in server where the wire bytes or a refusal
+// matter. Every test has its address (127.0.72.x); the fixed client ports
+// are shared through a ctest resource lock.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <map>
-#include <mutex>
 #include <set>
 #include <thread>
 #include <vector>
@@ -22,50 +17,21 @@
 #include "peers.h"
 #include "quality_peers.h"
 #include "udp_relay.h"
-#include "zeph_nettools/net_tools.h"
 
 namespace q = zeph::quality;
 using zeph_test::now_ms;
-using zeph_test::wait_until;
+using zeph_test::Report;
+using zeph_test::reports;
 using ServerOn = zeph_test::QualityServerOn;
 
 namespace {
 
 constexpr uint16_t kServerPort = zeph_test::kQualityServerPort;
 constexpr uint32_t kStreamSeconds = 3;
-// Streams, the waits behind them and the scoring, with room for a loaded
-// machine (sanitizers).
-constexpr int kReportMs = 15000;
-// A stream's last packet goes out up to this many times more.
-constexpr size_t kLastRepeats = 3;
+constexpr int kReportMs = 15000; // a stream and its scoring on a loaded machine
+constexpr size_t kLastRepeats = 3; // a stream's last packet goes out up to this many times more
 
 std::string test_ip(int host) { return "127.0.72." + std::to_string(host); }
-
-// ---- what the callback heard -----------------------------------------------------------
-
-struct Call {
-    int32_t code;
-    int32_t best;
-    std::vector<DetectQosResult> results;
-    uint64_t at_ms;
-};
-
-std::mutex g_mutex;
-std::condition_variable g_cv;
-std::vector<Call> g_calls;
-
-void on_result(int32_t, int32_t code, int32_t best, std::vector<DetectQosResult> results) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_calls.push_back({code, best, std::move(results), now_ms()});
-    g_cv.notify_all();
-}
-
-// Waits until `n` calls have come (or the time is up) and returns them all.
-std::vector<Call> calls(size_t n, int timeout_ms = kReportMs) {
-    std::unique_lock<std::mutex> lock(g_mutex);
-    g_cv.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return g_calls.size() >= n; });
-    return g_calls;
-}
 
 DetectSiteInfo site(const std::string& ip, uint16_t port, int16_t index, uint32_t delaybase = 0) {
     DetectSiteInfo s;
@@ -78,7 +44,9 @@ DetectSiteInfo site(const std::string& ip, uint16_t port, int16_t index, uint32_
     return s;
 }
 
-// ---- peers ---------------------------------------------------------------------------
+uint32_t start(const std::vector<DetectSiteInfo>& sites) {
+    return zeph_detect_start_mult_site_client(sites, zeph_test::record_report);
+}
 
 // A relay in front of ip:64000 adding `delay_ms` each way.
 std::unique_ptr<zeph_relay::UdpRelay> relay_to(const std::string& listen, const std::string& ip, double delay_ms) {
@@ -89,12 +57,10 @@ std::unique_ptr<zeph_relay::UdpRelay> relay_to(const std::string& listen, const 
     cfg.to_server.delay_ms = delay_ms;
     cfg.to_client.delay_ms = delay_ms;
     auto relay = std::make_unique<zeph_relay::UdpRelay>(cfg);
-    if (relay->start() != 0) return nullptr;
-    return relay;
+    return relay->start() == 0 ? std::move(relay) : nullptr;
 }
 
-// A socket of the test in place of the server: answers data packets as a
-// server would (no pairs), with `status` in the answer.
+// A stand-in server answering data packets (no pairs) with `status`.
 struct StandIn : zeph_test::UdpStandIn {
     StandIn(const std::string& ip, uint32_t status)
         : UdpStandIn(ip, 0, [status](std::vector<uint8_t>& p, const Got&) {
@@ -128,23 +94,25 @@ void PrintTo(const BudgetCase& c, std::ostream* os) { *os << c.sites << " sites"
 
 class SiteBudget : public ::testing::TestWithParam<BudgetCase> {};
 
+// Each site streams its share from a port of its own, with its own session
+// and token, every sequence number once and none beyond.
 TEST_P(SiteBudget, EverySiteStreamsItsShareFromASocketOfItsOwn) {
     const BudgetCase c = GetParam();
     StandIn server(test_ip(c.sites), q::kStatusOk);
     ASSERT_TRUE(server.ok());
     std::vector<DetectSiteInfo> sites;
     for (uint32_t i = 0; i < c.sites; ++i) sites.push_back(site(test_ip(c.sites), server.port(), int16_t(100 + i)));
-    ASSERT_EQ(zeph_detect_start_mult_site_client(sites, on_result), 0u);
-
-    const std::vector<Call> got = calls(1);
+    ASSERT_EQ(start(sites), 0u);
+    const std::vector<Report> got = reports(1, kReportMs);
     ASSERT_EQ(got.size(), 1u);
     ASSERT_EQ(got[0].code, 0);
     ASSERT_EQ(got[0].results.size(), c.sites);
 
-    // Per client port: packets, their length, level, type, session, token.
-    std::map<uint16_t, std::set<uint32_t>> per_port; // the sequence numbers heard
-    std::map<uint16_t, std::set<uint32_t>> sessions;
-    std::map<uint16_t, std::string> token_of; // from each port's first packet
+    struct PortSeen {
+        std::set<uint32_t> seqs, sessions;
+        std::string token; // from the port's first packet
+    };
+    std::map<uint16_t, PortSeen> ports;
     const uint32_t per_site = q::level_row(c.level).pkts_per_sec * kStreamSeconds;
     for (const StandIn::Got& g : server.got()) {
         const uint8_t* p = g.bytes.data();
@@ -153,23 +121,22 @@ TEST_P(SiteBudget, EverySiteStreamsItsShareFromASocketOfItsOwn) {
         EXPECT_EQ(q::get_type(p, n, false), q::kTypeData);
         EXPECT_EQ(q::get_level(p, n, false), c.level);
         EXPECT_LT(q::get_seq(p, n), per_site);
-        per_port[g.from_port].insert(q::get_seq(p, n));
-        sessions[g.from_port].insert(q::get_session(p, n, false));
-        token_of.emplace(g.from_port, std::string(reinterpret_cast<const char*>(&p[q::kOffAuthToken]), 9));
+        PortSeen& seen = ports[g.from_port];
+        seen.seqs.insert(q::get_seq(p, n));
+        seen.sessions.insert(q::get_session(p, n, false));
+        if (seen.token.empty()) seen.token.assign(reinterpret_cast<const char*>(&p[q::kOffAuthToken]), 9);
     }
-    ASSERT_EQ(per_port.size(), c.sites);
+    ASSERT_EQ(ports.size(), c.sites);
     std::set<uint32_t> all_sessions;
-    for (auto& kv : per_port) {
-        EXPECT_GE(kv.first, DETECT_FIRST_CLIENT_PORT);
-        EXPECT_EQ(kv.second.size(), per_site) << "port " << kv.first; // every number, none beyond
-        ASSERT_EQ(sessions[kv.first].size(), 1u);
-        all_sessions.insert(*sessions[kv.first].begin());
-    }
-    EXPECT_EQ(all_sessions.size(), c.sites) << "each site has its own session";
-
-    // Each site's own token went out.
     std::set<std::string> tokens;
-    for (auto& kv : token_of) tokens.insert(kv.second);
+    for (auto& [port, seen] : ports) {
+        EXPECT_GE(port, DETECT_FIRST_CLIENT_PORT);
+        EXPECT_EQ(seen.seqs.size(), per_site) << "port " << port;
+        ASSERT_EQ(seen.sessions.size(), 1u);
+        all_sessions.insert(*seen.sessions.begin());
+        tokens.insert(seen.token);
+    }
+    EXPECT_EQ(all_sessions.size(), c.sites);
     EXPECT_EQ(tokens.size(), c.sites);
     EXPECT_EQ(tokens.count("token-100"), 1u);
 }
@@ -183,119 +150,88 @@ INSTANTIATE_TEST_SUITE_P(Counts, SiteBudget,
 
 // ---- results against our server --------------------------------------------------------------
 
-TEST(MultiSite, OneSiteOnLoopbackReportsCleanFiguresAndAHighScore) {
+// Silent sites score the limit without disturbing the live ones; a delaybase
+// lowers a site; the best is the first of the highest; the server hears each
+// live site's whole stream.
+TEST(MultiSite, LiveSilentAndDelaybasedSitesAreRankedFromTheirFigures) {
     const std::string ip = test_ip(20);
     ServerOn server(ip);
     ASSERT_TRUE(server.ok());
+    const uint16_t silent = zeph_test::closed_udp_port(test_ip(26));
     const uint64_t t0 = now_ms();
-    ASSERT_EQ(zeph_detect_start_mult_site_client({site(ip, kServerPort, 7)}, on_result), 0u);
-    const std::vector<Call> got = calls(1);
+    ASSERT_EQ(start({site(test_ip(26), silent, 1), site(ip, kServerPort, 2, 100), site(ip, kServerPort, 3),
+                     site(ip, kServerPort, 4)}),
+              0u);
+    std::vector<Report> got = reports(1, kReportMs);
     ASSERT_EQ(got.size(), 1u);
     EXPECT_GE(got[0].at_ms - t0, kStreamSeconds * 1000 - 50);
     ASSERT_EQ(got[0].code, 0);
-    EXPECT_EQ(got[0].best, 7);
-    ASSERT_EQ(got[0].results.size(), 1u);
-    const DetectQosResult& r = got[0].results[0];
-    EXPECT_EQ(r.index, 7);
-    EXPECT_EQ(r.is_pre, 1);
-    EXPECT_LT(r.a_delay, 50);
-    EXPECT_EQ(r.a_s_loss, 0);
-    EXPECT_EQ(r.a_r_loss, 0);
-    EXPECT_GT(r.score, 6000);
-    EXPECT_LE(r.score, 7000);
-    // The server heard the whole stream from one client (its last packet
-    // goes out a few times more).
+    const auto& r = got[0].results;
+    ASSERT_EQ(r.size(), 4u);
+    EXPECT_EQ(r[0].score, DETECT_SCORE_UNUSABLE);
+    EXPECT_EQ(r[0].a_delay, kStatNoDelay);
+    EXPECT_EQ(r[0].a_s_loss, kStatAllLost);
+    for (int i : {2, 3}) {
+        EXPECT_EQ(r[i].index, i + 1);
+        EXPECT_LT(r[i].a_delay, 50);
+        EXPECT_EQ(r[i].a_s_loss, 0);
+        EXPECT_EQ(r[i].a_r_loss, 0);
+        EXPECT_GT(r[i].score, 6000);
+        EXPECT_LE(r[i].score, 7000);
+    }
+    // 100 ms more of one-way delay reads the curve between 60 and 100 ms at
+    // the least: at most 2 x 750 of the delay's 2 x 1000.
+    EXPECT_LE(r[1].score, r[2].score - 500);
+    EXPECT_EQ(r[1].is_pre, 0);
+    const int best = r[2].score >= r[3].score ? 2 : 3;
+    EXPECT_EQ(r[best].is_pre, 1);
+    EXPECT_EQ(got[0].p2, r[best].index);
+    const uint32_t per_site = q::level_row(detect_multi_site_plan(4).level).pkts_per_sec * kStreamSeconds;
     const auto clients = server->clients();
-    ASSERT_EQ(clients.size(), 1u);
-    EXPECT_GE(clients[0].packets, q::level_row(5).pkts_per_sec * kStreamSeconds);
-    EXPECT_LE(clients[0].packets, q::level_row(5).pkts_per_sec * kStreamSeconds + kLastRepeats);
+    ASSERT_EQ(clients.size(), 3u);
+    for (const auto& c : clients) {
+        EXPECT_GE(c.packets, per_site);
+        EXPECT_LE(c.packets, per_site + kLastRepeats);
+    }
+
+    // All silent: each scores the limit and the first is named best.
+    zeph_test::clear_reports();
+    ASSERT_EQ(start({site(test_ip(26), silent, 4), site(test_ip(26), silent, 5)}), 0u);
+    got = reports(1, kReportMs);
+    ASSERT_EQ(got.size(), 1u);
+    ASSERT_EQ(got[0].results.size(), 2u);
+    EXPECT_EQ(got[0].p2, 4);
+    EXPECT_EQ(got[0].results[0].is_pre, 1);
+    EXPECT_EQ(got[0].results[1].is_pre, 0);
+    EXPECT_EQ(got[0].results[1].score, DETECT_SCORE_UNUSABLE);
 }
 
-TEST(MultiSite, TheNearerSiteWinsWhereverItStands) {
+// The nearer site wins wherever it stands, scored with the weights set
+// before the detection started.
+TEST(MultiSite, TheNearerSiteWinsWithTheWeightsSetBefore) {
     const std::string ip = test_ip(21);
     ServerOn server(ip);
     ASSERT_TRUE(server.ok());
+    const uint32_t max_weights[3] = {5, 5, 5};
+    ASSERT_EQ(zeph_detect_set_qos_weight(max_weights), 0u);
     auto far = relay_to(test_ip(22), ip, 60);
     auto near = relay_to(test_ip(23), ip, 5);
     ASSERT_TRUE(far && near);
-    ASSERT_EQ(zeph_detect_start_mult_site_client(
-                  {site(far->listen_ip(), far->port(), 1), site(near->listen_ip(), near->port(), 2)}, on_result),
-              0u);
-    const std::vector<Call> got = calls(1);
+    ASSERT_EQ(start({site(far->listen_ip(), far->port(), 1), site(near->listen_ip(), near->port(), 2)}), 0u);
+    const std::vector<Report> got = reports(1, kReportMs);
     ASSERT_EQ(got.size(), 1u);
     ASSERT_EQ(got[0].code, 0);
     ASSERT_EQ(got[0].results.size(), 2u);
     const DetectQosResult& f = got[0].results[0];
     const DetectQosResult& n = got[0].results[1];
-    EXPECT_EQ(got[0].best, 2);
+    EXPECT_EQ(got[0].p2, 2);
     EXPECT_EQ(f.is_pre, 0);
     EXPECT_EQ(n.is_pre, 1);
     // Round trips of twice the relay's delay, give or take the machine.
     EXPECT_NEAR(f.a_delay, 120, 20);
     EXPECT_NEAR(n.a_delay, 10, 10);
     EXPECT_GT(n.score, f.score);
-}
-
-TEST(MultiSite, DelaybaseLowersASiteAndTiesGoToTheFirst) {
-    const std::string ip = test_ip(24);
-    ServerOn server(ip);
-    ASSERT_TRUE(server.ok());
-    ASSERT_EQ(zeph_detect_start_mult_site_client(
-                  {site(ip, kServerPort, 1, 100), site(ip, kServerPort, 2), site(ip, kServerPort, 3)}, on_result),
-              0u);
-    const std::vector<Call> got = calls(1);
-    ASSERT_EQ(got.size(), 1u);
-    ASSERT_EQ(got[0].code, 0);
-    const auto& r = got[0].results;
-    ASSERT_EQ(r.size(), 3u);
-    // 100 ms more of one-way delay reads the curve between 60 and 100 ms at
-    // the least: at most 2 x 750 of the delay's 2 x 1000.
-    EXPECT_LE(r[0].score, r[1].score - 500);
-    EXPECT_EQ(r[0].is_pre, 0);
-    const int best = r[1].score >= r[2].score ? 1 : 2;
-    EXPECT_EQ(r[best].is_pre, 1);
-    EXPECT_EQ(got[0].best, r[best].index);
-}
-
-TEST(MultiSite, SilentSitesScoreTheLimitAndTheFirstOfEqualsIsBest) {
-    const std::string ip = test_ip(25);
-    ServerOn server(ip);
-    ASSERT_TRUE(server.ok());
-    const uint16_t silent = zeph_test::closed_udp_port(test_ip(26));
-    // A live site between two silent ones: the silent ones do not disturb it.
-    ASSERT_EQ(zeph_detect_start_mult_site_client(
-                  {site(test_ip(26), silent, 1), site(ip, kServerPort, 2), site(test_ip(26), silent, 3)}, on_result),
-              0u);
-    std::vector<Call> got = calls(1);
-    ASSERT_EQ(got.size(), 1u);
-    ASSERT_EQ(got[0].code, 0);
-    ASSERT_EQ(got[0].results.size(), 3u);
-    for (int i : {0, 2}) {
-        const DetectQosResult& s = got[0].results[i];
-        EXPECT_EQ(s.score, DETECT_SCORE_UNUSABLE);
-        EXPECT_EQ(s.a_delay, kStatNoDelay);
-        EXPECT_EQ(s.a_s_loss, kStatAllLost);
-    }
-    const DetectQosResult& live = got[0].results[1];
-    EXPECT_EQ(live.is_pre, 1);
-    EXPECT_EQ(live.a_s_loss, 0);
-    EXPECT_GT(live.score, 6000);
-
-    // All silent: each scores the limit and the first is named best.
-    {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        g_calls.clear();
-    }
-    ASSERT_EQ(zeph_detect_start_mult_site_client({site(test_ip(26), silent, 4), site(test_ip(26), silent, 5)},
-                                                 on_result),
-              0u);
-    got = calls(1);
-    ASSERT_EQ(got.size(), 1u);
-    ASSERT_EQ(got[0].results.size(), 2u);
-    EXPECT_EQ(got[0].best, 4);
-    EXPECT_EQ(got[0].results[0].is_pre, 1);
-    EXPECT_EQ(got[0].results[1].is_pre, 0);
-    EXPECT_EQ(got[0].results[1].score, DETECT_SCORE_UNUSABLE);
+    EXPECT_GT(n.score, 7000) << "beyond what the default weights can give";
 }
 
 // ---- failures ---------------------------------------------------------------------------------
@@ -303,95 +239,81 @@ TEST(MultiSite, SilentSitesScoreTheLimitAndTheFirstOfEqualsIsBest) {
 TEST(MultiSite, ASiteWithoutSocketFailsTheReportButEarlierStreamsRunOut) {
     StandIn server(test_ip(30), q::kStatusOk);
     ASSERT_TRUE(server.ok());
-    DetectSiteInfo no_address = site("", server.port(), 2);
     const uint64_t t0 = now_ms();
-    ASSERT_EQ(zeph_detect_start_mult_site_client({site(test_ip(30), server.port(), 1), no_address}, on_result), 0u);
-    const std::vector<Call> got = calls(1);
+    ASSERT_EQ(start({site(test_ip(30), server.port(), 1), site("", server.port(), 2)}), 0u);
+    const std::vector<Report> got = reports(1, kReportMs);
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(got[0].code, DETECT_ERR_SITE_NO_SOCKET);
     EXPECT_TRUE(got[0].results.empty());
     EXPECT_LT(got[0].at_ms - t0, 1000u) << "the failure is told when the site's turn comes";
     // The first site's stream (two sites: level 4) goes on to its end.
     const size_t whole = q::level_row(4).pkts_per_sec * kStreamSeconds;
-    EXPECT_TRUE(wait_until([&] { return server.count() >= whole; }, kReportMs, 20)) << server.count();
+    EXPECT_TRUE(zeph_test::wait_until([&] { return server.count() >= whole; }, kReportMs, 20)) << server.count();
     zeph_test::sleep_ms(300);
     EXPECT_LE(server.count(), whole + kLastRepeats);
-    EXPECT_EQ(calls(2, 500).size(), 1u) << "no second callback";
+    EXPECT_EQ(reports(2, 500).size(), 1u) << "no second callback";
 }
 
-TEST(MultiSite, ARefusedTokenIsToldTwiceWithoutResults) {
-    StandIn refusing(test_ip(31), q::kStatusRefused);
-    ASSERT_TRUE(refusing.ok());
-    ASSERT_EQ(zeph_detect_start_mult_site_client({site(test_ip(31), refusing.port(), 1)}, on_result), 0u);
-    const std::vector<Call> got = calls(2);
-    ASSERT_EQ(got.size(), 2u);
-    for (const Call& c : got) {
-        EXPECT_EQ(c.code, DETECT_ERR_SITES_REFUSED);
-        EXPECT_TRUE(c.results.empty());
-    }
-    EXPECT_LT(got[1].at_ms - got[0].at_ms, 100u);
-    // The stream stopped at the refusal instead of running its 3 s.
-    const size_t sent = refusing.count();
-    EXPECT_LT(sent, q::level_row(5).pkts_per_sec * kStreamSeconds);
-    EXPECT_EQ(calls(3, 500).size(), 2u);
-}
-
-TEST(MultiSite, RefusedStartsGiveTheirCodeAndNoCallback) {
+// Refused starts give their code and no callback; a token the server
+// refuses is told twice without results and stops the stream.
+TEST(MultiSite, RefusedStartsAndARefusedToken) {
     const std::string ip = test_ip(32);
     std::vector<DetectSiteInfo> eleven;
     for (int i = 0; i < 11; ++i) eleven.push_back(site(ip, kServerPort, int16_t(i)));
     DetectSiteInfo long_token = site(ip, kServerPort, 1);
     long_token.auth_token.assign(q::kAuthTokenSize + 1, 't');
-    DetectSiteInfo no_port = site(ip, 0, 1);
     DetectSiteInfo no_para = site(ip, kServerPort, 1);
     no_para.auth_para.clear();
-
-    EXPECT_EQ(zeph_detect_start_mult_site_client(eleven, on_result), uint32_t(DETECT_ERR_SITES_REFUSED));
-    EXPECT_EQ(zeph_detect_start_mult_site_client({long_token}, on_result), uint32_t(DETECT_ERR_SITES_REFUSED));
+    EXPECT_EQ(start(eleven), uint32_t(DETECT_ERR_SITES_REFUSED));
+    EXPECT_EQ(start({long_token}), uint32_t(DETECT_ERR_SITES_REFUSED));
     EXPECT_EQ(zeph_detect_start_mult_site_client({site(ip, kServerPort, 1)}, nullptr),
               uint32_t(DETECT_ERR_BAD_ARGUMENT));
-    EXPECT_EQ(zeph_detect_start_mult_site_client({no_port}, on_result), uint32_t(DETECT_ERR_BAD_ARGUMENT));
+    EXPECT_EQ(start({site(ip, 0, 1)}), uint32_t(DETECT_ERR_BAD_ARGUMENT));
     // A site without parameter fails the token check even beside a good one.
-    EXPECT_EQ(zeph_detect_start_mult_site_client({site(ip, kServerPort, 1), no_para}, on_result),
-              uint32_t(DETECT_ERR_SITES_REFUSED));
-    EXPECT_TRUE(calls(1, 1000).empty());
+    EXPECT_EQ(start({site(ip, kServerPort, 1), no_para}), uint32_t(DETECT_ERR_SITES_REFUSED));
+
+    StandIn refusing(test_ip(31), q::kStatusRefused);
+    ASSERT_TRUE(refusing.ok());
+    ASSERT_EQ(start({site(test_ip(31), refusing.port(), 1)}), 0u);
+    const std::vector<Report> got = reports(2, kReportMs);
+    ASSERT_EQ(got.size(), 2u);
+    for (const Report& c : got) {
+        EXPECT_EQ(c.code, DETECT_ERR_SITES_REFUSED);
+        EXPECT_TRUE(c.results.empty());
+    }
+    EXPECT_LT(got[1].at_ms - got[0].at_ms, 100u);
+    EXPECT_LT(refusing.count(), q::level_row(5).pkts_per_sec * kStreamSeconds) << "the stream ran its 3 s";
+    EXPECT_EQ(reports(3, 500).size(), 2u);
 }
 
 // ---- the score ---------------------------------------------------------------------------------
 
-TEST(QosScore, DefaultCurvesAndLimit) {
+TEST(QosScore, DefaultCurvesLimitAndTheTableCheck) {
     // One way 20 + 10 reads the delay curve at 30 (900), jitter 10 (850),
     // no loss (1000): 2 x 900 + 2 x 850 + 3 x 1000.
     EXPECT_EQ(score(stat_of(40, 10, 10, 0, 0), 10), 6500);
-    EXPECT_EQ(score(stat_of(40, 10, 10, 0, 0), 0), 2 * 950 + 2 * 850 + 3 * 1000);
     EXPECT_EQ(score(stat_of(0, 0, 0, 0, 0)), 7000);
-    // Loss from 300 up to the limit reads the last usable row: 0.
-    EXPECT_EQ(score(stat_of(0, 0, 0, 300, 300)), 4000);
+    // Loss from 300 up to the limit reads the last usable row (0); at the
+    // limit in any one of the three: unusable, whatever else.
     EXPECT_EQ(score(stat_of(0, 0, 0, 899, 899)), 4000);
-    // At the limit in any one of the three: unusable, whatever else.
     EXPECT_EQ(score(stat_of(0, 0, 0, 900, 900)), DETECT_SCORE_UNUSABLE);
     EXPECT_EQ(score(stat_of(0, 0, 0, 1000, 800)), DETECT_SCORE_UNUSABLE);
     EXPECT_EQ(score(stat_of(6000, 0, 0, 0, 0)), DETECT_SCORE_UNUSABLE);
     EXPECT_EQ(score(stat_of(0, 1000, 1000, 0, 0)), DETECT_SCORE_UNUSABLE);
     // delaybase does not count toward the limit, only toward the curve.
     EXPECT_EQ(score(stat_of(0, 0, 0, 0, 0), 5000), 2 * 0 + 2 * 1000 + 3 * 1000);
-    // Nothing came back.
     EXPECT_EQ(score(detect_pkt_stat_worst()), DETECT_SCORE_UNUSABLE);
-}
 
-TEST(QosScore, CheckRoleWalk) {
-    auto roles = DetectQosScore::default_roles();
-    DetectQosScore::RoleCheck c = DetectQosScore::check_role(roles);
+    // The table check walks rows while valid and rising in delay and falling in score.
+    DetectQosScore::RoleCheck c = DetectQosScore::check_role(DetectQosScore::default_roles());
     EXPECT_EQ(c.usable, 8);
     EXPECT_TRUE(c.has_limit);
-
     EXPECT_EQ(DetectQosScore::check_role({}).usable, 0);
     EXPECT_EQ(DetectQosScore::check_role({{1, 0, 0, 0, 1000}, {1, 0, 5, 5, 900}}).usable, 0) << "same delay";
     EXPECT_EQ(DetectQosScore::check_role({{1, 0, 0, 0, 1000}, {1, 5, 5, 5, 1000}}).usable, 0) << "same score";
     c = DetectQosScore::check_role({{1, 0, 0, 0, 1000}, {1, 9, 9, 9, -1000}});
     EXPECT_EQ(c.usable, 0) << "a limit with one row before it";
     EXPECT_FALSE(c.has_limit);
-    // The walk stops at a row out of order, and at one not valid.
     EXPECT_EQ(DetectQosScore::check_role({{1, 0, 0, 0, 9}, {1, 1, 1, 1, 8}, {1, 2, 0, 2, 7}, {1, 3, 3, 3, 6}}).usable,
               2);
     EXPECT_EQ(DetectQosScore::check_role({{1, 0, 0, 0, 9}, {1, 1, 1, 1, 8}, {0, 2, 2, 2, 7}}).usable, 2);
@@ -409,7 +331,6 @@ TEST(QosScore, SettersChangeLaterScoresAndRefusalsChangeNothing) {
     EXPECT_EQ(zeph_detect_set_qos_weight(heavy_delay), 0u);
     EXPECT_EQ(score(probe, 10), 5 * 900 + 850 + 1000);
 
-    // A refused table leaves the table as it was.
     const std::vector<DetectRole> flat = {{1, 0, 0, 0, 1000}, {1, 0, 10, 10, 500}};
     EXPECT_EQ(zeph_detect_set_qos_roles(&flat), uint32_t(DETECT_ERR_BAD_ROLES));
     EXPECT_EQ(zeph_detect_set_qos_roles(nullptr), uint32_t(DETECT_ERR_BAD_ROLES));
@@ -429,22 +350,9 @@ TEST(QosScore, SettersChangeLaterScoresAndRefusalsChangeNothing) {
     EXPECT_EQ(score(stat_of(100, 0, 0, 0, 0)), 5 * 0 + 1000 + 1000);
 }
 
-TEST(QosScore, ADetectionScoresWithTheWeightsSetBeforeIt) {
-    const std::string ip = test_ip(33);
-    ServerOn server(ip);
-    ASSERT_TRUE(server.ok());
-    const uint32_t max_weights[3] = {5, 5, 5};
-    ASSERT_EQ(zeph_detect_set_qos_weight(max_weights), 0u);
-    ASSERT_EQ(zeph_detect_start_mult_site_client({site(ip, kServerPort, 1)}, on_result), 0u);
-    const std::vector<Call> got = calls(1);
-    ASSERT_EQ(got.size(), 1u);
-    ASSERT_EQ(got[0].results.size(), 1u);
-    EXPECT_GT(got[0].results[0].score, 7000) << "beyond what the default weights can give";
-}
-
+// A reader scoring while a host swaps tables sees one table or the other,
+// never one half replaced.
 TEST(QosScore, ScoringWhileAHostSwapsTablesSeesOneTableOrTheOther) {
-    // Two tables that give a stream of one-way 50 ms different scores; a
-    // reader must see one of them, never a table half replaced.
     const std::vector<DetectRole> a = {{1, 0, 0, 0, 1000}, {1, 100, 100, 100, 0}};
     const std::vector<DetectRole> b = {{1, 0, 0, 0, 800}, {1, 10, 10, 10, 600}, {1, 20, 20, 20, 400},
                                        {1, 40, 40, 40, 200}};
