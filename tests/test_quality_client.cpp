@@ -1,16 +1,10 @@
 // The quality exchanger and the plain quality client against our own quality
-// server (in this process, on an address of its own), through the UDP relay
-// where impairment matters, and against a socket of the test standing in
-// for the server where the wire bytes or a hostile answer matter.
-//
-// Streams last three seconds or more: every test has an address of its own
-// (127.0.61.x) so that ctest runs them side by side.
+// server, through the UDP relay where impairment matters, and against a
+// stand-in server where the wire bytes or a hostile answer matter. Every
+// test has an address of its own (127.0.61.x) so that ctest runs them side
+// by side.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <vector>
 
 #include "bwdetect/detect_cli_pkt.h"
@@ -30,8 +24,7 @@ namespace {
 
 constexpr uint16_t kServerPort = kQualityServerPort;
 constexpr int kStreamSeconds = 3;
-// A stream of 3 s, its second of late replies and the statistics, with room
-// for a loaded machine.
+// A stream, its second of late replies and the statistics, on a loaded machine.
 constexpr int kStreamDoneMs = 12000;
 
 std::string test_ip(int host) { return "127.0.61." + std::to_string(host); }
@@ -232,14 +225,7 @@ TEST(QualityExchanger, SilenceAndRefusal) {
 
 // ---- the plain client --------------------------------------------------------------------
 
-std::atomic<int> g_reports{0};
-std::atomic<int> g_report_code{-1};
-DetectQosResult g_report;
-void on_report(int32_t, int32_t p1, int32_t, std::vector<DetectQosResult> results) {
-    if (!results.empty()) g_report = results[0];
-    g_report_code = p1;
-    ++g_reports;
-}
+std::shared_ptr<DetectClient> client() { return std::make_shared<DetectClient>(zeph_test::record_report); }
 
 TEST(QualityClient, HandshakeStreamAndEndAgainstOurServer) {
     const std::string ip = test_ip(33);
@@ -247,16 +233,18 @@ TEST(QualityClient, HandshakeStreamAndEndAgainstOurServer) {
     ASSERT_TRUE(server.ok());
     auto relay = relay_to(ip, 0, 0);
     ASSERT_TRUE(relay);
-    auto client = std::make_shared<DetectClient>(on_report);
-    client->set_level(1); // the stream runs at level 1: its replies must say so
-    ASSERT_EQ(client->start_client(relay->listen_ip().c_str(), relay->port(), DETECT_FIRST_CLIENT_PORT), 0);
-    ASSERT_TRUE(wait_until([&] { return client->get_state() == DETECT_STATE_SENDING; }, 1500, 1));
-    ASSERT_TRUE(wait_until([&] { return g_reports.load() == 1; }, kStreamDoneMs, 10));
-    EXPECT_EQ(client->get_state(), DETECT_STATE_END);
-    EXPECT_EQ(g_report_code.load(), 0);
-    EXPECT_EQ(g_report.a_s_loss, 0);
-    EXPECT_EQ(g_report.a_r_loss, 0);
-    EXPECT_LT(g_report.a_delay, 50);
+    auto c = client();
+    c->set_level(1); // the stream runs at level 1: its replies must say so
+    ASSERT_EQ(c->start_client(relay->listen_ip().c_str(), relay->port(), DETECT_FIRST_CLIENT_PORT), 0);
+    ASSERT_TRUE(wait_until([&] { return c->get_state() == DETECT_STATE_SENDING; }, 1500, 1));
+    const auto got = zeph_test::reports(1, kStreamDoneMs);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(c->get_state(), DETECT_STATE_END);
+    EXPECT_EQ(got[0].code, 0);
+    ASSERT_EQ(got[0].results.size(), 1u);
+    EXPECT_EQ(got[0].results[0].a_s_loss, 0);
+    EXPECT_EQ(got[0].results[0].a_r_loss, 0);
+    EXPECT_LT(got[0].results[0].a_delay, 50);
 
     // One auth request, the stream with its last packet four times, five end
     // packets: each answered by the server.
@@ -272,8 +260,8 @@ TEST(QualityClient, RefusedOrUnansweredHandshakeSendsNoStream) {
                         [](std::vector<uint8_t>& p, const FakeServer::Got&) { return zeph_test::answer_quality_auth(p, 1); });
     FakeServer silent(test_ip(35), kServerPort, nullptr);
     ASSERT_TRUE(refusing.ok() && silent.ok());
-    auto refused = std::make_shared<DetectClient>(on_report);
-    auto unanswered = std::make_shared<DetectClient>(on_report);
+    auto refused = client();
+    auto unanswered = client();
     const uint64_t t0 = now_ms();
     ASSERT_EQ(refused->start_client(ip.c_str(), kServerPort, DETECT_FIRST_CLIENT_PORT), 0);
     ASSERT_EQ(unanswered->start_client(test_ip(35).c_str(), kServerPort, DETECT_FIRST_CLIENT_PORT), 0);
@@ -289,39 +277,28 @@ TEST(QualityClient, RefusedOrUnansweredHandshakeSendsNoStream) {
     for (const auto& g : asked) EXPECT_EQ(q::get_type(g.bytes.data(), g.bytes.size(), false), q::kTypeAuth);
     EXPECT_EQ(unanswered->get_state(), DETECT_STATE_CONNECTING);
     EXPECT_EQ(refusing.count(), 1u);
-    EXPECT_EQ(g_reports.load(), 0);
+    EXPECT_TRUE(zeph_test::reports().empty());
 }
 
 TEST(QualityClient, ArgumentsAndTheBindWalk) {
-    auto client = std::make_shared<DetectClient>(on_report);
-    EXPECT_EQ(client->start_client("127.0.61.36", kServerPort, 0), DETECT_ERR_BAD_ARGUMENT);
-    EXPECT_EQ(client->start_client(nullptr, kServerPort, DETECT_FIRST_CLIENT_PORT), DETECT_ERR_BAD_ARGUMENT);
+    EXPECT_EQ(client()->start_client("127.0.61.36", kServerPort, 0), DETECT_ERR_BAD_ARGUMENT);
+    EXPECT_EQ(client()->start_client(nullptr, kServerPort, DETECT_FIRST_CLIENT_PORT), DETECT_ERR_BAD_ARGUMENT);
     auto mute = std::make_shared<DetectClient>(nullptr);
     EXPECT_EQ(mute->start_client("127.0.61.36", kServerPort, DETECT_FIRST_CLIENT_PORT), DETECT_ERR_BAD_ARGUMENT);
 
-    // Take 64 ports from a first port on: the client finds none. The ports
-    // lie above the kernel's ephemeral range, so no other test's socket
-    // bound to port 0 can hold one of them.
+    // With all 64 ports from the first taken the client finds none; with
+    // the last one free the walk ends there. The ports lie above the
+    // kernel's ephemeral range, where no socket bound to port 0 can be.
     constexpr uint16_t kFirst = 61700;
-    std::vector<int> taken;
-    for (uint16_t p = kFirst; p < kFirst + DETECT_BIND_TRIES; ++p) {
-        int fd = socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(p);
-        ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0) << "port " << p << " is in use";
-        taken.push_back(fd);
-    }
-    EXPECT_EQ(client->start_client("127.0.61.36", kServerPort, kFirst), DETECT_ERR_NO_SOCKET);
-    // Free the last one: the walk ends there.
-    close(taken.back());
-    taken.pop_back();
+    zeph_test::HeldUdpPorts held(kFirst, DETECT_BIND_TRIES);
+    ASSERT_TRUE(held.all);
+    EXPECT_EQ(client()->start_client("127.0.61.36", kServerPort, kFirst), DETECT_ERR_NO_SOCKET);
+    held.release_last();
     FakeServer silent(test_ip(36), kServerPort, nullptr);
     ASSERT_TRUE(silent.ok());
-    auto walker = std::make_shared<DetectClient>(on_report);
+    auto walker = client();
     ASSERT_EQ(walker->start_client(test_ip(36).c_str(), kServerPort, kFirst), 0);
     ASSERT_TRUE(wait_until([&] { return silent.count() >= 1; }, 1000));
-    for (int fd : taken) close(fd);
     EXPECT_EQ(silent.got()[0].from_port, kFirst + DETECT_BIND_TRIES - 1);
 }
 
