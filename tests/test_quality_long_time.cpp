@@ -1,41 +1,29 @@
 // The long-time detections through their exports: rounds of ten seconds from
 // two sockets in turn, against our quality server with the token in every
-// packet, through the UDP relay beside its truth, and in the STUN form
-// against a socket of the test that answers as a STUN server; the refusals;
-// and `zeph-nettools monitor` stopped by SIGINT.
-//
-// The clients bind the fixed client ports (64100, 64101): the program's
-// tests take turns through a resource lock, so the long runs are few.
+// packet, through the UDP relay beside its truth, in the STUN form against a
+// stand-in STUN server, the refusals, and `zeph-nettools monitor`. The
+// clients bind the fixed client ports (64100, 64101) under a resource lock.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cmath>
 #include <map>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "bwdetect/detect_server.h"
-#include "log_capture.h"
 #include "peers.h"
-#include "process.h"
 #include "quality_peers.h"
 #include "tool_run.h"
 #include "udp_relay.h"
-#include "zeph_nettools/net_tools.h"
-#include "zeph_nettools/settings.h"
 
 using zeph_test::now_ms;
+using zeph_test::Report;
 using zeph_test::wait_until;
 
 namespace {
 
-constexpr uint16_t kServerPort = 64000;
+constexpr uint16_t kServerPort = zeph_test::kQualityServerPort;
 constexpr uint16_t kFirstClientPort = 64100;
 constexpr int kRoundMs = 10000;
 // A report comes about a second after its round (the late replies' wait);
@@ -45,63 +33,28 @@ constexpr uint64_t kGapMinMs = 7000, kGapMaxMs = 17000;
 
 std::string test_ip(int host) { return "127.0.66." + std::to_string(host); }
 
-struct Report {
-    uint64_t at_ms;
-    int32_t id, code, p2;
-    std::vector<DetectQosResult> results;
-};
-std::mutex g_mutex;
-std::vector<Report> g_reports;
-
-void on_report(int32_t id, int32_t code, int32_t p2, std::vector<DetectQosResult> results) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_reports.push_back({now_ms(), id, code, p2, std::move(results)});
-}
-std::vector<Report> reports() {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    return g_reports;
-}
-size_t report_count() {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    return g_reports.size();
+// Waits for `n` reports and checks what every long run shows: one record
+// each, code 0, the sockets in turn, about one round apart.
+std::vector<Report> expect_rounds(size_t n, uint64_t started) {
+    const std::vector<Report> got = zeph_test::reports(n, int(n) * kRoundMs + 20000);
+    EXPECT_EQ(got.size(), n);
+    for (size_t i = 0; i < got.size(); ++i) {
+        SCOPED_TRACE("report " + std::to_string(i));
+        EXPECT_EQ(got[i].code, 0);
+        EXPECT_EQ(got[i].results.size(), 1u);
+        if (got[i].results.size() != 1) continue;
+        EXPECT_EQ(got[i].results[0].index, int16_t(i % 2));
+        EXPECT_EQ(got[i].results[0].is_pre, 0);
+        const uint64_t gap = got[i].at_ms - (i == 0 ? started : got[i - 1].at_ms);
+        EXPECT_GE(gap, i == 0 ? kFirstReportMinMs : kGapMinMs);
+        EXPECT_LE(gap, i == 0 ? kFirstReportMaxMs : kGapMaxMs);
+    }
+    return got;
 }
 
-class LongTime : public ::testing::Test {
-protected:
-    void SetUp() override {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        g_reports.clear();
-    }
-    void TearDown() override { DetectServer::destroy_instance(); }
-
-    // Our quality server on ip:64000.
-    void Serve(const std::string& ip) {
-        ASSERT_EQ(zeph_settings_set_local_addr(ip.c_str()), 0);
-        DetectServer* server = DetectServer::get_instance();
-        ASSERT_NE(server, nullptr);
-        ASSERT_EQ(server->start_server(kServerPort), DetectServer::kStarted);
-    }
-
-    // Waits for `n` reports and checks what every long run shows: one
-    // record each, code 0, the sockets in turn, about one round apart.
-    std::vector<Report> ExpectRounds(size_t n, uint64_t started) {
-        EXPECT_TRUE(wait_until([&] { return report_count() >= n; }, int(n) * kRoundMs + 20000)) << report_count();
-        const std::vector<Report> got = reports();
-        EXPECT_EQ(got.size(), n);
-        for (size_t i = 0; i < got.size(); ++i) {
-            SCOPED_TRACE("report " + std::to_string(i));
-            EXPECT_EQ(got[i].code, 0);
-            EXPECT_EQ(got[i].results.size(), 1u);
-            if (got[i].results.size() != 1) continue;
-            EXPECT_EQ(got[i].results[0].index, int16_t(i % 2));
-            EXPECT_EQ(got[i].results[0].is_pre, 0);
-            const uint64_t gap = got[i].at_ms - (i == 0 ? started : got[i - 1].at_ms);
-            EXPECT_GE(gap, i == 0 ? kFirstReportMinMs : kGapMinMs);
-            EXPECT_LE(gap, i == 0 ? kFirstReportMaxMs : kGapMaxMs);
-        }
-        return got;
-    }
-};
+bool more_reports_than(size_t n, int within_ms) {
+    return wait_until([&] { return zeph_test::reports().size() > n; }, within_ms);
+}
 
 DetectSiteInfo Site(const std::string& ip, uint16_t port, const std::string& token = "",
                     const std::string& para = "") {
@@ -115,13 +68,13 @@ DetectSiteInfo Site(const std::string& ip, uint16_t port, const std::string& tok
 }
 
 // Every export refuses before it starts anything: the code, and no callback.
-TEST_F(LongTime, RefusalsCarryTheirCodesAndStartNothing) {
+TEST(LongTime, RefusalsCarryTheirCodesAndStartNothing) {
     using Start = uint32_t (*)(const DetectSiteInfo*, DetectBwConfig*);
     const std::string ip = test_ip(9);
     for (Start start : {zeph_detect_start_long_time_bw, zeph_detect_start_stun_long_time}) {
         SCOPED_TRACE(start == zeph_detect_start_long_time_bw ? "site" : "stun");
-        DetectBwConfig plain{0, 1, 10, on_report};
-        DetectBwConfig auth{1, 1, 10, on_report};
+        DetectBwConfig plain{0, 1, 10, zeph_test::record_report};
+        DetectBwConfig auth{1, 1, 10, zeph_test::record_report};
         DetectBwConfig no_callback{0, 1, 10, nullptr};
         const DetectSiteInfo good = Site(ip, kServerPort, "token", "para");
         EXPECT_EQ(start(nullptr, &plain), 26u);
@@ -133,22 +86,23 @@ TEST_F(LongTime, RefusalsCarryTheirCodesAndStartNothing) {
         site = Site(ip, kServerPort, "token", std::string(129, 'p'));
         EXPECT_EQ(start(&site, &auth), 31u) << "a parameter of 129 bytes";
     }
-    EXPECT_FALSE(wait_until([] { return report_count() > 0; }, 300));
+    EXPECT_FALSE(more_reports_than(0, 300));
 }
 
 // With is_auth every packet is a type-2 packet with the token; our server
 // must answer them as data, not as auth requests, or nothing is measured.
 // Level 7 runs at level 1: 500 packets a round (and the last one thrice
 // more), from 64100 and 64101 in turn.
-TEST_F(LongTime, TokenInEveryPacketIsMeasuredByOurServer) {
+TEST(LongTime, TokenInEveryPacketIsMeasuredByOurServer) {
     const std::string ip = test_ip(2);
-    Serve(ip);
+    zeph_test::QualityServerOn server(ip);
+    ASSERT_TRUE(server.ok());
     zeph_test::LogCapture log(1);
     DetectSiteInfo site = Site(ip, kServerPort, "token-of-the-site", "parameter");
-    DetectBwConfig config{1, 7, 20, on_report};
+    DetectBwConfig config{1, 7, 20, zeph_test::record_report};
     const uint64_t started = now_ms();
     ASSERT_EQ(zeph_detect_start_long_time_bw(&site, &config), 0u);
-    const std::vector<Report> got = ExpectRounds(2, started);
+    const std::vector<Report> got = expect_rounds(2, started);
     for (const Report& r : got) {
         if (r.results.empty()) continue;
         const DetectQosResult& q = r.results[0];
@@ -159,7 +113,7 @@ TEST_F(LongTime, TokenInEveryPacketIsMeasuredByOurServer) {
     }
     EXPECT_TRUE(log.contains("level(7) is out of range")) << log.dump();
 
-    const std::vector<DetectServerClientInfo> clients = DetectServer::get_instance()->clients();
+    const std::vector<DetectServerClientInfo> clients = server->clients();
     ASSERT_EQ(clients.size(), 2u);
     for (const DetectServerClientInfo& c : clients) {
         EXPECT_TRUE(c.key.port == kFirstClientPort || c.key.port == kFirstClientPort + 1) << c.key.port;
@@ -171,9 +125,10 @@ TEST_F(LongTime, TokenInEveryPacketIsMeasuredByOurServer) {
 // Three rounds through a relay of known delay, jitter and loss: each
 // direction's figures beside the relay's truth (bounds with room for a
 // loaded machine; the bench has the precise figures).
-TEST_F(LongTime, ThreeRoundsThroughTheRelayFollowTheTruth) {
+TEST(LongTime, ThreeRoundsThroughTheRelayFollowTheTruth) {
     const std::string ip = test_ip(1);
-    Serve(ip);
+    zeph_test::QualityServerOn server(ip);
+    ASSERT_TRUE(server.ok());
     zeph_relay::UdpRelayConfig cfg;
     cfg.listen_ip = ip;
     cfg.server_ip = ip;
@@ -185,10 +140,10 @@ TEST_F(LongTime, ThreeRoundsThroughTheRelayFollowTheTruth) {
     ASSERT_EQ(relay.start(), 0);
 
     DetectSiteInfo site = Site(relay.listen_ip(), relay.port()); // no token: none is needed
-    DetectBwConfig config{0, 3, 30, on_report};
+    DetectBwConfig config{0, 3, 30, zeph_test::record_report};
     const uint64_t started = now_ms();
     ASSERT_EQ(zeph_detect_start_long_time_bw(&site, &config), 0u);
-    const std::vector<Report> got = ExpectRounds(3, started);
+    const std::vector<Report> got = expect_rounds(3, started);
     ASSERT_EQ(got.size(), 3u);
 
     // Level 3: 2000 packets a round, and the last one thrice more.
@@ -232,23 +187,23 @@ bool answer_stun(std::vector<uint8_t>& p, const zeph_test::UdpStandIn::Got& g) {
 // says so), Binding Requests of 1400 bytes with the sequence number in the
 // transaction id, one round for a time_len of 9, and the detection freed by
 // its own thread at its end.
-TEST_F(LongTime, StunFormRunsAtLevelZeroAgainstAStunServer) {
+TEST(LongTime, StunFormRunsAtLevelZeroAgainstAStunServer) {
     zeph_test::UdpStandIn stun(test_ip(3), 0, answer_stun);
     ASSERT_TRUE(stun.ok());
     zeph_test::LogCapture log(2);
     DetectSiteInfo site = Site(test_ip(3), stun.port());
-    DetectBwConfig config{0, 5, 9, on_report};
+    DetectBwConfig config{0, 5, 9, zeph_test::record_report};
     const uint64_t started = now_ms();
     ASSERT_EQ(zeph_detect_start_stun_long_time(&site, &config), 0u);
     EXPECT_EQ(config.level, 0);
-    const std::vector<Report> got = ExpectRounds(1, started);
+    const std::vector<Report> got = expect_rounds(1, started);
     ASSERT_EQ(got.size(), 1u);
     const DetectQosResult& q = got[0].results[0];
     EXPECT_LT(q.a_delay, 20);
     EXPECT_EQ(q.a_s_loss, 0);
     EXPECT_LE(q.a_r_loss, 5);
     EXPECT_TRUE(log.wait_for("destory", 2000)) << "the detection outlives its thread";
-    EXPECT_FALSE(wait_until([] { return report_count() > 1; }, 500));
+    EXPECT_FALSE(more_reports_than(1, 500));
 
     // Level 0: 25 packets a second for 10 s, and the last one thrice more.
     const std::vector<zeph_test::UdpStandIn::Got> pkts = stun.got();
@@ -269,9 +224,10 @@ TEST_F(LongTime, StunFormRunsAtLevelZeroAgainstAStunServer) {
 
 // `zeph-nettools monitor`: a JSON object per report, and on SIGINT a summary
 // and a clean exit without waiting for the rounds still to come.
-TEST_F(LongTime, MonitorPrintsReportsUntilInterrupted) {
+TEST(LongTime, MonitorPrintsReportsUntilInterrupted) {
     const std::string ip = test_ip(4);
-    Serve(ip);
+    zeph_test::QualityServerOn server(ip);
+    ASSERT_TRUE(server.ok());
     zeph_test::Process tool;
     ASSERT_TRUE(tool.start({zeph_test::tool_path("zeph-nettools"), "monitor", ip, "--minutes", "2", "--level", "2",
                             "--json"}))
