@@ -94,12 +94,14 @@ protected:
     void SetUp() override {
         g_reports.clear();
         zeph_settings_set_http_proxy(nullptr, 0, nullptr, nullptr);
+        ASSERT_TRUE(stun.start());
         ASSERT_EQ(0, zeph_net_tools_init());
     }
     void TearDown() override {
         zeph_net_tools_uninit();
         zeph_settings_set_http_proxy(nullptr, 0, nullptr, nullptr);
     }
+    zeph_peers::StunResponder stun; // answers every STUN probe
 };
 
 constexpr uint16_t kIcmpPort = 1; // an echo has no port; the record needs one
@@ -108,8 +110,6 @@ constexpr uint16_t kIcmpPort = 1; // an echo has no port; the record needs one
 
 TEST_F(Connectivity, RefusedArgumentsReturnOneAndNeverCallBack) {
     LogCapture log;
-    zeph_peers::StunResponder stun;
-    ASSERT_TRUE(stun.start());
     const uint16_t p = stun.port();
     const uint32_t before = DetectConnectivity::instances();
     EXPECT_EQ(1, zeph_single_port_detect(1, nullptr, p, ZEPH_TRANS_UDP, on_result));
@@ -140,8 +140,6 @@ TEST_F(Connectivity, RefusedArgumentsReturnOneAndNeverCallBack) {
 
 TEST_F(Connectivity, LiteralUdpTargetIsReportedOpenRightAfterItsAnswerAndIcmpAsRoot) {
     LogCapture log;
-    zeph_peers::StunResponder stun;
-    ASSERT_TRUE(stun.start());
     const uint64_t t0 = now_ms();
     ASSERT_EQ(0, zeph_single_port_detect(11, "127.0.0.1", stun.port(), ZEPH_TRANS_UDP, on_result));
     Seen rep;
@@ -179,8 +177,6 @@ TEST_F(Connectivity, LiteralUdpTargetIsReportedOpenRightAfterItsAnswerAndIcmpAsR
 // A server that accepts and hangs up at once still accepted: its port is
 // open, whether the hang-up reaches us before or after the handshake is seen.
 TEST_F(Connectivity, MixedTargetsReportOneSecondAfterTheFirstAnswer) {
-    zeph_peers::StunResponder stun;
-    ASSERT_TRUE(stun.start());
     TcpListener listener;
     TcpListener closer(TcpListener::Mode::Close);
     const uint16_t refusing = closed_tcp_port();
@@ -211,31 +207,6 @@ TEST_F(Connectivity, MixedTargetsReportOneSecondAfterTheFirstAnswer) {
     listener.close_connections(); // the listener's side of the accepted connection
     // A receive pass may hold a finished socket until it ends.
     EXPECT_TRUE(wait_until([&] { return open_fds() == fds_before; }, 2000)) << open_fds() << " vs " << fds_before;
-}
-
-TEST_F(Connectivity, SilentTargetIsProbedWithRisingSequenceUntilFourSeconds) {
-    UdpSocket silent;
-    ASSERT_TRUE(silent.ok());
-    const uint64_t t0 = now_ms();
-    ASSERT_EQ(0, zeph_single_port_detect(31, "127.0.0.1", silent.port(), ZEPH_TRANS_UDP, on_result));
-    std::vector<uint32_t> seqs;
-    uint8_t buf[2048];
-    while (reports_of(31) == 0 && now_ms() - t0 < 8000) {
-        const int n = silent.recv(buf, sizeof buf, 50);
-        if (n == 20 && be32(&buf[4]) == 0x2112A442u) seqs.push_back(be32(&buf[16]));
-    }
-    Seen rep;
-    ASSERT_TRUE(wait_report(31, rep, 100));
-    const uint64_t took = rep.at_ms - t0;
-    EXPECT_GE(took, 3950u) << "3 s without an answer, then 1 s of grace";
-    EXPECT_LT(took, 4800u);
-    EXPECT_EQ("0", opens(rep.value));
-    // A probe every 300 ms for 4 s (each pass arms the next, so a slow
-    // machine loses a few).
-    EXPECT_GE(seqs.size(), 10u);
-    EXPECT_LE(seqs.size(), 15u);
-    for (size_t i = 1; i < seqs.size(); ++i) EXPECT_EQ(seqs[i - 1] + 1, seqs[i]) << i;
-    EXPECT_TRUE(runtime_idle());
 }
 
 TEST_F(Connectivity, EachUdpProbeFormIsAnsweredByItsOwnServer) {
@@ -328,8 +299,6 @@ TEST_F(Connectivity, NamesResolveAndALateAnswerReachesNobody) {
     LogCapture log;
     DnsResponder dns;
     ASSERT_TRUE(dns.ok());
-    zeph_peers::StunResponder stun;
-    ASSERT_TRUE(stun.start());
     dns.add("fast.conn.test", DnsResponder::address("127.0.0.1"));
     dns.add("late.conn.test", DnsResponder::address("127.0.0.1", 1400));
     ASSERT_EQ(0, zeph_settings_set_dns_servers(dns.server().c_str()));
@@ -351,18 +320,37 @@ TEST_F(Connectivity, NamesResolveAndALateAnswerReachesNobody) {
     EXPECT_TRUE(runtime_idle());
 }
 
-TEST_F(Connectivity, SeventeenSitesGiveSixteenRowsAndAnEmptyListReportsAfterFourSeconds) {
+// A silent target and an empty list both report after 4 s: 3 s without an
+// answer, then 1 s of grace.
+TEST_F(Connectivity, SilentTargetProbedWithRisingSequenceUntilFourSecondsAndSeventeenSitesGiveSixteenRows) {
     LogCapture log;
-    zeph_peers::StunResponder stun;
-    ASSERT_TRUE(stun.start());
+    UdpSocket silent;
+    ASSERT_TRUE(silent.ok());
     std::vector<ConnectivitySite> sites(17, site("127.0.0.1", stun.port(), ZEPH_TRANS_UDP));
     sites[16].port = 9; // the dropped one
     const ConnectivityDetectInfo many = info_of(71, sites);
     const ConnectivityDetectInfo none = info_of(72, {});
     const uint64_t t0 = now_ms();
+    ASSERT_EQ(0, zeph_single_port_detect(31, "127.0.0.1", silent.port(), ZEPH_TRANS_UDP, on_result));
     ASSERT_EQ(0, zeph_any_port_detect_new(&many));
     ASSERT_EQ(0, zeph_any_port_detect_new(&none));
+    std::vector<uint32_t> seqs;
+    uint8_t buf[2048];
+    while (reports_of(31) == 0 && now_ms() - t0 < 8000) {
+        const int n = silent.recv(buf, sizeof buf, 50);
+        if (n == 20 && be32(&buf[4]) == 0x2112A442u) seqs.push_back(be32(&buf[16]));
+    }
     Seen rep;
+    ASSERT_TRUE(wait_report(31, rep, 100));
+    EXPECT_GE(rep.at_ms - t0, 3950u);
+    EXPECT_LT(rep.at_ms - t0, 4800u);
+    EXPECT_EQ("0", opens(rep.value));
+    // A probe every 300 ms for 4 s (each pass arms the next, so a slow
+    // machine loses a few).
+    EXPECT_GE(seqs.size(), 10u);
+    EXPECT_LE(seqs.size(), 15u);
+    for (size_t i = 1; i < seqs.size(); ++i) EXPECT_EQ(seqs[i - 1] + 1, seqs[i]) << i;
+
     ASSERT_TRUE(wait_report(71, rep));
     EXPECT_EQ(std::string(16, '1'), opens(rep.value));
     EXPECT_TRUE(log.contains("detect count(17) more than 16")) << log.dump();
@@ -375,8 +363,6 @@ TEST_F(Connectivity, SeventeenSitesGiveSixteenRowsAndAnEmptyListReportsAfterFour
 }
 
 TEST_F(Connectivity, ThirtyDetectionsFromFourThreadsCallBackOnceEachAndFreeEverything) {
-    zeph_peers::StunResponder stun;
-    ASSERT_TRUE(stun.start());
     // Keeps what it accepts: a connection closed at once can read as a
     // hang-up before the receive thread sees it writable.
     TcpListener listener;
@@ -415,8 +401,6 @@ TEST_F(Connectivity, ThirtyDetectionsFromFourThreadsCallBackOnceEachAndFreeEvery
 }
 
 TEST_F(Connectivity, CallbackMayStartAnotherDetectionOrStopTheRuntime) {
-    zeph_peers::StunResponder stun;
-    ASSERT_TRUE(stun.start());
     const uint16_t port = stun.port();
     std::atomic<int> second_rc{-1};
     {
