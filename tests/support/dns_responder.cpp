@@ -42,27 +42,15 @@ bool read_question(const uint8_t* buf, size_t len, Question* q) {
     }
     for (;;) {
         uint8_t n = 0;
-        if (!r.get_u8(n) || (n & kLabelPointerBits) != 0) {
-            return false;
-        }
-        if (n == 0) {
-            break;
-        }
+        if (!r.get_u8(n) || (n & kLabelPointerBits) != 0) return false;
+        if (n == 0) break;
         const uint8_t* label = r.peek(n);
-        if (label == nullptr || !r.skip(n)) {
-            return false;
-        }
-        if (!q->name.empty()) {
-            q->name.push_back('.');
-        }
-        for (size_t i = 0; i < n; ++i) {
-            q->name.push_back(static_cast<char>(std::tolower(label[i])));
-        }
+        if (label == nullptr || !r.skip(n)) return false;
+        if (!q->name.empty()) q->name.push_back('.');
+        for (size_t i = 0; i < n; ++i) q->name.push_back(static_cast<char>(std::tolower(label[i])));
     }
     uint16_t qclass = 0;
-    if (!r.get_be16(q->type) || !r.get_be16(qclass)) {
-        return false;
-    }
+    if (!r.get_be16(q->type) || !r.get_be16(qclass)) return false;
     q->question_end = r.position();
     return true;
 }
@@ -99,9 +87,7 @@ DnsResponder::DnsResponder(const std::string& ip) : ip_(ip), sock_(ip, 0) {
 
 DnsResponder::~DnsResponder() {
     stop_ = true;
-    if (thread_.joinable()) {
-        thread_.join();
-    }
+    if (thread_.joinable()) thread_.join();
 }
 
 std::string DnsResponder::server() const { return ip_ + ":" + std::to_string(sock_.port()); }
@@ -122,9 +108,7 @@ void DnsResponder::run() {
         std::string ip;
         uint16_t port = 0;
         const int n = sock_.recv(buf, sizeof buf, kReadSliceMs, &ip, &port);
-        if (n > 0) {
-            answer(buf, static_cast<size_t>(n), ip, port);
-        }
+        if (n > 0) answer(buf, static_cast<size_t>(n), ip, port);
         const uint64_t now = now_ms();
         for (auto it = due_.begin(); it != due_.end();) {
             if (it->at_ms <= now) {
@@ -139,17 +123,13 @@ void DnsResponder::run() {
 
 void DnsResponder::answer(const uint8_t* query, size_t len, const std::string& ip, uint16_t port) {
     Question q;
-    if (!read_question(query, len, &q)) {
-        return;
-    }
+    if (!read_question(query, len, &q)) return;
     Behaviour b;
     {
         std::lock_guard<std::mutex> lk(mu_);
         questions_.push_back(q.name + "/" + type_text(q.type));
         auto it = table_.find(q.name);
-        if (it != table_.end()) {
-            b = it->second;
-        }
+        if (it != table_.end()) b = it->second;
     }
     std::vector<uint8_t> packet;
     const uint8_t ipv6[kIpv6Size] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
