@@ -1,6 +1,6 @@
 // The tunnel socket shim against a UDP endpoint of the test's own on
-// loopback: the bytes on the wire, what a receiver gets back, the refusals
-// with their log lines, the descriptor sets and the pass-through calls.
+// loopback: the bytes on the wire, what a receiver gets back, the refusals,
+// the descriptor sets and the pass-through calls. Runs on the test's thread.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -106,17 +106,18 @@ TEST(KestSend, BothHeadsOnTheWireAtTheTunnelPort) {
 }
 
 // The receiver takes 4 bytes off, gets the payload and the head's port as the
-// peer's; an 8-byte head leaves its second word in front of the payload.
-TEST(KestReceive, PayloadAndThePortOfTheHead) {
+// peer's; an 8-byte head leaves its second word in front of the payload. Short
+// and foreign datagrams are refused with their lines, a flood of them with a
+// bounded number of lines.
+TEST(KestReceive, PayloadPortOfTheHeadAndRefusals) {
     KestSocket s;
     zeph_test::UdpSocket peer;
     ASSERT_TRUE(s.ok() && peer.ok());
     const Bytes short_head = concat({0xFF, 0x01, 0x00, 0x50}, kPayload);
     const Bytes long_head = concat({0xFF, 0x01, 0x1F, 0x90, 0xFF, 0x02, 0xEC, 0xEC}, kPayload);
-
-    ASSERT_TRUE(peer.send_to(short_head.data(), short_head.size(), "127.0.0.1", s.port));
     Bytes buf;
     sockaddr_in from{};
+    ASSERT_TRUE(peer.send_to(short_head.data(), short_head.size(), "127.0.0.1", s.port));
     ASSERT_EQ(s.recv(buf, 64, &from), static_cast<int32_t>(kPayload.size()));
     EXPECT_EQ(Bytes(buf.begin(), buf.begin() + kPayload.size()), kPayload);
     EXPECT_EQ(buf[kPayload.size()], 0xAA) << "nothing written behind the payload";
@@ -132,12 +133,7 @@ TEST(KestReceive, PayloadAndThePortOfTheHead) {
     Bytes small;
     ASSERT_EQ(s.recv(small, 3, nullptr), 3);
     EXPECT_EQ(small, Bytes(kPayload.begin(), kPayload.begin() + 3));
-}
 
-TEST(KestReceive, ShortAndForeignDatagramsAreRefusedWithTheirLines) {
-    KestSocket s;
-    zeph_test::UdpSocket peer;
-    ASSERT_TRUE(s.ok() && peer.ok());
     zeph_test::LogCapture log;
     const struct {
         Bytes datagram;
@@ -151,37 +147,26 @@ TEST(KestReceive, ShortAndForeignDatagramsAreRefusedWithTheirLines) {
     for (const auto& c : cases) {
         log.clear();
         ASSERT_TRUE(peer.send_to(c.datagram.data(), c.datagram.size(), "127.0.0.1", s.port));
-        Bytes buf;
-        sockaddr_in from{};
         EXPECT_EQ(s.recv(buf, 32, &from), KEST_ERR_NOT_TUNNEL) << c.line;
         EXPECT_EQ(ntohs(from.sin_port), peer.port()) << "the socket's own source stays";
         EXPECT_EQ(buf, Bytes(32, 0xAA)) << "nothing delivered";
         EXPECT_TRUE(log.contains(c.line)) << log.dump();
     }
     EXPECT_EQ(kest_get_last_error(), 0);
-}
 
-// A peer flooding the socket with foreign datagrams gets a bounded number of lines.
-TEST(KestReceive, AFloodOfForeignDatagramsIsLoggedSparingly) {
-    KestSocket s;
-    zeph_test::UdpSocket peer;
-    ASSERT_TRUE(s.ok() && peer.ok());
-    zeph_test::LogCapture log;
+    log.clear();
     const Bytes foreign = {0x00, 0x01, 0x00, 0x50, 0x01};
-    constexpr int kDatagrams = 200;
-    for (int i = 0; i < kDatagrams; ++i) {
+    for (int i = 0; i < 200; ++i) {
         ASSERT_TRUE(peer.send_to(foreign.data(), foreign.size(), "127.0.0.1", s.port));
-        Bytes buf;
         ASSERT_EQ(s.recv(buf, 16, nullptr), KEST_ERR_NOT_TUNNEL);
     }
     const int lines = log.count("recv is not kest len=1");
-    EXPECT_GE(lines, 1);
-    EXPECT_LE(lines, 20) << log.dump();
+    EXPECT_TRUE(lines >= 1 && lines <= 20) << log.dump();
 }
 
 // Non-blocking through ioctl: an empty socket fails at once with the socket's
 // -1 and its error in the line; FIONREAD and select see a datagram that waits.
-TEST(KestPassThrough, IoctlSelectAndOptionsReachTheSocket) {
+TEST(KestPassThrough, IoctlSelectOptionsAndDescriptorSets) {
     KestSocket s;
     zeph_test::UdpSocket peer;
     ASSERT_TRUE(s.ok() && peer.ok());
@@ -222,9 +207,8 @@ TEST(KestPassThrough, IoctlSelectAndOptionsReachTheSocket) {
     ASSERT_EQ(kest_get_sock_opt(s.fd, KEST_SOL_SOCKET, KEST_SO_RCVBUF, &read_back, &read_len), 0);
     EXPECT_GE(read_back, size);
     EXPECT_EQ(read_len, 4);
-}
 
-TEST(KestFdSet, NoDuplicatesAtMost64AndNullIsEmpty) {
+    // A set holds no duplicates and at most 64; a null set is empty.
     kest_fdset set;
     kest_fd_zero(&set);
     kest_fd_set(5, &set);
