@@ -23,8 +23,7 @@ std::atomic<bool> g_watch{false};
 std::atomic<int> g_leaks{0};
 void* volatile g_escape = nullptr;
 
-void Release(void* p)
-{
+void Release(void* p) {
     if (p != nullptr && g_watch.load(std::memory_order_relaxed)) {
         for (const char* secret : kSecrets) {
             if (memmem(p, malloc_usable_size(p), secret, std::strlen(secret)) != nullptr) ++g_leaks;
@@ -35,8 +34,7 @@ void Release(void* p)
 
 } // namespace
 
-void* operator new(size_t n)
-{
+void* operator new(size_t n) {
     if (void* p = std::malloc(n ? n : 1)) return p;
     throw std::bad_alloc();
 }
@@ -46,8 +44,7 @@ void operator delete[](void* p) noexcept { Release(p); }
 void operator delete(void* p, size_t) noexcept { Release(p); }
 void operator delete[](void* p, size_t) noexcept { Release(p); }
 
-TEST(StunWipe, EveryPathThatDropsAPasswordWipesIt)
-{
+TEST(StunWipe, EveryPathThatDropsAPasswordWipesIt) {
     // The watch is not blind: a record like ours without the wipe is seen.
     struct Unwiped {
         std::string inObject{kSecrets[0]}, onHeap{kSecrets[1]};
