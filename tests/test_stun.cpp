@@ -22,23 +22,20 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 using Attrs = std::vector<zeph::stun::Attribute>;
 
-StunIceInfo Info(const std::string& ufrag, const std::string& password = "pw")
-{
+StunIceInfo Info(const std::string& ufrag, const std::string& password = "pw") {
     StunIceInfo info{};
     std::memcpy(info.ufrag, ufrag.data(), std::min(ufrag.size(), sizeof info.ufrag - 1));
     std::memcpy(info.password, password.data(), std::min(password.size(), sizeof info.password - 1));
     return info;
 }
 
-void SetKey(const std::string& key, const std::string& local, const std::string& remote)
-{
+void SetKey(const std::string& key, const std::string& local, const std::string& remote) {
     const StunIceInfo l = Info(local, "local-pw"), r = Info(remote, "remote-pw");
     ASSERT_EQ(MORL_StunSetLocalIceInfo(key.c_str(), &l) + MORL_StunSetRemoteIceInfo(key.c_str(), &r), 0u);
 }
 
 // The packet built for key by the exports (bare or behind the private head).
-Bytes Build(const std::string& key, bool framed = false)
-{
+Bytes Build(const std::string& key, bool framed = false) {
     Bytes buf(framed ? 288 : 256);
     uint32_t len = uint32_t(buf.size());
     const uint32_t rc = framed ? MORL_StunBuildPacket(key.c_str(), buf.data(), &len)
@@ -49,8 +46,7 @@ Bytes Build(const std::string& key, bool framed = false)
 }
 
 // Our own reading of a message; false on a bad walk.
-bool Walk(const uint8_t* msg, size_t size, Attrs& out)
-{
+bool Walk(const uint8_t* msg, size_t size, Attrs& out) {
     zeph::ByteReader r(msg, size);
     zeph::stun::Header h;
     zeph::stun::Attribute a;
@@ -60,8 +56,7 @@ bool Walk(const uint8_t* msg, size_t size, Attrs& out)
 }
 
 // USERNAME of a framed packet built by `table`, or "<code N>"; *channel from its head.
-std::string Username(StunManager& table, const std::string& key, bool fuzzy = false, uint32_t* channel = nullptr)
-{
+std::string Username(StunManager& table, const std::string& key, bool fuzzy = false, uint32_t* channel = nullptr) {
     Bytes buf(288);
     uint32_t len = 288;
     Attrs attrs;
@@ -71,8 +66,7 @@ std::string Username(StunManager& table, const std::string& key, bool fuzzy = fa
     return std::string(attrs[0].value, attrs[0].value + attrs[0].length);
 }
 
-std::string Hex(const std::string& s)
-{
+std::string Hex(const std::string& s) {
     std::string out;
     char b[3];
     for (unsigned char c : s) out += (std::snprintf(b, sizeof b, "%02x", c), b);
@@ -81,8 +75,7 @@ std::string Hex(const std::string& s)
 
 // The independent decoder over all messages, in one process: one map of
 // its key=value words per message.
-std::vector<std::map<std::string, std::string>> Decode(const std::vector<Bytes>& msgs, bool framed)
-{
+std::vector<std::map<std::string, std::string>> Decode(const std::vector<Bytes>& msgs, bool framed) {
     std::string cmd = std::string("python3 " ZEPH_SOURCE_DIR "/tests/stun_decode.py") + (framed ? " --private" : "");
     for (const auto& m : msgs) cmd += " " + Hex(std::string(m.begin(), m.end()));
     std::vector<std::map<std::string, std::string>> out;
@@ -101,8 +94,7 @@ std::vector<std::map<std::string, std::string>> Decode(const std::vector<Bytes>&
 // usernames near the size limit, where an attribute that would bring the
 // message length to 236 or more is left out and the packet stays whole
 // below 256 bytes: all judged by the independent decoder.
-TEST(StunPacket, IndependentDecoderAgrees)
-{
+TEST(StunPacket, IndependentDecoderAgrees) {
     const std::string U = "USERNAME", MI = "MESSAGE-INTEGRITY", FP = "FINGERPRINT", all = U + "," + MI + "," + FP;
     std::vector<Bytes> bare, framed;
     std::vector<std::string> users, attrs; // expected per bare packet; the framed ones have all three
@@ -159,8 +151,7 @@ TEST(StunPacket, IndependentDecoderAgrees)
     EXPECT_EQ(txids.size(), bare.size() + framed.size()) << "every packet has a new transaction id";
 }
 
-TEST(StunPacket, CoturnAnswersBuiltPackets)
-{
+TEST(StunPacket, CoturnAnswersBuiltPackets) {
     zeph_test::CoturnServer coturn;
     ASSERT_TRUE(coturn.start());
     zeph_test::UdpSocket sock;
@@ -186,8 +177,7 @@ TEST(StunPacket, CoturnAnswersBuiltPackets)
     EXPECT_FALSE(answered(bad.data(), bad.size(), 300)) << "coturn should drop a wrong FINGERPRINT";
 }
 
-TEST(StunStore, SidesChannelAndLookups)
-{
+TEST(StunStore, SidesChannelAndLookups) {
     StunManager& global = StunManager::Instance();
     const size_t before = global.Size();
     const StunIceInfo local = Info("loc1"), remote = Info("rem1"), local2 = Info("loc2");
@@ -226,8 +216,7 @@ TEST(StunStore, SidesChannelAndLookups)
     EXPECT_EQ(Username(table, "stun_audio"), "<code 4>") << "the exact look-up takes no part of a key";
 }
 
-TEST(StunStore, ResultCodesAndNoPasswordInTheLog)
-{
+TEST(StunStore, ResultCodesAndNoPasswordInTheLog) {
     zeph_test::LogCapture logs(3);
     const StunIceInfo info = Info("u", "Pw-7f3a9c1e");
     uint8_t buf[288] = {};
@@ -262,8 +251,7 @@ TEST(StunStore, ResultCodesAndNoPasswordInTheLog)
 // Many threads set, build and clear a few keys at once. A build finds no
 // key or yields a whole packet whose USERNAME halves were each stored
 // whole (a fragment is one letter repeated). Run under ThreadSanitizer too.
-TEST(StunConcurrency, SetBuildAndClearFromManyThreads)
-{
+TEST(StunConcurrency, SetBuildAndClearFromManyThreads) {
     const std::string keys[] = {"stun_audio_1", "stun_audio_2", "stun_video_1", "stun_data_1"};
     std::atomic<int> built{0}, bad{0};
     std::vector<std::thread> threads;
