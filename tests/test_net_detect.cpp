@@ -4,8 +4,6 @@
 // 1124, 10002), so each plan test gives its servers addresses of its own in
 // 127.0.0.0/8.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <map>
@@ -26,22 +24,19 @@ namespace {
 // and tests pick theirs by serial number. Never destroyed: library threads
 // may still call in at exit.
 std::mutex& g_mutex = *new std::mutex;
-std::vector<NetDetectResult>& g_records = *new std::vector<NetDetectResult>;
-std::vector<uint64_t>& g_record_times = *new std::vector<uint64_t>; // now_ms() of each callback
+std::vector<std::pair<NetDetectResult, uint64_t>>& g_records = *new std::vector<std::pair<NetDetectResult, uint64_t>>;
 
 void on_result(NetDetectResult* r) {
     std::lock_guard<std::mutex> lock(g_mutex);
-    g_records.push_back(*r);
-    g_record_times.push_back(now_ms());
+    g_records.emplace_back(*r, now_ms());
 }
 
 // When the last callback for (num, level) came; 0 if none did.
 uint64_t record_time(uint32_t num, uint32_t level) {
     std::lock_guard<std::mutex> lock(g_mutex);
     uint64_t at = 0;
-    for (size_t i = 0; i < g_records.size(); ++i) {
-        if (g_records[i].num == num && g_records[i].level == level) at = g_record_times[i];
-    }
+    for (const auto& r : g_records)
+        if (r.first.num == num && r.first.level == level) at = r.second;
     return at;
 }
 
@@ -49,9 +44,8 @@ uint64_t record_time(uint32_t num, uint32_t level) {
 bool wait_line(const LogCapture& log, const std::string& message, int timeout_ms) {
     return wait_until(
         [&] {
-            for (const auto& l : log.lines()) {
+            for (const auto& l : log.lines())
                 if (l.message == message) return true;
-            }
             return false;
         },
         timeout_ms, 5);
@@ -60,9 +54,8 @@ bool wait_line(const LogCapture& log, const std::string& message, int timeout_ms
 std::vector<NetDetectResult> records(uint32_t num) {
     std::lock_guard<std::mutex> lock(g_mutex);
     std::vector<NetDetectResult> out;
-    for (const auto& r : g_records) {
-        if (r.num == num) out.push_back(r);
-    }
+    for (const auto& r : g_records)
+        if (r.first.num == num) out.push_back(r.first);
     return out;
 }
 
@@ -75,12 +68,6 @@ bool all_freed(int timeout_ms) {
     return wait_until(
         [] { return NetDetect::live_count() + NetDetectBase::live_count() + PortDetectBase::live_count() == 0; },
         timeout_ms, 10);
-}
-
-bool raw_icmp_allowed() {
-    const int fd = ::socket(AF_INET, SOCK_RAW, IPPROTO_ICMP);
-    if (fd >= 0) ::close(fd);
-    return fd >= 0;
 }
 
 // `ok` about r, with r's figures in the message when it fails.
@@ -193,7 +180,7 @@ TEST(SingleNetDetect, EachTransportAgainstItsPeer) {
             peer.send_to(resp, sizeof resp, ip, port);
         }
     });
-    const bool icmp = raw_icmp_allowed();
+    const bool icmp = zeph_peers::raw_icmp_permitted();
     const uint16_t closed = closed_tcp_port();
     LogCapture log;
     auto start = [](uint32_t num, uint16_t port, uint32_t protocol) {
@@ -268,7 +255,7 @@ TEST(NetDetectPlan, EveryLevelReportedOnceAgainstAnsweringServers) {
     ASSERT_EQ(zeph_net_detect(static_cast<int32_t>(num), on_result), 0u);
     for (const auto& level : plan_levels(num)) {
         const NetDetectResult& r = level.second;
-        EXPECT_TRUE(r.level >= 5 && !raw_icmp_allowed() ? failed(r) : clean(r)); // without raw sockets, no echo
+        EXPECT_TRUE(r.level >= 5 && !zeph_peers::raw_icmp_permitted() ? failed(r) : clean(r)); // without raw sockets, no echo
     }
     // Four connects to each TCP server, in a burst of their own.
     EXPECT_GE(tcp1.accepts() + tcp2.accepts() + share.accepts(), 12);
@@ -294,7 +281,7 @@ TEST(NetDetectPlan, FailuresStayInTheirLevelAndLevel3FoldsWhatAnswered) {
     EXPECT_TRUE(failed(by_level[1])); // refused connects
     EXPECT_TRUE(clean(by_level[2]));
     EXPECT_TRUE(clean(by_level[3])); // TCP 1124 and UDP 443; UDP 10002 is left out
-    EXPECT_TRUE(raw_icmp_allowed() ? clean(by_level[5]) : failed(by_level[5]));
+    EXPECT_TRUE(zeph_peers::raw_icmp_permitted() ? clean(by_level[5]) : failed(by_level[5]));
 }
 
 // With a proxy set the TCP measurements go through it; the level 3 record
