@@ -12,15 +12,7 @@
 #include "peers.h"
 #include "tool_run.h"
 
-using zeph_test::CoturnServer;
-using zeph_test::Process;
-using zeph_test::ToolRun;
-using zeph_test::at;
-using zeph_test::expect_help;
-using zeph_test::expect_usage_errors;
-using zeph_test::parse_json_lines;
-using zeph_test::run_tool;
-using zeph_test::TcpListener;
+using namespace zeph_test;
 
 namespace {
 
@@ -85,7 +77,7 @@ TEST(Cli, ProxyPasswordIsNeverPrinted) {
     }
 
     TcpListener target(TcpListener::Mode::Close);
-    zeph_test::TinyProxy proxy;
+    TinyProxy proxy;
     ASSERT_TRUE(proxy.start({target.port()}, "zeph", "s3cret"));
     const std::string at_proxy = "127.0.0.1:" + std::to_string(proxy.port());
     // %XX escapes in the URL are decoded, as curl does.
@@ -117,8 +109,7 @@ TEST(Cli, PortJsonTellsOpenFromClosedInEveryGroup) {
     ASSERT_TRUE(stun.start());
     TcpListener open_tcp(TcpListener::Mode::Close);
     ASSERT_TRUE(open_tcp.ok());
-    const uint16_t closed_tcp = zeph_test::closed_tcp_port();
-    const uint16_t closed_udp = zeph_test::closed_udp_port();
+    const uint16_t closed_tcp = closed_tcp_port(), closed_udp = closed_udp_port();
 
     ToolRun r = run_tool({"port", "--json", endpoint(stun.port(), "udp"), endpoint(closed_tcp, "tcp"), "--group",
                       endpoint(closed_udp, "udp"), "localhost:" + std::to_string(open_tcp.port()) + "/tcp"},
@@ -126,14 +117,11 @@ TEST(Cli, PortJsonTellsOpenFromClosedInEveryGroup) {
     ASSERT_EQ(r.code(), 0) << r.what();
     ASSERT_EQ(r.lines(), 1u) << r.what();
     auto j = parse_json_lines(r.out);
-    EXPECT_EQ(at(j, "0:kind"), "\"any_port\"");
-    EXPECT_EQ(at(j, "0:type"), "2");
-    EXPECT_EQ(at(j, "0:group_num"), "2");
-    EXPECT_EQ(at(j, "0:groups.0.detect_num"), "2");
-    EXPECT_EQ(at(j, "0:groups.0.open.0"), "1");
-    EXPECT_EQ(at(j, "0:groups.0.open.1"), "0");
-    EXPECT_EQ(at(j, "0:groups.1.open.0"), "0");
-    EXPECT_EQ(at(j, "0:groups.1.open.1"), "1") << "a host name is resolved before the call";
+    std::string got;
+    for (const char* key : {"kind", "type", "group_num", "groups.0.detect_num", "groups.0.open.0", "groups.0.open.1",
+                            "groups.1.open.0", "groups.1.open.1"})
+        got += at(j, std::string("0:") + key) + " ";
+    EXPECT_EQ(got, "\"any_port\" 2 2 2 1 0 0 1 ") << "the last: a host name is resolved before the call";
     EXPECT_EQ(j.count("0:groups.0.open.2"), 0u) << "only the entries in use are listed";
     // The table says the same in words.
     ToolRun t = run_tool({"port", endpoint(open_tcp.port(), "tcp"), endpoint(closed_tcp, "tcp")}, 20000);
@@ -157,11 +145,8 @@ TEST(Cli, ThreePortDecodesTheBestGroup) {
     ToolRun r = run_tool({"port", "--three", "--json", "127.0.0.51", "127.0.0.52"}, 20000);
     ASSERT_EQ(r.code(), 0) << r.what();
     auto j = parse_json_lines(r.out);
-    EXPECT_EQ(at(j, "0:kind"), "\"three_port\"");
-    EXPECT_EQ(at(j, "0:ret_hex"), "\"0x01000202\"");
-    EXPECT_EQ(at(j, "0:group"), "1");
-    EXPECT_EQ(at(j, "0:media_word"), "\"line\"");
-    EXPECT_EQ(at(j, "0:share"), "2");
+    EXPECT_EQ(at(j, "0:kind") + at(j, "0:ret_hex") + at(j, "0:group") + at(j, "0:media_word") + at(j, "0:share"),
+              "\"three_port\"\"0x01000202\"1\"line\"2");
 
     ToolRun only_a = run_tool({"port", "--three", "127.0.0.51"}, 20000);
     ASSERT_EQ(only_a.code(), 0) << only_a.what();
@@ -176,9 +161,7 @@ TEST(Cli, NetMeasuresUdpAgainstStunAndPlanReturnsContext) {
     ASSERT_EQ(r.code(), 0) << r.what();
     ASSERT_EQ(r.lines(), 1u) << r.what();
     auto j = parse_json_lines(r.out);
-    EXPECT_EQ(at(j, "0:level"), "1");
-    EXPECT_EQ(at(j, "0:level_num"), "1");
-    EXPECT_EQ(at(j, "0:discard"), "0");
+    EXPECT_EQ(at(j, "0:level") + at(j, "0:level_num") + at(j, "0:discard"), "110");
     EXPECT_GE(std::stoi(at(j, "0:average")), 1);
     EXPECT_LT(std::stoi(at(j, "0:qos")), 3);
 
@@ -190,8 +173,7 @@ TEST(Cli, NetMeasuresUdpAgainstStunAndPlanReturnsContext) {
     ASSERT_EQ(plan.lines(), 8u) << plan.what();
     auto p = parse_json_lines(plan.out);
     for (int i = 0; i < 8; ++i) EXPECT_EQ(at(p, std::to_string(i) + ":context"), "77") << plan.out;
-    EXPECT_EQ(at(p, "7:level"), "3");
-    EXPECT_EQ(at(p, "7:discard"), "100");
+    EXPECT_EQ(at(p, "7:level") + " " + at(p, "7:discard"), "3 100");
     EXPECT_LT(plan.ended_ms - plan.started_ms, 15000u) << plan.what();
 }
 
@@ -204,16 +186,12 @@ TEST(Cli, DemoCompletesAndTheProcessLeavesRightAfterItsLastLine) {
     for (size_t i = 0; i < r.lines(); ++i) kinds[at(j, std::to_string(i) + ":kind")]++;
     EXPECT_EQ(kinds["\"any_port\""], 1) << r.out;
     EXPECT_GE(kinds["\"net\""], 3) << r.out;
-    if (geteuid() == 0) {
-        // As root the fixed ports can be bound: three-port and the plan too,
-        // unless another program holds them (then the skip says so).
-        if (r.err.find("skipped the three-port") == std::string::npos) {
-            EXPECT_EQ(kinds["\"three_port\""], 1) << r.out;
-        }
-        if (r.err.find("skipped the net detection plan") == std::string::npos) {
-            EXPECT_GE(kinds["\"net\""], 8) << r.out;
-        }
-    }
+    // As root the fixed ports can be bound: three-port and the plan too,
+    // unless another program holds them (then the skip says so).
+    const bool root = geteuid() == 0;
+    EXPECT_TRUE(!root || r.err.find("skipped the three-port") != std::string::npos || kinds["\"three_port\""] == 1) << r.out;
+    EXPECT_TRUE(!root || r.err.find("skipped the net detection plan") != std::string::npos || kinds["\"net\""] >= 8)
+        << r.out;
     // The library's threads (delayed frees, probes) still live after the last
     // result; the process must not wait for them, nor crash on the way out.
     EXPECT_LT(r.ended_ms - r.last_output_ms, 2000u) << r.what();
