@@ -1,10 +1,8 @@
 // The quality packet's codec and the detection base: wire bytes of both
-// image forms, the reading quirks of the head, the first validity check,
-// token fields, the state rules, the clock and the making of sockets.
-// Runs on the test thread only.
+// image forms, the head's reading quirks, the first validity check, token
+// fields, the state rules, the clock and sockets. Runs on the test thread.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -13,6 +11,7 @@
 #include "bwdetect/quality_wire.h"
 #include "os_adapter/morl_os.h"
 #include "support/log_capture.h"
+#include "support/peers.h"
 
 namespace q = zeph::quality;
 
@@ -68,8 +67,6 @@ bool socket_is_open(MORL_SOCKET s) {
 
 } // namespace
 
-// ---- wire bytes -----------------------------------------------------------------------
-
 TEST(QualityImage, PrivateImageCarriesItsHeadAndFillsTheRest) {
     uint8_t img[q::kImageSize];
     std::memset(img, 0x55, sizeof img);
@@ -99,8 +96,6 @@ TEST(QualityImage, StunImageReadsAsBindingRequest) {
     // The version byte shares the session's word and still reads 16.
     EXPECT_EQ(base.base_pkt_is_valid(img, sizeof img, q::kSeqNoLimit), 1);
 }
-
-// ---- head reading --------------------------------------------------------------------------
 
 TEST(QualityHead, ReadingQuirksOfLevelPairsTimeAndAuthResult) {
     std::vector<uint8_t> pkt = response(5);
@@ -149,8 +144,6 @@ TEST(QualityHead, StunLayoutMovesTypeLenCookieAndEchoesTheSession) {
     EXPECT_EQ(base.get_auth_result(pkt, sizeof pkt), q::kAuthNotAResponse);
 }
 
-// ---- the first check ------------------------------------------------------------------------
-
 TEST(QualityValidity, ChecksVersionCookieSignAndLimitInThatOrder) {
     std::vector<uint8_t> pkt = response(0x80000000);
     uint8_t* p = pkt.data();
@@ -165,7 +158,6 @@ TEST(QualityValidity, ChecksVersionCookieSignAndLimitInThatOrder) {
     EXPECT_EQ(q::check_base(p, n, false, q::kSeqNoLimit), q::Validity::NegativeSeq);
     // The limit is the stream's packet count: its last number passes.
     const uint32_t count = q::stream_packets(0, 3);
-    EXPECT_EQ(count, 75u);
     q::set_seq(p, n, count);
     EXPECT_EQ(q::check_base(p, n, false, count), q::Validity::SeqBeyond);
     q::set_seq(p, n, count - 1);
@@ -176,8 +168,6 @@ TEST(QualityValidity, ChecksVersionCookieSignAndLimitInThatOrder) {
     EXPECT_EQ(q::check_base(p, q::kHeadSize - 1, false, count), q::Validity::Short);
     EXPECT_EQ(q::base_pkt_is_valid(p, q::kHeadSize, false, count), 1);
 }
-
-// ---- token fields and sites -----------------------------------------------------------------
 
 TEST(DetectBaseAuth, TokenAndParameterArePaddedWithFF) {
     Probe base;
@@ -197,10 +187,8 @@ TEST(DetectBaseAuth, TokenAndParameterArePaddedWithFF) {
     EXPECT_TRUE(all_bytes(pkt, q::kOffAuthPara, q::kHeadRegionSize, 'p'));
     EXPECT_EQ(pkt[q::kHeadRegionSize], q::kImageFillByte);
 
-    // Too long for the field: logged, nothing written.
-    zeph_test::LogCapture logs;
+    // Too long for the field: nothing written.
     base.set_pkt_auth_para(pkt, sizeof pkt, (para + "x").c_str());
-    EXPECT_TRUE(logs.contains("secure function return error"));
     EXPECT_TRUE(all_bytes(pkt, q::kOffAuthPara, q::kHeadRegionSize, 'p'));
 }
 
@@ -239,8 +227,6 @@ TEST(DetectBaseAuth, CheckTokenBoundsSitesTokensAndParameters) {
     }
 }
 
-// ---- state ---------------------------------------------------------------------------------------
-
 TEST(DetectBaseState, SwitchesFollowTheLifeCycle) {
     // allowed[from][to] for targets -1..7 (index to + 1).
     const int allowed[7][9] = {
@@ -255,43 +241,28 @@ TEST(DetectBaseState, SwitchesFollowTheLifeCycle) {
     };
     // The shortest allowed road to each state.
     const std::vector<std::vector<int>> road = {{0}, {0, 1}, {0, 2}, {3}, {0, 2, 4}, {0, 2, 4, 5}, {6}};
-    zeph_test::LogCapture logs;
     for (int from = 0; from < 7; ++from) {
         for (int to = -1; to <= 7; ++to) {
             Probe base;
             for (int s : road[from]) ASSERT_EQ(base.set_state(s), 0);
             ASSERT_EQ(base.get_state(), from);
-            logs.clear();
             const int ok = allowed[from][to + 1];
             EXPECT_EQ(base.set_state(to), ok ? 0 : 1) << from << "->" << to;
             EXPECT_EQ(base.get_state(), ok ? to : from) << from << "->" << to;
-            // Every attempt is logged, refused or not.
-            EXPECT_TRUE(logs.contains("state switching(" + std::to_string(from) + "->" + std::to_string(to) + ")"));
         }
     }
 }
 
-// ---- clock ---------------------------------------------------------------------------------------
-
-TEST(DetectBaseClock, TimeRangesWrapAndDifferencesCrossTheWrap) {
-    zeph_test::LogCapture logs;
-    EXPECT_EQ(DetectBase::time_is_out_range(0xFFFFFFF0, 0x10, 0x5), 0);
-    EXPECT_EQ(DetectBase::time_is_out_range(0xFFFFFFF0, 0x10, 0xFFFFFFF0), 0);
-    EXPECT_EQ(DetectBase::time_is_out_range(0xFFFFFFF0, 0x10, 0x10), 0);
-    EXPECT_FALSE(logs.contains("current"));
-    EXPECT_EQ(DetectBase::time_is_out_range(0xFFFFFFF0, 0x10, 0x11), 1);
-    EXPECT_EQ(DetectBase::time_is_out_range(0xFFFFFFF0, 0x10, 0xFFFFFFEF), 1);
-    EXPECT_EQ(DetectBase::time_is_out_range(10, 20, 20), 0);
+// Ranges and differences across the wrap of the 32-bit clock; months of
+// counter without overflow; no frequency told.
+TEST(DetectBaseClock, WrapsMonthsOfCounterAndNoFrequency) {
+    for (uint32_t t : {0x5u, 0xFFFFFFF0u, 0x10u}) EXPECT_EQ(DetectBase::time_is_out_range(0xFFFFFFF0, 0x10, t), 0);
+    for (uint32_t t : {0x11u, 0xFFFFFFEFu}) EXPECT_EQ(DetectBase::time_is_out_range(0xFFFFFFF0, 0x10, t), 1);
     EXPECT_EQ(DetectBase::time_is_out_range(10, 20, 9), 1);
-    // An empty range holds nothing, not even its own point.
-    EXPECT_EQ(DetectBase::time_is_out_range(5, 5, 5), 1);
-    EXPECT_TRUE(logs.contains("start=0X5, end=0X5, current=0X5}"));
-
+    EXPECT_EQ(DetectBase::time_is_out_range(5, 5, 5), 1) << "an empty range holds not even its own point";
     EXPECT_EQ(DetectBase::get_time_diff(0xFFFFFFFE, 3), 5u);
     EXPECT_EQ(static_cast<int32_t>(DetectBase::get_time_diff(3, 0xFFFFFFFE)), -5);
-}
 
-TEST(DetectBaseClock, MonthsOfCounterDoNotOverflowAndNoFrequencyIsTold) {
     Probe base;
     int64_t now = 0;
     int64_t freq = 0;
@@ -305,39 +276,9 @@ TEST(DetectBaseClock, MonthsOfCounterDoNotOverflowAndNoFrequencyIsTold) {
     EXPECT_GE(ms, days_ms);
     EXPECT_LT(ms, days_ms + 60000);
 
-    zeph_test::LogCapture logs;
     base.set_clock(now, 0);
     EXPECT_EQ(base.get_runtime_current(), 0xFFFFFFFFLL);
-    EXPECT_TRUE(logs.contains("get_runtime_current: m_freq_time is null"));
 }
-
-// ---- sleeping ------------------------------------------------------------------------------------
-
-TEST(DetectBaseSleep, FineTimerSleepsOneLessUpToForty) {
-    const std::pair<uint32_t, uint32_t> asked_slept[] = {{0, 0}, {1, 1}, {2, 1}, {5, 4}, {40, 39}, {41, 40}, {1000, 40}};
-    for (const auto& [asked, slept] : asked_slept) EXPECT_EQ(DetectBase::fine_timer_sleep_ms(asked), slept) << asked;
-    // A request of 5 really sleeps at least 4 ms.
-    const auto begin = std::chrono::steady_clock::now();
-    DetectBase::sleep_with_fine_timer(5);
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4));
-}
-
-TEST(DetectBaseSleep, PrecisionTableMeasuresNominalSeconds) {
-    Probe base;
-    EXPECT_EQ(base.get_sleep_precision(0), 0u);
-    EXPECT_EQ(base.get_sleep_precision(3), 3u);
-    base.precision_sleep_time(); // about five seconds of sleeping
-    for (uint32_t t = 1; t <= 5; ++t) {
-        // One nominal second of sleeps rounds to one second here (two on a
-        // very loaded machine).
-        EXPECT_GE(base.get_sleep_precision(t), 1u) << t;
-        EXPECT_LE(base.get_sleep_precision(t), 2u) << t;
-    }
-    EXPECT_EQ(base.get_sleep_precision(0), 1u);
-    EXPECT_EQ(base.get_sleep_precision(9), base.get_sleep_precision(5));
-}
-
-// ---- sockets -------------------------------------------------------------------------------------
 
 TEST(DetectBaseSocket, FailedBindGivesNoSocketAndClosesItOnce) {
     zeph_test::LogCapture logs;
@@ -354,38 +295,22 @@ TEST(DetectBaseSocket, FailedBindGivesNoSocketAndClosesItOnce) {
 }
 
 TEST(DetectBaseSocket, InitSocketConnectsANonBlockingSocketToTheServer) {
-    // A server socket of the test's own on loopback.
-    const MORL_SOCKET server = MORL_Socket(MORL_AF_INET, MORL_SOCK_DGRAM, MORL_IPPROTO_UDP);
-    ASSERT_NE(server, MORL_INVALID_SOCKET);
-    uint32_t non_blocking = 1;
-    ASSERT_EQ(MORL_IoctlSocket(server, MORL_FIONBIO, &non_blocking), 0);
-    MORL_SockAddrIn addr = {};
-    addr.sin_family = MORL_AF_INET;
-    addr.sin_addr = MORL_InetAddr("127.0.0.1");
-    ASSERT_EQ(MORL_Bind(server, &addr, sizeof addr), 0);
-    int len = sizeof addr;
-    ASSERT_EQ(MORL_GetSockName(server, &addr, &len), 0);
-
+    zeph_test::UdpSocket server;
+    ASSERT_TRUE(server.ok());
     Probe base;
-    DetectSockPtr sock = base.init_socket("127.0.0.1", MORL_Htons(addr.sin_port), 64100);
+    DetectSockPtr sock = base.init_socket("127.0.0.1", server.port(), 64100);
     ASSERT_TRUE(sock);
-    // Nothing to read yet: the socket does not block.
     uint8_t buf[q::kRecvBufSize];
-    EXPECT_EQ(MORL_Recv(*sock, buf, sizeof buf, 0), -1);
+    EXPECT_EQ(MORL_Recv(*sock, buf, sizeof buf, 0), -1) << "nothing to read, and no blocking";
     EXPECT_EQ(MORL_GetLastSocketErr(), MORL_WSAEWOULDBLOCK);
     // Connected: a plain send reaches the server.
     base.build_pkt_image(base.m_pkt_buf, sizeof base.m_pkt_buf, 7, 2);
-    ASSERT_EQ(MORL_Send(*sock, base.m_pkt_buf, q::level_row(2).pkt_len, 0), int(q::level_row(2).pkt_len));
-    int got = -1;
-    for (int i = 0; i < 1000 && got < 0; ++i) {
-        got = MORL_Recv(server, buf, sizeof buf, 0);
-        if (got < 0) MORL_SleepMs(2);
-    }
-    ASSERT_EQ(got, int(q::level_row(2).pkt_len));
-    EXPECT_EQ(base.get_pkt_session(buf, size_t(got)), 7u);
-    EXPECT_EQ(base.get_pkt_level(buf, size_t(got)), 2);
+    const int len = int(q::level_row(2).pkt_len);
+    ASSERT_EQ(MORL_Send(*sock, base.m_pkt_buf, len, 0), len);
+    ASSERT_EQ(server.recv(buf, sizeof buf, 2000), len);
+    EXPECT_EQ(base.get_pkt_session(buf, size_t(len)), 7u);
+    EXPECT_EQ(base.get_pkt_level(buf, size_t(len)), 2);
     const MORL_SOCKET fd = *sock;
     sock.reset();
     EXPECT_FALSE(socket_is_open(fd));
-    MORL_CloseSocket(server);
 }

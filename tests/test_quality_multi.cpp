@@ -16,7 +16,6 @@
 #include "bwdetect/detect_server.h"
 #include "peers.h"
 #include "quality_peers.h"
-#include "udp_relay.h"
 
 namespace q = zeph::quality;
 using zeph_test::now_ms;
@@ -46,18 +45,6 @@ DetectSiteInfo site(const std::string& ip, uint16_t port, int16_t index, uint32_
 
 uint32_t start(const std::vector<DetectSiteInfo>& sites) {
     return zeph_detect_start_mult_site_client(sites, zeph_test::record_report);
-}
-
-// A relay in front of ip:64000 adding `delay_ms` each way.
-std::unique_ptr<zeph_relay::UdpRelay> relay_to(const std::string& listen, const std::string& ip, double delay_ms) {
-    zeph_relay::UdpRelayConfig cfg;
-    cfg.listen_ip = listen;
-    cfg.server_ip = ip;
-    cfg.server_port = kServerPort;
-    cfg.to_server.delay_ms = delay_ms;
-    cfg.to_client.delay_ms = delay_ms;
-    auto relay = std::make_unique<zeph_relay::UdpRelay>(cfg);
-    return relay->start() == 0 ? std::move(relay) : nullptr;
 }
 
 // A stand-in server answering data packets (no pairs) with `status`.
@@ -214,8 +201,8 @@ TEST(MultiSite, TheNearerSiteWinsWithTheWeightsSetBefore) {
     ASSERT_TRUE(server.ok());
     const uint32_t max_weights[3] = {5, 5, 5};
     ASSERT_EQ(zeph_detect_set_qos_weight(max_weights), 0u);
-    auto far = relay_to(test_ip(22), ip, 60);
-    auto near = relay_to(test_ip(23), ip, 5);
+    auto far = zeph_test::relay_to_server(test_ip(22), ip, {60}, {60});
+    auto near = zeph_test::relay_to_server(test_ip(23), ip, {5}, {5});
     ASSERT_TRUE(far && near);
     ASSERT_EQ(start({site(far->listen_ip(), far->port(), 1), site(near->listen_ip(), near->port(), 2)}), 0u);
     const std::vector<Report> got = reports(1, kReportMs);

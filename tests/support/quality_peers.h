@@ -1,7 +1,8 @@
 // Peers of the quality detections, run by the test's own threads: our quality
 // server on an address of the test, a UDP socket standing in for a server
 // that keeps every datagram it gets and answers what its callback makes of it,
-// a keeper of the detections' reports, and a holder of client ports.
+// a relay in front of our server, a keeper of the detections' reports, and
+// a holder of client ports.
 //
 //   QualityServerOn server("127.0.61.5");      // our server on :64000
 //   UdpStandIn fake("127.0.61.6", 0, [](std::vector<uint8_t>& p, const UdpStandIn::Got&) {
@@ -12,11 +13,13 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "udp_relay.h"
 #include "zeph_nettools/net_tools.h"
 
 class DetectServer;
@@ -37,6 +40,22 @@ private:
     DetectServer* m_server = nullptr;
     bool m_started = false;
 };
+
+// A UDP relay on `listen` in front of our server on server_ip (null when it
+// cannot start).
+inline std::unique_ptr<zeph_relay::UdpRelay> relay_to_server(const std::string& listen, const std::string& server_ip,
+                                                             zeph_relay::Impairment up = {},
+                                                             zeph_relay::Impairment down = {}, uint64_t seed = 1) {
+    zeph_relay::UdpRelayConfig cfg;
+    cfg.listen_ip = listen;
+    cfg.server_ip = server_ip;
+    cfg.server_port = kQualityServerPort;
+    cfg.to_server = up;
+    cfg.to_client = down;
+    cfg.seed = seed;
+    auto relay = std::make_unique<zeph_relay::UdpRelay>(cfg);
+    return relay->start() == 0 ? std::move(relay) : nullptr;
+}
 
 // A UDP socket bound to ip:port (0: a free port). Its thread keeps each
 // datagram and hands a copy to `answer`, which turns it into the reply in
