@@ -200,7 +200,10 @@ TEST(MediaHostilePeer, ConnectRetriedAfterAFailureAndRepeatedOnALiveChannel)
     EXPECT_EQ(s.Stats(kVideo).dataLoss, 0u);
 }
 
-TEST(MediaHostilePeer, RefusalSeenWhileTheMediaTypeConnectsIsRepairedAfterwards)
+// A channel past its thousand repairs is closed for good and left out of
+// the rotation; a refusal that arrives on the other while the caller
+// connects the media type is repaired once the connect is over.
+TEST(MediaHostilePeer, ChannelPastItsRepairsStaysClosedAndARefusalMidConnectIsRepairedAfter)
 {
     MediaPeer peer;
     ASSERT_TRUE(peer.start());
@@ -210,16 +213,24 @@ TEST(MediaHostilePeer, RefusalSeenWhileTheMediaTypeConnectsIsRepairedAfterwards)
     for (uint32_t i = 0; i < 2; ++i) ASSERT_EQ(s.Send(kAudio, 2, Body(30, uint8_t(i)), i), 0);
     ASSERT_TRUE(s.WaitReceived(kAudio, 2));
 
-    // One channel goes for good; the other stays.
     for (size_t c = 0; c < 2; ++c) s.Channel(kAudio, c)->reCreateChannelCount = 1000;
     ASSERT_TRUE(peer.closeNow(0));
     size_t lost = 2;
     ASSERT_TRUE(wait_until([&] {
         for (size_t c = 0; c < 2; ++c)
-            if (s.Channel(kAudio, c)->sock == -1) lost = c;
+            if (s.Channel(kAudio, c)->state == 0 && s.Channel(kAudio, c)->sock == -1) lost = c;
         return lost < 2;
     }, 3000));
     const size_t alive = 1 - lost;
+    EXPECT_EQ(s.Channel(kAudio, alive)->state.load(), 2u);
+    EXPECT_TRUE(MediaLog::WaitFor({"close socket start. session id: 4141"}, 1000));
+    for (uint32_t i = 2; i < 8; ++i) ASSERT_EQ(s.Send(kAudio, 2, Body(30, uint8_t(i)), i), 0);
+    ASSERT_TRUE(s.WaitReceived(kAudio, 8));
+    EXPECT_EQ(peer.accepted(), 2u) << "no connect was tried";
+    EXPECT_EQ(s.Channel(kAudio, lost)->state.load(), 0u);
+    EXPECT_EQ(s.Channel(kAudio, lost)->reCreateChannelCount.load(), 1000);
+    EXPECT_EQ(s.Channel(kAudio, alive)->stats.sendCount.load(), 1u + 6u);
+    EXPECT_TRUE(s.Events(kAudio).empty());
     s.Channel(kAudio, alive)->reCreateChannelCount = 0;
 
     // The caller connects the lost channel to a server that never completes
@@ -236,7 +247,7 @@ TEST(MediaHostilePeer, RefusalSeenWhileTheMediaTypeConnectsIsRepairedAfterwards)
     refuse.forbidden = MediaPeerBehaviour::Forbidden::BeforeEcho;
     ASSERT_TRUE(peer.setBehaviour(1, refuse));
     ASSERT_EQ(s.Send(kAudio, 2, Body(30, 9)), 0);
-    ASSERT_TRUE(s.WaitReceived(kAudio, 3));
+    ASSERT_TRUE(s.WaitReceived(kAudio, 9));
     connect.join();
     EXPECT_EQ(rc.load(), 0) << "the live channel kept the media type up";
 

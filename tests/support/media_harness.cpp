@@ -5,6 +5,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <mutex>
 
@@ -128,8 +130,7 @@ MediaSession::~MediaSession()
 {
     for (uint32_t type = 0; type < ZEPH_MEDIA_TYPE_COUNT; ++type)
         if (Info(type)) MORL_MediaCloseSocket(id_, type);
-    // A session made by a create that failed holds no media type; one close
-    // lets it go.
+    // A session left by a failed create holds no media type; one close frees it.
     if (Object()) MORL_MediaCloseSocket(id_, ZEPH_MEDIA_DATA);
     std::lock_guard<std::mutex> lock(g_registryMutex);
     auto it = Registry().find(id_);
@@ -173,6 +174,17 @@ bool MediaSession::WaitReceived(uint32_t mediaType, size_t n, int timeoutMs) con
     return wait_until([&] { return ReceivedCount(mediaType) >= n; }, timeoutMs);
 }
 
+bool MediaSession::WaitBody(uint32_t mediaType, const Bytes& body, int timeoutMs) const
+{
+    return wait_until(
+        [&] {
+            for (const auto& p : Received(mediaType))
+                if (p.body == body) return true;
+            return false;
+        },
+        timeoutMs);
+}
+
 std::vector<MediaEventInfo> MediaSession::Events(uint32_t mediaType) const
 {
     std::lock_guard<std::mutex> lock(state_->mutex);
@@ -184,6 +196,13 @@ size_t MediaSession::EventCount(uint32_t mediaType, uint32_t eventId) const
     size_t n = 0;
     for (const auto& e : Events(mediaType)) n += e.eventId == eventId ? 1 : 0;
     return n;
+}
+
+uint64_t MediaSession::EventCodeSum(uint32_t mediaType, uint32_t eventId) const
+{
+    uint64_t sum = 0;
+    for (const auto& e : Events(mediaType)) sum += e.eventId == eventId ? e.errorCode : 0;
+    return sum;
 }
 
 bool MediaSession::WaitEvent(uint32_t mediaType, uint32_t eventId, int timeoutMs) const
@@ -255,12 +274,21 @@ void MediaSession::EventCallback(uint32_t sessionId, uint32_t mediaType, MediaEv
     if (hook) hook(mediaType, event);
 }
 
+long ThreadId(const std::string& name)
+{
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm");
+        std::string line;
+        if (std::getline(comm, line) && line == name.substr(0, 15)) return std::stol(task.path().filename().string());
+    }
+    return 0;
+}
+
 // ---- listener with a short queue ------------------------------------------------------------
 
 BacklogListener::BacklogListener(int backlog, uint16_t port)
 {
     fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    // Another server may take the port once this one is gone.
     int one = 1;
     if (fd_ >= 0) ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in addr{};
