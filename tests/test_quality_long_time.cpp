@@ -15,7 +15,6 @@
 #include "peers.h"
 #include "quality_peers.h"
 #include "tool_run.h"
-#include "udp_relay.h"
 
 using zeph_test::now_ms;
 using zeph_test::Report;
@@ -129,17 +128,9 @@ TEST(LongTime, ThreeRoundsThroughTheRelayFollowTheTruth) {
     const std::string ip = test_ip(1);
     zeph_test::QualityServerOn server(ip);
     ASSERT_TRUE(server.ok());
-    zeph_relay::UdpRelayConfig cfg;
-    cfg.listen_ip = ip;
-    cfg.server_ip = ip;
-    cfg.server_port = kServerPort;
-    cfg.to_server = {20, 3, 0.03};
-    cfg.to_client = {15, 0, 0.01};
-    cfg.seed = 11;
-    zeph_relay::UdpRelay relay(cfg);
-    ASSERT_EQ(relay.start(), 0);
-
-    DetectSiteInfo site = Site(relay.listen_ip(), relay.port()); // no token: none is needed
+    auto relay = zeph_test::relay_to_server(ip, ip, {20, 3, 0.03}, {15, 0, 0.01}, 11);
+    ASSERT_TRUE(relay);
+    DetectSiteInfo site = Site(relay->listen_ip(), relay->port()); // no token: none is needed
     DetectBwConfig config{0, 3, 30, zeph_test::record_report};
     const uint64_t started = now_ms();
     ASSERT_EQ(zeph_detect_start_long_time_bw(&site, &config), 0u);
@@ -147,7 +138,7 @@ TEST(LongTime, ThreeRoundsThroughTheRelayFollowTheTruth) {
     ASSERT_EQ(got.size(), 3u);
 
     // Level 3: 2000 packets a round, and the last one thrice more.
-    const zeph_relay::UdpRelayStats rs = relay.stats();
+    const zeph_relay::UdpRelayStats rs = relay->stats();
     EXPECT_EQ(rs.to_server_forwarded + rs.to_server_dropped, 3u * (2000 + 3));
     const double up_truth = 1000.0 * rs.to_server_dropped / (rs.to_server_forwarded + rs.to_server_dropped);
     const double down_truth = 1000.0 * rs.to_client_dropped / (rs.to_client_forwarded + rs.to_client_dropped);

@@ -9,10 +9,7 @@
 #include <vector>
 
 #include "bwdetect/detect_server.h"
-#include "log_capture.h"
 #include "peers.h"
-#include "process.h"
-#include "waits.h"
 #include "zeph_nettools/settings.h"
 
 using zeph_test::UdpSocket;
@@ -94,15 +91,19 @@ protected:
     DetectServer* server_ = nullptr;
 };
 
-// One client's data packets, through the batched and the one-per-wake loop:
-// fields echoed, the server's clock, the ring's last eight in slot order.
-TEST_F(QualityServerTest, DataAnswersCarryTheLastEightPacketsInRingOrder) {
-    for (bool literal : {false, true}) {
-        SCOPED_TRACE(literal ? "literal loop" : "batched loop");
-        DetectServer::set_literal_loop(literal);
-        Serve(literal ? "127.0.64.2" : "127.0.64.1");
-        UdpSocket client;
-        const uint32_t session = 0xC0FFEE00u + literal;
+// One client's data packets, through the batched loop and, after a
+// restart, the one-per-wake loop: fields echoed, the server's clock, the
+// ring's last eight in slot order; the start codes; the ring outlives a restart.
+TEST_F(QualityServerTest, DataAnswersStartCodesAndARestart) {
+    Serve("127.0.64.1");
+    EXPECT_EQ(server_->start_server(kPort), DetectServer::kErrRunning);
+    UdpSocket client;
+    auto expect_pairs = [](const std::vector<uint8_t>& r, std::vector<uint32_t> want) {
+        std::vector<uint32_t> seqs;
+        for (const Pair& p : PairsOf(r)) seqs.push_back(p.seq);
+        EXPECT_EQ(seqs, want);
+    };
+    auto run = [&](uint32_t session) {
         uint32_t last_time = 0;
         for (uint32_t seq = 0; seq <= 20; ++seq) {
             const std::vector<uint8_t> sent = Packet(1, seq, session);
@@ -121,21 +122,30 @@ TEST_F(QualityServerTest, DataAnswersCarryTheLastEightPacketsInRingOrder) {
             EXPECT_GE(t, last_time);
             last_time = t;
             for (const Pair& p : PairsOf(r)) EXPECT_LE(p.time, t);
-            if (seq == 20) {
-                // The ring holds 12..19: 16..19 in slots 0..3, 12..15 in 4..7.
-                const std::vector<Pair> pairs = PairsOf(r);
-                const uint32_t want[8] = {16, 17, 18, 19, 12, 13, 14, 15};
-                for (int i = 0; i < 8; ++i) EXPECT_EQ(pairs[i].seq, want[i]) << "pair " << i;
-            }
+            // The ring holds 12..19: 16..19 in slots 0..3, 12..15 in 4..7.
+            if (seq == 20) expect_pairs(r, {16, 17, 18, 19, 12, 13, 14, 15});
         }
-        server_->stop_server();
+    };
+    run(0xC0FFEE00u);
+
+    server_->stop_server();
+    EXPECT_TRUE(Exchange(client, Packet(1, 21, 0xC0FFEE00u), kSilenceWaitMs).empty()) << "answered while stopped";
+    EXPECT_EQ(server_->start_server(0), DetectServer::kErrPortZero);
+    {
+        UdpSocket squatter(addr_, kPort);
+        ASSERT_TRUE(squatter.ok());
+        EXPECT_EQ(server_->start_server(kPort), DetectServer::kErrNoSocket);
     }
+    DetectServer::set_literal_loop(true);
+    ASSERT_EQ(server_->start_server(kPort), DetectServer::kStarted);
+    expect_pairs(Exchange(client, Packet(1, 21, 0xC0FFEE00u)), {16, 17, 18, 19, 20, 13, 14, 15});
+    SCOPED_TRACE("one packet per wake");
+    run(0xC0FFEE01u);
 }
 
 // Auth and end requests are answered, invalid packets are not, and none of
 // them enters the client's ring.
 TEST_F(QualityServerTest, OnlyDataPacketsEnterTheRing) {
-    zeph_test::LogCapture log;
     Serve("127.0.64.3");
     UdpSocket client;
     std::vector<uint8_t> auth = Packet(2, 0, 77, 1310);
@@ -170,37 +180,11 @@ TEST_F(QualityServerTest, OnlyDataPacketsEnterTheRing) {
     bad.push_back({});
     for (const auto& p : bad)
         EXPECT_TRUE(Exchange(client, p, kSilenceWaitMs).empty()) << "answered " << p.size() << " bytes";
-    EXPECT_TRUE(log.contains("server_recv_thread invalid pkt")) << log.dump();
 
     const std::vector<uint8_t> d = Exchange(client, Packet(1, 3, 77));
     ASSERT_FALSE(d.empty());
     EXPECT_EQ(get32(d, kSeq), 3u);
     EXPECT_EQ(d[kPairCount], 0);
-}
-
-TEST_F(QualityServerTest, StartCodesAndARestartKeepsTheRing) {
-    Serve("127.0.64.5");
-    EXPECT_EQ(server_->start_server(kPort), DetectServer::kErrRunning);
-    UdpSocket client;
-    for (uint32_t seq = 0; seq < 10; ++seq) ASSERT_FALSE(Exchange(client, Packet(1, seq, 5)).empty());
-
-    server_->stop_server();
-    EXPECT_TRUE(Exchange(client, Packet(1, 10, 5), kSilenceWaitMs).empty()) << "answered while stopped";
-    EXPECT_EQ(server_->start_server(0), DetectServer::kErrPortZero);
-
-    // The port taken by someone else: no socket.
-    {
-        UdpSocket squatter("127.0.64.5", kPort);
-        ASSERT_TRUE(squatter.ok());
-        EXPECT_EQ(server_->start_server(kPort), DetectServer::kErrNoSocket);
-    }
-    ASSERT_EQ(server_->start_server(kPort), DetectServer::kStarted);
-    const std::vector<uint8_t> r = Exchange(client, Packet(1, 11, 5));
-    ASSERT_FALSE(r.empty());
-    const std::vector<Pair> pairs = PairsOf(r);
-    ASSERT_EQ(pairs.size(), 8u) << "the ring outlives a restart";
-    const uint32_t want[8] = {8, 9, 2, 3, 4, 5, 6, 7};
-    for (int i = 0; i < 8; ++i) EXPECT_EQ(pairs[i].seq, want[i]) << "pair " << i;
 }
 
 // Pairs only ever carry the client's own packets (two sockets, and two
