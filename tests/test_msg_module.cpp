@@ -101,7 +101,7 @@ protected:
     std::string name_;
 };
 
-TEST_F(MsgModule, DeliversCopiesInOrderAndRefusesWhatCannotArrive) {
+TEST_F(MsgModule, DeliversCopiesInOrderForEachSenderAndRefusesWhatCannotArrive) {
     start("msg_order_module_long_name");
     ASSERT_EQ(MORL_MSG_RegisterMIDByName(name_.c_str(), 1, record_cb), MORL_MSG_OK);
     EXPECT_EQ(MORL_MSG_RegisterMIDByName(name_.c_str(), 1, record_cb), MORL_MSG_ERR_EXISTS);
@@ -120,11 +120,37 @@ TEST_F(MsgModule, DeliversCopiesInOrderAndRefusesWhatCannotArrive) {
         EXPECT_EQ(g_probe.seqs[i], i + 1);
     }
 
+    // Many senders keep their own order; every tenth send waits for its callback.
+    g_probe.reset(true);
+    constexpr uint32_t kSenders = 4;
+    constexpr uint32_t kPerSender = 300;
+    std::vector<std::thread> senders;
+    for (uint32_t s = 0; s < kSenders; ++s) {
+        senders.emplace_back([s, this] {
+            for (uint32_t i = 0; i < kPerSender; ++i) {
+                const uint32_t v = (s << 16) | i;
+                EXPECT_EQ(i % 10 == 0 ? MORL_MSG_SynSend(&v, sizeof v, "test", 0, name_.c_str(), 1, 10, nullptr, 0)
+                                      : send_word(name_.c_str(), 1, v),
+                          MORL_MSG_OK);
+            }
+        });
+    }
+    for (auto& t : senders) t.join();
+    ASSERT_TRUE(wait_until([&] { return g_probe.count() == kSenders * kPerSender; }, kWaitMs));
+    std::vector<uint32_t> next(kSenders, 0);
+    for (uint32_t v : g_probe.values) EXPECT_EQ(v & 0xFFFF, next[v >> 16]++);
+
     EXPECT_EQ(send_word(name_.c_str(), 7, 1), MORL_MSG_ERR_NO_MID);
     EXPECT_EQ(send_word("msg_no_such_module", 1, 1), MORL_MSG_ERR_NO_MODULE);
     EXPECT_EQ(MORL_MSG_UnRegMIDByName(name_.c_str(), 1), MORL_MSG_OK);
     EXPECT_EQ(send_word(name_.c_str(), 1, 1), MORL_MSG_ERR_NO_MID);
     EXPECT_NE(MORL_MSG_GenSeqId(), MORL_MSG_GenSeqId());
+}
+
+void destroy_self_cb(const MORL_MSG_Head* m) {
+    const int rc = MORL_MSG_DestroyByName(m->to);
+    std::lock_guard<std::mutex> lk(g_probe.mu);
+    g_probe.values.push_back(static_cast<uint32_t>(rc));
 }
 
 // A synchronous send returns after the callback wrote to the sender's stack,
@@ -154,7 +180,7 @@ TEST_F(MsgModule, SynSendReturnsAfterTheCallbackRanWithoutDeadlockOnItsOwnThread
     EXPECT_EQ(g_probe.values[0], 42u);
 }
 
-TEST_F(MsgModule, DestroyFailsWaitingSendersThenJoinsTheRunningCallback) {
+TEST_F(MsgModule, DestroyFailsWaitingSendersJoinsTheRunningCallbackAndWorksFromItsOwnCallback) {
     start("msg_destroy");
     g_probe.reset(false);
     ASSERT_EQ(MORL_MSG_RegisterMIDByName(name_.c_str(), 1, gated_cb), MORL_MSG_OK);
@@ -190,28 +216,20 @@ TEST_F(MsgModule, DestroyFailsWaitingSendersThenJoinsTheRunningCallback) {
     sender.join();
     EXPECT_TRUE(destroyed);
     EXPECT_EQ(g_probe.count(), 1u) << "queued messages are dropped, not delivered";
-}
 
-void destroy_self_cb(const MORL_MSG_Head* m) {
-    const int rc = MORL_MSG_DestroyByName(m->to);
-    std::lock_guard<std::mutex> lk(g_probe.mu);
-    g_probe.values.push_back(static_cast<uint32_t>(rc));
-}
-
-TEST_F(MsgModule, DestroyFromItsOwnCallbackEndsTheModuleAndTheNameIsFreeAgain) {
-    start("msg_self_destroy");
+    // A destroy from the module's own callback ends it; the name is free again.
+    g_probe.reset(true);
+    start("msg_destroy");
     ASSERT_EQ(MORL_MSG_RegisterMIDByName(name_.c_str(), 1, destroy_self_cb), MORL_MSG_OK);
     ASSERT_EQ(send_word(name_.c_str(), 1, 0), MORL_MSG_OK);
     ASSERT_TRUE(wait_until([] { return g_probe.count() == 1; }, kWaitMs));
     EXPECT_EQ(g_probe.values[0], static_cast<uint32_t>(MORL_MSG_OK));
     EXPECT_EQ(MORL_MSG_GetStatus(name_.c_str()), MORL_MSG_STATUS_NONE);
-
-    g_probe.reset(true);
-    start("msg_self_destroy");
+    start("msg_destroy");
     ASSERT_EQ(MORL_MSG_RegisterMIDByName(name_.c_str(), 1, record_cb), MORL_MSG_OK);
     ASSERT_EQ(send_word(name_.c_str(), 1, 7), MORL_MSG_OK);
-    ASSERT_TRUE(wait_until([] { return g_probe.count() == 1; }, kWaitMs));
-    EXPECT_EQ(g_probe.values[0], 7u);
+    ASSERT_TRUE(wait_until([] { return g_probe.count() == 2; }, kWaitMs));
+    EXPECT_EQ(g_probe.values[1], 7u);
 }
 
 TEST_F(MsgModule, QueueRefusesBeyondItsMessagesOrBytes) {
@@ -232,34 +250,6 @@ TEST_F(MsgModule, QueueRefusesBeyondItsMessagesOrBytes) {
     g_probe.open_gate();
     ASSERT_TRUE(wait_until([] { return g_probe.count() == 3; }, kWaitMs));
     EXPECT_EQ(send_word(name_.c_str(), 1, 5), MORL_MSG_OK) << "room again once drained";
-}
-
-TEST_F(MsgModule, ManySendersKeepTheirOwnOrder) {
-    start("msg_many");
-    ASSERT_EQ(MORL_MSG_RegisterMIDByName(name_.c_str(), 1, record_cb), MORL_MSG_OK);
-    constexpr uint32_t kSenders = 4;
-    constexpr uint32_t kPerSender = 300;
-    std::vector<std::thread> senders;
-    for (uint32_t s = 0; s < kSenders; ++s) {
-        senders.emplace_back([s, this] {
-            for (uint32_t i = 0; i < kPerSender; ++i) {
-                const uint32_t v = (s << 16) | i;
-                // Every tenth send waits for its callback.
-                const int rc = i % 10 == 0
-                                   ? MORL_MSG_SynSend(&v, sizeof v, "test", 0, name_.c_str(), 1, 10, nullptr, 0)
-                                   : send_word(name_.c_str(), 1, v);
-                EXPECT_EQ(rc, MORL_MSG_OK);
-            }
-        });
-    }
-    for (auto& t : senders) {
-        t.join();
-    }
-    ASSERT_TRUE(wait_until([&] { return g_probe.count() == kSenders * kPerSender; }, kWaitMs));
-    std::vector<uint32_t> next(kSenders, 0);
-    for (uint32_t v : g_probe.values) {
-        EXPECT_EQ(v & 0xFFFF, next[v >> 16]++);
-    }
 }
 
 } // namespace
