@@ -67,7 +67,7 @@ bool socket_is_open(MORL_SOCKET s) {
 
 } // namespace
 
-TEST(QualityImage, PrivateImageCarriesItsHeadAndFillsTheRest) {
+TEST(QualityImage, BothFormsCarryTheirHeadAndFillTheRest) {
     uint8_t img[q::kImageSize];
     std::memset(img, 0x55, sizeof img);
     ASSERT_TRUE(q::build_image(img, sizeof img, 0xABCD, 0x11223344, 3));
@@ -82,11 +82,9 @@ TEST(QualityImage, PrivateImageCarriesItsHeadAndFillsTheRest) {
     std::memset(small, 0x55, sizeof small);
     EXPECT_FALSE(q::build_image(small, sizeof small, 0, 0, 0));
     EXPECT_TRUE(all_bytes(small, 0, sizeof small, 0x55));
-}
 
-TEST(QualityImage, StunImageReadsAsBindingRequest) {
+    // The STUN form reads as a Binding Request.
     Probe base;
-    uint8_t img[q::kImageSize];
     base.build_stun_pkt_image(img, sizeof img, 0);
     EXPECT_EQ(base.get_is_stun(), 1u);
     EXPECT_EQ(hex(img, q::kHeadSize), "00 01 00 64 21 12 A4 42 10 EC 00 02 31 32 33 34 "
@@ -97,7 +95,7 @@ TEST(QualityImage, StunImageReadsAsBindingRequest) {
     EXPECT_EQ(base.base_pkt_is_valid(img, sizeof img, q::kSeqNoLimit), 1);
 }
 
-TEST(QualityHead, ReadingQuirksOfLevelPairsTimeAndAuthResult) {
+TEST(QualityHead, ReadingQuirksAndTheStunLayout) {
     std::vector<uint8_t> pkt = response(5);
     uint8_t* p = pkt.data();
     const size_t n = pkt.size();
@@ -126,22 +124,21 @@ TEST(QualityHead, ReadingQuirksOfLevelPairsTimeAndAuthResult) {
     EXPECT_EQ(q::get_auth_result(p, n, false), 0u);
     q::set_auth_result(p, n, 1);
     EXPECT_EQ(q::get_auth_result(p, n, false), 1u);
-}
 
-TEST(QualityHead, StunLayoutMovesTypeLenCookieAndEchoesTheSession) {
+    // The STUN layout moves type, length and cookie and echoes the session.
     Probe base;
     base.set_is_stun(1);
-    uint8_t pkt[q::kImageSize] = {};
-    base.set_pkt_session(pkt, sizeof pkt, 0xFFFFFFFF);
-    EXPECT_EQ(hex(pkt + q::kStunOffSession, 8), "FF FF FF FF 00 00 00 EB");
-    EXPECT_EQ(base.get_pkt_session(pkt, sizeof pkt), 0xFFFFFFFFu);
-    base.set_pkt_type(pkt, sizeof pkt, q::kTypeAuthResp);
-    base.set_pkt_len(pkt, sizeof pkt, 0x1234);
-    base.set_pkt_cookie(pkt, sizeof pkt);
-    EXPECT_EQ(hex(pkt, 8), "01 02 12 34 21 12 A4 42");
+    uint8_t stun[q::kImageSize] = {};
+    base.set_pkt_session(stun, sizeof stun, 0xFFFFFFFF);
+    EXPECT_EQ(hex(stun + q::kStunOffSession, 8), "FF FF FF FF 00 00 00 EB");
+    EXPECT_EQ(base.get_pkt_session(stun, sizeof stun), 0xFFFFFFFFu);
+    base.set_pkt_type(stun, sizeof stun, q::kTypeAuthResp);
+    base.set_pkt_len(stun, sizeof stun, 0x1234);
+    base.set_pkt_cookie(stun, sizeof stun);
+    EXPECT_EQ(hex(stun, 8), "01 02 12 34 21 12 A4 42");
     // The auth response's type is looked for where the layout keeps it.
     base.set_is_stun(0);
-    EXPECT_EQ(base.get_auth_result(pkt, sizeof pkt), q::kAuthNotAResponse);
+    EXPECT_EQ(base.get_auth_result(stun, sizeof stun), q::kAuthNotAResponse);
 }
 
 TEST(QualityValidity, ChecksVersionCookieSignAndLimitInThatOrder) {
@@ -169,7 +166,7 @@ TEST(QualityValidity, ChecksVersionCookieSignAndLimitInThatOrder) {
     EXPECT_EQ(q::base_pkt_is_valid(p, q::kHeadSize, false, count), 1);
 }
 
-TEST(DetectBaseAuth, TokenAndParameterArePaddedWithFF) {
+TEST(DetectBaseAuth, TokenFieldsArePaddedAndBounded) {
     Probe base;
     uint8_t pkt[q::kImageSize];
     std::memset(pkt, q::kImageFillByte, sizeof pkt);
@@ -190,9 +187,8 @@ TEST(DetectBaseAuth, TokenAndParameterArePaddedWithFF) {
     // Too long for the field: nothing written.
     base.set_pkt_auth_para(pkt, sizeof pkt, (para + "x").c_str());
     EXPECT_TRUE(all_bytes(pkt, q::kOffAuthPara, q::kHeadRegionSize, 'p'));
-}
 
-TEST(DetectBaseAuth, CheckTokenBoundsSitesTokensAndParameters) {
+    // The token check bounds sites, tokens and parameters.
     DetectSiteInfo good;
     good.auth_token = std::string(q::kAuthTokenSize, 't');
     good.auth_para = std::string(q::kAuthParaSize, 'p');
