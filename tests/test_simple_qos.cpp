@@ -1,17 +1,15 @@
 // The simple QoS detection through its exports and the runtime's threads,
 // against servers on loopback: the kernel's echo for ICMP, TCP listeners on
-// port 443, STUN answerers of the test's own on UDP 10002 that lose or
-// repeat answers on purpose, and a DNS server of the test's own. Each test
+// port 443, STUN stand-ins on UDP 10002 that lose or repeat answers on
+// purpose, and a DNS server of the test's own. Each test
 // has its own 127.91.N.0/24, so that the fixed ports do not collide when
 // ctest runs tests side by side. The CLI's `qos` runs as a process.
 #include <unistd.h>
 
-#include <atomic>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
-#include <thread>
+#include <memory>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -20,6 +18,7 @@
 #include "dns_responder.h"
 #include "inc/net_detect.h"
 #include "peers.h"
+#include "quality_peers.h"
 #include "tool_run.h"
 #include "zeph_nettools/net_tools.h"
 #include "zeph_nettools/settings.h"
@@ -48,64 +47,42 @@ std::map<uint32_t, Got> by_level(const std::vector<Got>& all) {
     return m;
 }
 
-// A STUN answerer on ip:10002: answers each request `answers(seq)` times
-// (0: the answer is lost) with a Binding Success that keeps the request's
-// transaction id, and notes the sequence number and arrival of every request.
-class StunAnswerer {
-public:
-    StunAnswerer(const std::string& ip, std::function<int(uint32_t)> answers)
-        : sock_(ip, kUdpPort), answers_(std::move(answers)) {
-        thread_ = std::thread([this] { run(); });
-    }
-    ~StunAnswerer() {
-        stop_ = true;
-        thread_.join();
-    }
-    bool ok() const { return sock_.ok(); }
-    std::vector<std::pair<uint32_t, uint64_t>> requests() {
-        std::lock_guard<std::mutex> g(mu_);
-        return requests_;
-    }
-    std::vector<uint32_t> seqs() {
-        std::vector<uint32_t> s;
-        for (auto& r : requests()) s.push_back(r.first);
-        return s;
-    }
-    // Requests the resend timer sent rather than an answer.
-    int timer_sent() {
-        const auto req = requests();
-        int n = 0;
-        for (size_t i = 1; i < req.size(); ++i) n += req[i].second - req[i - 1].second >= kTimerGapMs;
-        return n;
-    }
+uint32_t seq_of(const UdpStandIn::Got& g) {
+    const std::vector<uint8_t>& p = g.bytes;
+    return p.size() < 20 ? 0 : uint32_t(p[16]) << 24 | uint32_t(p[17]) << 16 | uint32_t(p[18]) << 8 | p[19];
+}
+std::vector<uint32_t> seqs(const UdpStandIn& s) {
+    std::vector<uint32_t> out;
+    for (const auto& g : s.got()) out.push_back(seq_of(g));
+    return out;
+}
+// Requests the resend timer sent rather than an answer.
+int timer_sent(const UdpStandIn& s) {
+    const auto req = s.got();
+    int n = 0;
+    for (size_t i = 1; i < req.size(); ++i) n += req[i].at_ms - req[i - 1].at_ms >= kTimerGapMs;
+    return n;
+}
 
-private:
-    void run() {
-        uint8_t buf[1500];
-        while (!stop_) {
-            std::string ip;
-            uint16_t port = 0;
-            const int n = sock_.recv(buf, sizeof buf, 20, &ip, &port);
-            if (n < 20) continue;
-            const uint32_t seq = (uint32_t(buf[16]) << 24) | (uint32_t(buf[17]) << 16) | (uint32_t(buf[18]) << 8) | buf[19];
-            {
-                std::lock_guard<std::mutex> g(mu_);
-                requests_.emplace_back(seq, now_ms());
-            }
-            buf[0] = 0x01; // Binding Success Response, no attributes
-            buf[1] = 0x01;
-            buf[2] = buf[3] = 0;
-            for (int i = answers_(seq); i > 0; --i) sock_.send_to(buf, 20, ip, port);
+// A STUN server's answers: a Binding Success keeping the request's
+// transaction id, none to the requests `lose` picks, and at request
+// `stale_seq` the answer before once more instead of its own.
+UdpStandIn::Answer stun_answers(std::function<bool(uint32_t)> lose = nullptr, uint32_t stale_seq = 0) {
+    auto last = std::make_shared<std::vector<uint8_t>>(); // the stand-in's thread only
+    return [=](std::vector<uint8_t>& p, const UdpStandIn::Got& g) {
+        if (p.size() < 20 || (lose && lose(seq_of(g)))) return false;
+        if (seq_of(g) == stale_seq) {
+            p = *last;
+            return !p.empty();
         }
-    }
-
-    UdpSocket sock_;
-    std::function<int(uint32_t)> answers_;
-    std::atomic<bool> stop_{false};
-    std::mutex mu_;
-    std::vector<std::pair<uint32_t, uint64_t>> requests_;
-    std::thread thread_;
-};
+        p.resize(20);
+        p[0] = 0x01; // Binding Success Response, no attributes
+        p[1] = 0x01;
+        p[2] = p[3] = 0;
+        *last = p;
+        return true;
+    };
+}
 
 class SimpleQos : public ::testing::Test {
 protected:
@@ -154,8 +131,8 @@ protected:
 TEST_F(SimpleQos, SixRecordsByPlaceHealthyServersMeasuredProxyPlaceNeverEndsItEarly) {
     const int T = 1;
     TcpListener tcp2(addr(T, 2), kTcpPort), tcp3(addr(T, 3), kTcpPort);
-    StunAnswerer udp4(addr(T, 4), [](uint32_t) { return 1; });
-    StunAnswerer udp5(addr(T, 5), [](uint32_t) { return 1; });
+    UdpStandIn udp4(addr(T, 4), kUdpPort, stun_answers());
+    UdpStandIn udp5(addr(T, 5), kUdpPort, stun_answers());
     ASSERT_TRUE(tcp2.ok() && tcp3.ok() && udp4.ok() && udp5.ok());
     const auto levels = run(places(T), 0x5151, 77);
     ASSERT_EQ(6u, levels.size());
@@ -171,7 +148,7 @@ TEST_F(SimpleQos, SixRecordsByPlaceHealthyServersMeasuredProxyPlaceNeverEndsItEa
     }
     // Probes the timer had to resend (a loaded machine only) are lost by the
     // detection's own rule; on a quiet machine every server has none.
-    const std::map<uint32_t, int> resent = {{0, 0}, {2, 0}, {3, 0}, {4, udp4.timer_sent()}, {5, udp5.timer_sent()}};
+    const std::map<uint32_t, int> resent = {{0, 0}, {2, 0}, {3, 0}, {4, timer_sent(udp4)}, {5, timer_sent(udp5)}};
     for (const auto& lv : resent) {
         if (lv.first == 0 && geteuid() != 0) continue; // echo requests need a raw socket
         const NetDetectResult& r = levels.at(lv.first).value;
@@ -191,8 +168,8 @@ TEST_F(SimpleQos, SixRecordsByPlaceHealthyServersMeasuredProxyPlaceNeverEndsItEa
     EXPECT_EQ(1u, all.back().value.level);
     EXPECT_GE(all.back().at_ms - t0_, 2900u);
     // Five requests in order, one connection per TCP server.
-    EXPECT_EQ((std::vector<uint32_t>{1, 2, 3, 4, 5}), udp4.seqs());
-    EXPECT_EQ((std::vector<uint32_t>{1, 2, 3, 4, 5}), udp5.seqs());
+    EXPECT_EQ((std::vector<uint32_t>{1, 2, 3, 4, 5}), seqs(udp4));
+    EXPECT_EQ((std::vector<uint32_t>{1, 2, 3, 4, 5}), seqs(udp5));
     EXPECT_EQ(1, tcp2.accepts());
     expect_ended();
 }
@@ -201,10 +178,10 @@ TEST_F(SimpleQos, SixRecordsByPlaceHealthyServersMeasuredProxyPlaceNeverEndsItEa
 // to the proxy service, which this detection does not ask.
 TEST_F(SimpleQos, LostAnswerResentAfterIntervalRepeatsCountNothingSilentServerGetsOneProbeProxiedPlacesNotMeasured) {
     const int T = 2;
-    // Place 4 answers everything twice but loses the answer to its second
-    // probe; place 5 never answers.
-    StunAnswerer udp4(addr(T, 4), [](uint32_t seq) { return seq == 2 ? 0 : 2; });
-    StunAnswerer udp5(addr(T, 5), [](uint32_t) { return 0; });
+    // Place 4 answers the second probe with the first answer again, so that
+    // probe stays unanswered; place 5 never answers.
+    UdpStandIn udp4(addr(T, 4), kUdpPort, stun_answers(nullptr, 2));
+    UdpStandIn udp5(addr(T, 5), kUdpPort, stun_answers([](uint32_t) { return true; }));
     TcpListener proxy(addr(T, 1), 0);
     TcpListener tcp2(addr(T, 2), kTcpPort);
     ASSERT_TRUE(udp4.ok() && udp5.ok() && proxy.ok() && tcp2.ok());
@@ -212,10 +189,10 @@ TEST_F(SimpleQos, LostAnswerResentAfterIntervalRepeatsCountNothingSilentServerGe
     const auto levels = run(places(T));
     ASSERT_EQ(6u, levels.size());
 
-    const auto req = udp4.requests();
+    const auto req = udp4.got();
     ASSERT_EQ(5u, req.size());
-    EXPECT_LT(req[1].second - req[0].second, 250u) << "an answer sends the next probe at once";
-    const uint64_t resend = req[2].second - req[1].second;
+    EXPECT_LT(req[1].at_ms - req[0].at_ms, 250u) << "an answer sends the next probe at once";
+    const uint64_t resend = req[2].at_ms - req[1].at_ms;
     EXPECT_GE(resend, 280u) << "the lost answer is covered 300 ms later";
     EXPECT_LT(resend, 1500u);
     // The repeat of the first answer is no answer to the second probe.
@@ -223,7 +200,7 @@ TEST_F(SimpleQos, LostAnswerResentAfterIntervalRepeatsCountNothingSilentServerGe
     EXPECT_EQ(1u, levels.at(4).value.qos);
     EXPECT_TRUE(log_.contains("re-recv one response(1)")) << log_.dump();
     // A server silent from the first probe on gets no second one.
-    EXPECT_EQ((std::vector<uint32_t>{1}), udp5.seqs());
+    EXPECT_EQ((std::vector<uint32_t>{1}), seqs(udp5));
     expect_no_answer(levels.at(5).value);
     EXPECT_EQ(0, levels.at(1).value.discard);
     EXPECT_EQ(1u, levels.at(1).value.is_proxy);
@@ -240,7 +217,7 @@ TEST_F(SimpleQos, NamesResolvedWithinTheirPhaseTheRestReportedWithoutAnswer) {
     dns.add("gone.qos.test", DnsResponder::nxdomain());
     dns.add("mute.qos.test", DnsResponder::silent());
     ASSERT_EQ(0, zeph_settings_set_dns_servers(dns.server().c_str()));
-    StunAnswerer udp4(addr(T, 4), [](uint32_t) { return 1; });
+    UdpStandIn udp4(addr(T, 4), kUdpPort, stun_answers());
     ASSERT_TRUE(udp4.ok());
     const auto levels =
         run({"mute.qos.test", "", "gone.qos.test", "gone.qos.test", "udp.qos.test", "mute.qos.test"});
@@ -272,7 +249,7 @@ TEST(SimpleQosStart, RefusedStartsNeverCallBack) {
 
 TEST(SimpleQosCli, JsonRunGivesSixRecordsAndBadInputExitsTwoWithTheReason) {
     const int T = 5;
-    StunAnswerer udp4(addr(T, 4), [](uint32_t) { return 1; });
+    UdpStandIn udp4(addr(T, 4), kUdpPort, stun_answers());
     TcpListener tcp2(addr(T, 2), kTcpPort);
     ASSERT_TRUE(udp4.ok() && tcp2.ok());
     const std::string list = addr(T, 0) + ",," + addr(T, 2) + "," + addr(T, 3) + "," + addr(T, 4) + ",";
