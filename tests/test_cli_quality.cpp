@@ -61,13 +61,10 @@ TEST(CliQuality, BadInputIsRefusedWithItsReason) {
     std::vector<Case> cases = {
         {{"quality"}, "no site"},
         {{"quality", "127.0.0.1:0"}, "bad port"},
-        {{"quality", ":64000"}, "no host"},
-        {{"quality", "127.0.0.1,base=x"}, "bad base="},
         {{"quality", "127.0.0.1,colour=red"}, "unknown item 'colour=red'"},
         {{"quality", "127.0.0.1,token=" + std::string(65, 't')}, "token of site '127.0.0.1' must be 1 to 64 bytes"},
         {{"quality", "127.0.0.1", "--para"}, "--para needs a value"},
         {{"quality", "--proxy", "127.0.0.1:3128", "127.0.0.1"}, "does not apply"},
-        {{"quality", "--frobnicate", "127.0.0.1"}, "unknown option"},
     };
     std::vector<std::string> too_many = {"quality"};
     too_many.insert(too_many.end(), eleven.begin(), eleven.end());

@@ -295,8 +295,6 @@ TEST(QosScore, DefaultCurvesLimitAndTheTableCheck) {
     DetectQosScore::RoleCheck c = DetectQosScore::check_role(DetectQosScore::default_roles());
     EXPECT_EQ(c.usable, 8);
     EXPECT_TRUE(c.has_limit);
-    EXPECT_EQ(DetectQosScore::check_role({}).usable, 0);
-    EXPECT_EQ(DetectQosScore::check_role({{1, 0, 0, 0, 1000}, {1, 0, 5, 5, 900}}).usable, 0) << "same delay";
     EXPECT_EQ(DetectQosScore::check_role({{1, 0, 0, 0, 1000}, {1, 5, 5, 5, 1000}}).usable, 0) << "same score";
     c = DetectQosScore::check_role({{1, 0, 0, 0, 1000}, {1, 9, 9, 9, -1000}});
     EXPECT_EQ(c.usable, 0) << "a limit with one row before it";
