@@ -154,16 +154,8 @@ TEST(StunPacket, IndependentDecoderAgrees) {
 TEST(StunPacket, CoturnAnswersBuiltPackets) {
     zeph_test::CoturnServer coturn;
     ASSERT_TRUE(coturn.start());
-    zeph_test::UdpSocket sock;
     auto answered = [&](const uint8_t* msg, size_t size, int timeoutMs) {
-        sock.send_to(msg, size, coturn.ip(), coturn.port());
-        const uint64_t deadline = zeph_test::now_ms() + uint64_t(timeoutMs);
-        uint8_t ans[1500];
-        while (zeph_test::now_ms() < deadline) {
-            const int n = sock.recv(ans, sizeof ans, int(deadline - zeph_test::now_ms()));
-            if (n >= 20 && ans[0] == 0x01 && ans[1] == 0x01 && std::memcmp(ans + 4, msg + 4, 16) == 0) return true;
-        }
-        return false;
+        return zeph_test::stun_answers(msg, size, coturn.ip(), coturn.port(), timeoutMs);
     };
     for (size_t l : {0, 1, 2, 3, 7, 32}) {
         const std::string key = "coturn_" + std::to_string(l);

@@ -19,26 +19,21 @@ struct CaptureStore {
     std::vector<LogLine> lines;
 };
 
-CaptureStore& capture_store()
-{
+CaptureStore& capture_store() {
     static CaptureStore& store = *new CaptureStore;
     return store;
 }
 
 void capture_sink(void*, int level, const char* module, const char* function, const char* file, int line,
-                  const char* message)
-{
+                  const char* message) {
     CaptureStore& st = capture_store();
     std::lock_guard<std::mutex> lock(st.mu);
-    if (st.active) {
-        st.lines.push_back(LogLine{level, module, function, file, line, message});
-    }
+    if (st.active) st.lines.push_back(LogLine{level, module, function, file, line, message});
 }
 
 } // namespace
 
-LogCapture::LogCapture(int max_level)
-{
+LogCapture::LogCapture(int max_level) {
     CaptureStore& st = capture_store();
     {
         std::lock_guard<std::mutex> lock(st.mu);
@@ -51,8 +46,7 @@ LogCapture::LogCapture(int max_level)
     zeph_settings_set_log_sink(capture_sink, nullptr, max_level);
 }
 
-LogCapture::~LogCapture()
-{
+LogCapture::~LogCapture() {
     zeph_settings_set_log_sink(nullptr, nullptr, ZEPH_LOG_WARNING);
     CaptureStore& st = capture_store();
     std::lock_guard<std::mutex> lock(st.mu);
@@ -60,45 +54,34 @@ LogCapture::~LogCapture()
     st.lines.clear();
 }
 
-std::vector<LogLine> LogCapture::lines() const
-{
+std::vector<LogLine> LogCapture::lines() const {
     CaptureStore& st = capture_store();
     std::lock_guard<std::mutex> lock(st.mu);
     return st.lines;
 }
 
-int LogCapture::count(const std::string& substr) const
-{
+int LogCapture::count(const std::string& substr) const {
     CaptureStore& st = capture_store();
     std::lock_guard<std::mutex> lock(st.mu);
     int n = 0;
-    for (const LogLine& l : st.lines) {
-        if (l.message.find(substr) != std::string::npos) {
-            ++n;
-        }
-    }
+    for (const LogLine& l : st.lines)
+        if (l.message.find(substr) != std::string::npos) ++n;
     return n;
 }
 
-bool LogCapture::contains(const std::string& substr) const
-{
-    return count(substr) > 0;
-}
+bool LogCapture::contains(const std::string& substr) const { return count(substr) > 0; }
 
-bool LogCapture::wait_for(const std::string& substr, int timeout_ms) const
-{
+bool LogCapture::wait_for(const std::string& substr, int timeout_ms) const {
     return wait_until([&] { return contains(substr); }, timeout_ms);
 }
 
-void LogCapture::clear()
-{
+void LogCapture::clear() {
     CaptureStore& st = capture_store();
     std::lock_guard<std::mutex> lock(st.mu);
     st.lines.clear();
 }
 
-std::string LogCapture::dump() const
-{
+std::string LogCapture::dump() const {
     std::ostringstream out;
     for (const LogLine& l : lines()) {
         out << "[" << l.level << "] " << l.function << " " << l.file << ":" << l.line << ": " << l.message << "\n";

@@ -1,6 +1,5 @@
-// A capture of the library's log lines for tests: installs a sink that stores
-// every line (called on library threads) and restores the default sink when
-// it ends.
+// A capture of the library's log lines for tests; its sink is called on
+// library threads.
 #pragma once
 
 #include <string>
@@ -10,9 +9,7 @@ namespace zeph_test {
 
 struct LogLine {
     int level;
-    std::string module;
-    std::string function;
-    std::string file;
+    std::string module, function, file;
     int line;
     std::string message;
 };

@@ -19,8 +19,7 @@ namespace zeph_test {
 
 namespace {
 
-int poll_one(int fd, short events, int timeout_ms)
-{
+int poll_one(int fd, short events, int timeout_ms) {
     pollfd p{fd, events, 0};
     int r;
     do {
@@ -29,8 +28,7 @@ int poll_one(int fd, short events, int timeout_ms)
     return r;
 }
 
-sockaddr_in make_addr(const std::string& ip, uint16_t port)
-{
+sockaddr_in make_addr(const std::string& ip, uint16_t port) {
     sockaddr_in a{};
     zeph_tools::ipv4_sockaddr(ip, port, a);
     return a;
@@ -38,66 +36,46 @@ sockaddr_in make_addr(const std::string& ip, uint16_t port)
 
 } // namespace
 
-uint16_t closed_tcp_port(const std::string& ip)
-{
-    return zeph_peers::free_port(ip, SOCK_STREAM);
-}
+uint16_t closed_tcp_port(const std::string& ip) { return zeph_peers::free_port(ip, SOCK_STREAM); }
 
-uint16_t closed_udp_port(const std::string& ip)
-{
-    return zeph_peers::free_port(ip, SOCK_DGRAM);
-}
+uint16_t closed_udp_port(const std::string& ip) { return zeph_peers::free_port(ip, SOCK_DGRAM); }
 
-// ---- coturn --------------------------------------------------------------------------
 
-bool stun_binding_ok(const std::string& ip, uint16_t port, int timeout_ms)
-{
+bool stun_answers(const uint8_t* req, size_t size, const std::string& ip, uint16_t port, int timeout_ms) {
     UdpSocket sock;
-    if (!sock.ok()) {
-        return false;
-    }
-    // Binding Request: type 1, length 0, magic cookie, 12-byte transaction id.
-    uint8_t req[20] = {0x00, 0x01, 0x00, 0x00, 0x21, 0x12, 0xA4, 0x42};
-    for (int i = 8; i < 20; ++i) {
-        req[i] = static_cast<uint8_t>(std::rand());
-    }
+    if (!sock.ok()) return false;
     const uint64_t deadline = now_ms() + static_cast<uint64_t>(timeout_ms);
     while (now_ms() < deadline) {
-        sock.send_to(req, sizeof req, ip, port);
+        sock.send_to(req, size, ip, port);
         const uint64_t resend_at = std::min(deadline, now_ms() + 50);
         while (now_ms() < resend_at) {
             uint8_t ans[1500];
             int n = sock.recv(ans, sizeof ans, static_cast<int>(resend_at - now_ms()));
-            if (n >= 20 && ans[0] == 0x01 && ans[1] == 0x01 && std::memcmp(ans + 4, req + 4, 16) == 0) {
-                return true;
-            }
+            if (n >= 20 && ans[0] == 0x01 && ans[1] == 0x01 && std::memcmp(ans + 4, req + 4, 16) == 0) return true;
         }
     }
     return false;
 }
 
-bool CoturnServer::start(const std::string& ip, uint16_t port)
-{
+// True when ip:port answers a Binding Request (type 1, length 0, magic cookie,
+// a random transaction id) in time.
+static bool stun_binding_ok(const std::string& ip, uint16_t port, int timeout_ms) {
+    uint8_t req[20] = {0x00, 0x01, 0x00, 0x00, 0x21, 0x12, 0xA4, 0x42};
+    for (int i = 8; i < 20; ++i) req[i] = static_cast<uint8_t>(std::rand());
+    return stun_answers(req, sizeof req, ip, port, timeout_ms);
+}
+
+bool CoturnServer::start(const std::string& ip, uint16_t port) {
     stop();
     // With a port of our choosing another test may take it between our probe
     // and coturn's bind: try a few ports before giving up.
     for (int attempt = 0; attempt < 3; ++attempt) {
         uint16_t p = port != 0 ? port : closed_udp_port(ip);
-        std::vector<std::string> argv = {"turnserver",
-                                         "-n",
-                                         "--stun-only",
-                                         "--listening-ip=" + ip,
-                                         "--listening-port=" + std::to_string(p),
-                                         "--no-cli",
-                                         "--no-tls",
-                                         "--no-dtls",
-                                         "--no-tcp",
-                                         "--log-file=stdout",
-                                         "--pidfile=" + dir_.file("turn.pid"),
+        std::vector<std::string> argv = {"turnserver", "-n", "--stun-only", "--listening-ip=" + ip,
+                                         "--listening-port=" + std::to_string(p), "--no-cli", "--no-tls", "--no-dtls",
+                                         "--no-tcp", "--log-file=stdout", "--pidfile=" + dir_.file("turn.pid"),
                                          "--db=" + dir_.file("turndb")};
-        if (!proc_.start(argv)) {
-            return false;
-        }
+        if (!proc_.start(argv)) return false;
         const uint64_t deadline = now_ms() + 5000;
         while (now_ms() < deadline && proc_.running()) {
             if (stun_binding_ok(ip, p, 100)) {
@@ -106,49 +84,31 @@ bool CoturnServer::start(const std::string& ip, uint16_t port)
                 return true;
             }
         }
-        std::string out = proc_.stdout_text();
         proc_.stop();
-        if (port != 0) {
-            break;
-        }
+        if (port != 0) break;
         std::fprintf(stderr, "zeph_test: coturn on %s:%u did not answer, retrying\n", ip.c_str(), p);
-        (void)out;
     }
     std::fprintf(stderr, "zeph_test: coturn did not answer on %s; its output:\n%s\n", ip.c_str(),
                  proc_.stdout_text().c_str());
     return false;
 }
 
-// ---- tinyproxy -------------------------------------------------------------------------
 
 bool TinyProxy::start(const std::vector<uint16_t>& connect_ports, const std::string& basic_user,
-                      const std::string& basic_pass)
-{
+                      const std::string& basic_pass) {
     stop();
     for (int attempt = 0; attempt < 3; ++attempt) {
         uint16_t p = closed_tcp_port("127.0.0.1");
         std::ostringstream conf;
-        conf << "Port " << p << "\n"
-             << "Listen 127.0.0.1\n"
-             << "Timeout 60\n"
-             << "MaxClients 64\n"
-             << "Allow 127.0.0.1\n"
-             << "LogLevel Info\n"
-             << "PidFile \"" << dir_.file("tinyproxy.pid") << "\"\n"
-             << "LogFile \"" << dir_.file("tinyproxy.log") << "\"\n";
-        for (uint16_t cp : connect_ports) {
-            conf << "ConnectPort " << cp << "\n";
-        }
-        if (!basic_user.empty()) {
-            conf << "BasicAuth " << basic_user << " " << basic_pass << "\n";
-        }
+        conf << "Port " << p << "\nListen 127.0.0.1\nTimeout 60\nMaxClients 64\nAllow 127.0.0.1\nLogLevel Info\n"
+             << "PidFile \"" << dir_.file("tinyproxy.pid") << "\"\nLogFile \"" << dir_.file("tinyproxy.log") << "\"\n";
+        for (uint16_t cp : connect_ports) conf << "ConnectPort " << cp << "\n";
+        if (!basic_user.empty()) conf << "BasicAuth " << basic_user << " " << basic_pass << "\n";
         if (!dir_.write("tinyproxy.conf", conf.str())) {
             std::fprintf(stderr, "zeph_test: cannot write the tinyproxy config\n");
             return false;
         }
-        if (!proc_.start({"tinyproxy", "-d", "-c", dir_.file("tinyproxy.conf")})) {
-            return false;
-        }
+        if (!proc_.start({"tinyproxy", "-d", "-c", dir_.file("tinyproxy.conf")})) return false;
         const uint64_t deadline = now_ms() + 5000;
         while (now_ms() < deadline && proc_.running()) {
             int fd = tcp_connect("127.0.0.1", p, 200);
@@ -167,30 +127,24 @@ bool TinyProxy::start(const std::vector<uint16_t>& connect_ports, const std::str
     return false;
 }
 
-// ---- TcpListener -----------------------------------------------------------------------
 
-TcpListener::TcpListener(const std::string& ip, uint16_t port, Mode mode) : zeph_peers::TcpListener(mode)
-{
+TcpListener::TcpListener(const std::string& ip, uint16_t port, Mode mode) : zeph_peers::TcpListener(mode) {
     std::string error;
     if (!start(ip, port, &error)) {
         std::fprintf(stderr, "zeph_test: cannot listen on %s:%u: %s\n", ip.c_str(), port, error.c_str());
     }
 }
 
-bool TcpListener::wait_accepts(int n, int timeout_ms) const
-{
+bool TcpListener::wait_accepts(int n, int timeout_ms) const {
     return wait_until([&] { return accepts() >= n; }, timeout_ms);
 }
 
-bool TcpListener::wait_received(size_t n, int timeout_ms) const
-{
+bool TcpListener::wait_received(size_t n, int timeout_ms) const {
     return wait_until([&] { return received().size() >= n; }, timeout_ms);
 }
 
-// ---- UdpSocket --------------------------------------------------------------------------
 
-UdpSocket::UdpSocket(const std::string& ip, uint16_t port)
-{
+UdpSocket::UdpSocket(const std::string& ip, uint16_t port) {
     std::string error;
     fd_ = zeph_peers::bound_socket(SOCK_DGRAM, ip, port, port_, &error);
     if (fd_ < 0) {
@@ -198,55 +152,36 @@ UdpSocket::UdpSocket(const std::string& ip, uint16_t port)
     }
 }
 
-UdpSocket::~UdpSocket()
-{
-    if (fd_ >= 0) {
-        close(fd_);
-    }
-}
+UdpSocket::~UdpSocket() { if (fd_ >= 0) close(fd_); }
 
-bool UdpSocket::send_to(const void* data, size_t len, const std::string& ip, uint16_t port)
-{
+bool UdpSocket::send_to(const void* data, size_t len, const std::string& ip, uint16_t port) {
     sockaddr_in to = make_addr(ip, port);
     return sendto(fd_, data, len, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to) == static_cast<ssize_t>(len);
 }
 
-int UdpSocket::recv(void* buf, size_t cap, int timeout_ms, std::string* from_ip, uint16_t* from_port)
-{
+int UdpSocket::recv(void* buf, size_t cap, int timeout_ms, std::string* from_ip, uint16_t* from_port) {
     const uint64_t deadline = now_ms() + static_cast<uint64_t>(timeout_ms > 0 ? timeout_ms : 0);
     for (;;) {
         int left = static_cast<int>(deadline > now_ms() ? deadline - now_ms() : 0);
-        if (poll_one(fd_, POLLIN, left) <= 0) {
-            return -1;
-        }
+        if (poll_one(fd_, POLLIN, left) <= 0) return -1;
         sockaddr_in from{};
         socklen_t len = sizeof from;
         ssize_t n = recvfrom(fd_, buf, cap, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &len);
         if (n < 0) {
             // An ICMP error from an earlier send shows up here; keep waiting.
-            if (errno == ECONNREFUSED || errno == EAGAIN || errno == EINTR) {
-                continue;
-            }
+            if (errno == ECONNREFUSED || errno == EAGAIN || errno == EINTR) continue;
             return -1;
         }
-        if (from_ip != nullptr) {
-            *from_ip = ipv4_text(from.sin_addr.s_addr);
-        }
-        if (from_port != nullptr) {
-            *from_port = ntohs(from.sin_port);
-        }
+        if (from_ip != nullptr) *from_ip = ipv4_text(from.sin_addr.s_addr);
+        if (from_port != nullptr) *from_port = ntohs(from.sin_port);
         return static_cast<int>(n);
     }
 }
 
-// ---- TCP helpers ---------------------------------------------------------------------------
 
-int tcp_connect(const std::string& ip, uint16_t port, int timeout_ms)
-{
+int tcp_connect(const std::string& ip, uint16_t port, int timeout_ms) {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) {
-        return -1;
-    }
+    if (fd < 0) return -1;
     sockaddr_in to = make_addr(ip, port);
     int r = connect(fd, reinterpret_cast<const sockaddr*>(&to), sizeof to);
     if (r != 0 && errno == EINPROGRESS && poll_one(fd, POLLOUT, timeout_ms) > 0) {
@@ -263,23 +198,16 @@ int tcp_connect(const std::string& ip, uint16_t port, int timeout_ms)
     return fd;
 }
 
-std::string recv_exact(int fd, size_t n, int timeout_ms)
-{
+std::string recv_exact(int fd, size_t n, int timeout_ms) {
     std::string out;
     const uint64_t deadline = now_ms() + static_cast<uint64_t>(timeout_ms > 0 ? timeout_ms : 0);
     while (out.size() < n) {
         int left = static_cast<int>(deadline > now_ms() ? deadline - now_ms() : 0);
-        if (poll_one(fd, POLLIN, left) <= 0) {
-            break;
-        }
+        if (poll_one(fd, POLLIN, left) <= 0) break;
         char buf[4096];
         ssize_t got = recv(fd, buf, std::min(sizeof buf, n - out.size()), MSG_DONTWAIT);
-        if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
-            break;
-        }
-        if (got > 0) {
-            out.append(buf, static_cast<size_t>(got));
-        }
+        if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) break;
+        if (got > 0) out.append(buf, static_cast<size_t>(got));
     }
     return out;
 }

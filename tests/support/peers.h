@@ -1,21 +1,8 @@
 // Test peers on loopback: coturn as STUN server, tinyproxy as HTTP proxy, a
-// scriptable TCP listener, a UDP socket and small TCP client helpers.
-// Includes the waits, processes and log capture that tests use beside them.
-//
-// Peers bind to 127.0.0.1 (port 0 = a free port chosen by the kernel) and are
-// stopped by their destructors, so each TEST cleans up after itself even when
-// an assertion fails half-way.
-//
-//   CoturnServer stun;                       // STUN on 127.0.0.1:<free port>
-//   ASSERT_TRUE(stun.start());
-//   TcpListener target;                      // keeps accepted connections
-//   TinyProxy proxy;                         // CONNECT allowed to target only
-//   ASSERT_TRUE(proxy.start({target.port()}));
-//   zeph_settings_set_http_proxy("127.0.0.1", proxy.port(), nullptr, nullptr);
-//   LogCapture log;
-//   ... start a detection ...
-//   EXPECT_TRUE(wait_until([&] { return done.load(); }, 5000));
-//   EXPECT_TRUE(log.contains("some message")) << log.dump();
+// scriptable TCP listener, a UDP socket and small TCP client helpers, with the
+// waits, processes and log capture that tests use beside them. Peers bind to
+// 127.0.0.1 (port 0: a free port) and stop in their destructors. Run on the
+// test's thread.
 #pragma once
 
 #include <netinet/in.h>
@@ -37,12 +24,14 @@ using zeph_peers::send_all;
 using zeph_tools::ipv4_be;
 using zeph_tools::ipv4_text;
 
+// True when ip:port answers the STUN request req (sent again every 50 ms)
+// with a Binding Success Response of the same transaction within timeout_ms.
+bool stun_answers(const uint8_t* req, size_t size, const std::string& ip, uint16_t port, int timeout_ms);
 // A TCP port on ip where nothing listens (bound to 0, read back, closed).
 uint16_t closed_tcp_port(const std::string& ip = "127.0.0.1");
 // A UDP port on ip where nothing is bound (a datagram to it draws ICMP port unreachable).
 uint16_t closed_udp_port(const std::string& ip = "127.0.0.1");
 
-// ---- coturn as STUN server -----------------------------------------------------------
 class CoturnServer {
 public:
     CoturnServer() = default;
@@ -54,7 +43,6 @@ public:
     void stop() { proc_.stop(); }
     uint16_t port() const { return port_; }
     const std::string& ip() const { return ip_; }
-    Process& process() { return proc_; }
 
 private:
     Process proc_;
@@ -63,11 +51,7 @@ private:
     uint16_t port_ = 0;
 };
 
-// True when the STUN server at ip:port answers a Binding Request with a
-// Binding Success Response (0x0101) within timeout_ms.
-bool stun_binding_ok(const std::string& ip, uint16_t port, int timeout_ms);
 
-// ---- tinyproxy as HTTP proxy --------------------------------------------------------
 class TinyProxy {
 public:
     TinyProxy() = default;
@@ -81,7 +65,6 @@ public:
     void stop() { proc_.stop(); }
     uint16_t port() const { return port_; }
     std::string log_text() const { return dir_.read("tinyproxy.log"); }
-    Process& process() { return proc_; }
 
 private:
     Process proc_;
@@ -89,7 +72,6 @@ private:
     uint16_t port_ = 0;
 };
 
-// ---- TCP listener ---------------------------------------------------------------
 // The loopback peers' listener, listening from its construction on: Keep
 // (the default), Close, Echo or Sink what it accepts. Prints why and stays
 // !ok() when it cannot listen.
@@ -102,7 +84,6 @@ public:
     bool wait_received(size_t n, int timeout_ms) const;
 };
 
-// ---- UDP socket --------------------------------------------------------------------
 class UdpSocket {
 public:
     explicit UdpSocket(const std::string& ip = "127.0.0.1", uint16_t port = 0);

@@ -21,61 +21,46 @@ namespace zeph_test {
 
 namespace {
 
-void fail(std::string* error, const std::string& what)
-{
+void fail(std::string* error, const std::string& what) {
     *error = what;
     std::fprintf(stderr, "zeph_test: %s\n", what.c_str());
 }
 
 } // namespace
 
-std::string tool_path(const std::string& name)
-{
-    return std::string(ZEPH_TOOLS_BIN_DIR) + "/" + name;
-}
+std::string tool_path(const std::string& name) { return std::string(ZEPH_TOOLS_BIN_DIR) + "/" + name; }
 
-// ---- TempDir ------------------------------------------------------------------------
 
-TempDir::TempDir()
-{
+TempDir::TempDir() {
     const char* base = std::getenv("TMPDIR");
     std::string templ = std::string(base && *base ? base : "/tmp") + "/zeph_test.XXXXXX";
     std::vector<char> buf(templ.begin(), templ.end());
     buf.push_back('\0');
-    if (mkdtemp(buf.data()) != nullptr) {
-        path_ = buf.data();
-    }
+    if (mkdtemp(buf.data()) != nullptr) path_ = buf.data();
 }
 
-TempDir::~TempDir()
-{
-    if (path_.empty()) {
-        return;
-    }
+TempDir::~TempDir() {
+    if (path_.empty()) return;
     nftw(
         path_.c_str(), [](const char* p, const struct stat*, int, FTW*) { return remove(p); }, 16,
         FTW_DEPTH | FTW_PHYS);
 }
 
-bool TempDir::write(const std::string& name, const std::string& text) const
-{
+bool TempDir::write(const std::string& name, const std::string& text) const {
     std::ofstream out(file(name), std::ios::binary | std::ios::trunc);
     out << text;
     return static_cast<bool>(out);
 }
 
-std::string TempDir::read(const std::string& name) const
-{
+std::string TempDir::read(const std::string& name) const {
     std::ifstream in(file(name), std::ios::binary);
     std::stringstream ss;
     ss << in.rdbuf();
     return ss.str();
 }
 
-// ---- Process --------------------------------------------------------------------------
 
-bool Process::start(const std::vector<std::string>& argv)
-{
+bool Process::start(const std::vector<std::string>& argv) {
     stop();
     error_.clear();
     if (argv.empty() || !dir_.ok()) {
@@ -89,13 +74,9 @@ bool Process::start(const std::vector<std::string>& argv)
     static const std::vector<std::string> kDieWithParent = {"/usr/bin/setpriv", "--pdeathsig", "KILL", "--"};
     std::vector<char*> args;
     if (::access(kDieWithParent[0].c_str(), X_OK) == 0) {
-        for (const std::string& a : kDieWithParent) {
-            args.push_back(const_cast<char*>(a.c_str()));
-        }
+        for (const std::string& a : kDieWithParent) args.push_back(const_cast<char*>(a.c_str()));
     }
-    for (const std::string& a : argv) {
-        args.push_back(const_cast<char*>(a.c_str()));
-    }
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
 
     posix_spawn_file_actions_t fa;
@@ -116,11 +97,8 @@ bool Process::start(const std::vector<std::string>& argv)
     return true;
 }
 
-bool Process::running()
-{
-    if (pid_ <= 0) {
-        return false;
-    }
+bool Process::running() {
+    if (pid_ <= 0) return false;
     int st = 0;
     pid_t r = waitpid(pid_, &st, WNOHANG);
     if (r == pid_ || (r < 0 && errno == ECHILD)) {
@@ -131,11 +109,8 @@ bool Process::running()
     return true;
 }
 
-int Process::stop(int timeout_ms)
-{
-    if (!running()) {
-        return status_;
-    }
+int Process::stop(int timeout_ms) {
+    if (!running()) return status_;
     kill(pid_, SIGTERM);
     const uint64_t deadline = now_ms() + static_cast<uint64_t>(timeout_ms);
     while (running()) {
@@ -153,14 +128,8 @@ int Process::stop(int timeout_ms)
     return status_;
 }
 
-std::string Process::stdout_text() const
-{
-    return dir_.read("stdout");
-}
+std::string Process::stdout_text() const { return dir_.read("stdout"); }
 
-std::string Process::stderr_text() const
-{
-    return dir_.read("stderr");
-}
+std::string Process::stderr_text() const { return dir_.read("stderr"); }
 
 } // namespace zeph_test

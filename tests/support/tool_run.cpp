@@ -17,10 +17,7 @@ int ToolRun::code() const { return exited && WIFEXITED(status) ? WEXITSTATUS(sta
 
 size_t ToolRun::lines() const { return size_t(std::count(out.begin(), out.end(), '\n')); }
 
-std::string ToolRun::what() const
-{
-    return "status " + std::to_string(code()) + "\nstdout:\n" + out + "stderr:\n" + err;
-}
+std::string ToolRun::what() const { return "status " + std::to_string(code()) + "\nstdout:\n" + out + "stderr:\n" + err; }
 
 ToolRun run_tool(const std::vector<std::string>& args, int timeout_ms) {
     ToolRun r;
@@ -55,8 +52,6 @@ ToolRun run_tool(const std::vector<std::string>& args, int timeout_ms) {
     return r;
 }
 
-// Every stdout line parsed as JSON and flattened to "LINE:path.to.key" ->
-// value as JSON text ("1", "\"udp\""). Empty when a line does not parse.
 void expect_usage_errors(const std::vector<std::vector<std::string>>& refused) {
     constexpr int kRunMs = 5000;
     for (const auto& args : refused) {
