@@ -2,9 +2,8 @@
 // loopback, judged by its exit status, its output and how fast it leaves.
 // JSON output is parsed by python3's json module, not by our own code.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
+#include <unistd.h>
 
-#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>

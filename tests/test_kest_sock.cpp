@@ -5,8 +5,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <cstring>
-#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>

@@ -13,7 +13,6 @@
 #include <sched.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <vector>
