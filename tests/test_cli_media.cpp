@@ -82,22 +82,15 @@ TEST(CliMedia, EchoPeerReturnsEveryPacketIntactAndTheFiguresAgree) {
     ASSERT_EQ(at(j, "1:media_name"), "\"Video\"") << r.out;
     EXPECT_EQ(at(j, "0:channels"), "4");
     EXPECT_EQ(at(j, "1:channels"), "1");
+    // The transport counts the audio packet that only opens the sort.
+    const std::map<std::string, std::string> both = {
+        {"sent", "100"}, {"accepted", "100"}, {"refused", "0"}, {"corrupt", "0"}, {"reordered", "0"},
+        {"bytes_sent", "203200"}, {"stats_result", "0"}, {"stats.send.SuccessCount", "100"},
+        {"stats.send.RtpSuccessCount", "100"}, {"stats.sendCount", "100"}, {"stats.sendSuccessCount", "100"},
+        {"stats.recv.SuccessCount", "100"}, {"stats.dataLoss", "0"}};
     for (int line : {0, 1}) {
         const std::string l = std::to_string(line) + ":";
-        EXPECT_EQ(at(j, l + "sent"), "100") << r.out;
-        EXPECT_EQ(at(j, l + "accepted"), "100") << r.out;
-        EXPECT_EQ(at(j, l + "refused"), "0") << r.out;
-        EXPECT_EQ(at(j, l + "corrupt"), "0") << r.out;
-        EXPECT_EQ(at(j, l + "reordered"), "0") << r.out;
-        EXPECT_EQ(at(j, l + "bytes_sent"), "203200") << r.out;
-        EXPECT_EQ(at(j, l + "stats_result"), "0") << r.out;
-        EXPECT_EQ(at(j, l + "stats.send.SuccessCount"), "100") << r.out;
-        EXPECT_EQ(at(j, l + "stats.send.RtpSuccessCount"), "100") << r.out;
-        EXPECT_EQ(at(j, l + "stats.sendCount"), "100") << r.out;
-        EXPECT_EQ(at(j, l + "stats.sendSuccessCount"), "100") << r.out;
-        // The transport counts the audio packet that only opens the sort.
-        EXPECT_EQ(at(j, l + "stats.recv.SuccessCount"), "100") << r.out;
-        EXPECT_EQ(at(j, l + "stats.dataLoss"), "0") << r.out;
+        for (const auto& [key, value] : both) EXPECT_EQ(at(j, l + key), value) << l << key << "\n" << r.out;
         EXPECT_TRUE(events_of(j, line).empty()) << r.out;
         EXPECT_GT(number(j, l + "rtt_p50_ms"), 0.0) << r.out;
         EXPECT_GE(number(j, l + "rtt_p99_ms"), number(j, l + "rtt_p50_ms")) << r.out;
@@ -113,24 +106,25 @@ TEST(CliMedia, EchoPeerReturnsEveryPacketIntactAndTheFiguresAgree) {
                            "0.4"});
     ASSERT_EQ(t.code(), 0) << t.what();
     EXPECT_NE(t.out.find("media session 7 with " + server(peer)), std::string::npos) << t.out;
-    auto row = table_row(t.out, "Video");
-    ASSERT_FALSE(row.empty()) << t.out;
     // type chan rate sent accepted refused received corrupt reordered ...
+    const auto row = table_row(t.out, "Video");
+    ASSERT_FALSE(row.empty()) << t.out;
+    EXPECT_EQ(std::vector<std::string>(row.begin() + 3, row.begin() + 8), (std::vector<std::string>{"20", "20", "0", "20", "0"}))
+        << t.out;
     EXPECT_EQ(row[1], "1") << t.out;
-    EXPECT_EQ(row[3], "20") << t.out;
-    EXPECT_EQ(row[4], "20") << t.out;
-    EXPECT_EQ(row[5], "0") << t.out;
-    EXPECT_EQ(row[6], "20") << t.out;
-    EXPECT_EQ(row[7], "0") << t.out;
     EXPECT_NE(t.out.find("events: none"), std::string::npos) << t.out;
     EXPECT_NE(t.out.find("sent 20, failed 0"), std::string::npos) << t.out;
 }
 
 // A sink sends nothing back: the tool says so and does not sit out its whole
-// wait for echoes. The packet type reaches the wire as given.
-TEST(CliMedia, SinkPeerGetsEverythingAndTheToolDoesNotWaitForEchoes) {
+// wait for echoes. The packet type reaches the wire as given, and a 403 page
+// before any packet shows as event 4 with code 403 on its media type.
+TEST(CliMedia, SinkPeerGetsEverythingAndARefusalShowsAsAnEvent) {
     MediaPeer peer(MediaPeerMode::Sink);
     ASSERT_TRUE(peer.start());
+    MediaPeerBehaviour forbidden;
+    forbidden.forbidden = MediaPeerBehaviour::Forbidden::BeforeEcho;
+    peer.setNextBehaviour(forbidden);
     ToolRun r = run_media({"--server", server(peer), "--types", "video,data", "--rate", "200", "--duration", "0.5",
                            "--pkt-type", "2", "--size", "24", "--json"});
     ASSERT_EQ(r.code(), 0) << r.what();
@@ -140,9 +134,12 @@ TEST(CliMedia, SinkPeerGetsEverythingAndTheToolDoesNotWaitForEchoes) {
         const std::string l = std::to_string(line) + ":";
         EXPECT_EQ(at(j, l + "accepted"), "100") << r.out;
         EXPECT_EQ(at(j, l + "received"), "0") << r.out;
+        EXPECT_EQ(at(j, l + "corrupt"), "0") << r.out;
         EXPECT_EQ(at(j, l + "rtt_p50_ms"), "null") << r.out;
         EXPECT_EQ(at(j, l + "stats.send.SignalSuccessCount"), "100") << r.out;
     }
+    EXPECT_EQ(events_of(j, 0), (std::vector<std::pair<int, int>>{{4, 403}})) << r.out;
+    EXPECT_TRUE(events_of(j, 1).empty()) << r.out;
     EXPECT_TRUE(zeph_test::wait_until([&] { return peer.totalPackets() == 200; }, 2000)) << peer.totalPackets();
     const auto c = peer.connection(0);
     ASSERT_FALSE(c.heads.empty());
@@ -151,22 +148,6 @@ TEST(CliMedia, SinkPeerGetsEverythingAndTheToolDoesNotWaitForEchoes) {
     // Connects, 0.5 s of sending, 0.5 s of silence: far below the 3 s that
     // an echo would be awaited.
     EXPECT_LT(r.ms(), 2500u) << r.what();
-}
-
-// A 403 page where the echo should be: the session tells it as event 4 with
-// code 403 on that media type, and goes on.
-TEST(CliMedia, ForbiddenPageShowsAsAnEventOfItsMediaType) {
-    MediaPeer peer(MediaPeerMode::Echo);
-    ASSERT_TRUE(peer.start());
-    MediaPeerBehaviour forbidden;
-    forbidden.forbidden = MediaPeerBehaviour::Forbidden::InsteadOfEcho;
-    peer.setNextBehaviour(forbidden);
-    ToolRun r = run_media({"--server", server(peer), "--types", "video", "--rate", "50", "--duration", "1", "--json"});
-    ASSERT_EQ(r.code(), 0) << r.what();
-    auto j = parse_json_lines(r.out);
-    const auto ev = events_of(j, 0);
-    EXPECT_NE(std::find(ev.begin(), ev.end(), std::make_pair(4, 403)), ev.end()) << r.out;
-    EXPECT_EQ(at(j, "0:corrupt"), "0") << r.out;
 }
 
 TEST(CliMedia, ProxyCredentialsDecideWhetherTheChannelsConnect) {
@@ -190,26 +171,18 @@ TEST(CliMedia, ProxyCredentialsDecideWhetherTheChannelsConnect) {
 
 TEST(CliMedia, BadArgumentsExitTwoAndAnUnreachableServerExitsOne) {
     const std::string ok = "127.0.0.1:" + std::to_string(zeph_test::closed_tcp_port());
+    // One of each kind of refusal: missing, malformed, out of range, not a
+    // whole number, unknown, credentials without their other half.
     const std::vector<std::vector<std::string>> bad = {
         {},
-        {"--server"},
         {"--server", "127.0.0.1"},
-        {"--server", "127.0.0.1:0"},
         {"--server", "127.0.0.1:65536"},
         {"--server", ok, "--types", "audio,radio"},
-        {"--server", ok, "--types", ""},
-        {"--server", ok, "--channels", "0"},
         {"--server", ok, "--channels", "5"},
-        {"--server", ok, "--size", "23"},
         {"--server", ok, "--size", "2033"},
-        {"--server", ok, "--rate", "0"},
         {"--server", ok, "--rate", "1e3"},
-        {"--server", ok, "--duration", "0"},
         {"--server", ok, "--duration", "nan"},
-        {"--server", ok, "--pkt-type", "256"},
-        {"--server", ok, "--session", "0"},
         {"--server", ok, "--session", "4294967296"},
-        {"--server", ok, "--proxy-user", "u"},
         {"--server", ok, "--proxy-user", "u", "--proxy-pass", "p"},
         {"--server", ok, "--proxy", "127.0.0.1:3128,a:b", "--proxy-user", "u", "--proxy-pass", "p"},
         {"--server", ok, "--frobnicate"},
