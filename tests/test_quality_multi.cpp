@@ -82,7 +82,9 @@ void PrintTo(const BudgetCase& c, std::ostream* os) { *os << c.sites << " sites"
 class SiteBudget : public ::testing::TestWithParam<BudgetCase> {};
 
 // Each site streams its share from a port of its own, with its own session
-// and token, every sequence number once and none beyond.
+// and token: the same packet every time but for its sequence number (each
+// once, in order, none beyond) and its time, in bursts of the level's size
+// spread over the stream's seconds.
 TEST_P(SiteBudget, EverySiteStreamsItsShareFromASocketOfItsOwn) {
     const BudgetCase c = GetParam();
     StandIn server(test_ip(c.sites), q::kStatusOk);
@@ -95,35 +97,46 @@ TEST_P(SiteBudget, EverySiteStreamsItsShareFromASocketOfItsOwn) {
     ASSERT_EQ(got[0].code, 0);
     ASSERT_EQ(got[0].results.size(), c.sites);
 
-    struct PortSeen {
-        std::set<uint32_t> seqs, sessions;
-        std::string token; // from the port's first packet
-    };
-    std::map<uint16_t, PortSeen> ports;
-    const uint32_t per_site = q::level_row(c.level).pkts_per_sec * kStreamSeconds;
-    for (const StandIn::Got& g : server.got()) {
-        const uint8_t* p = g.bytes.data();
-        const size_t n = g.bytes.size();
-        ASSERT_EQ(n, c.pkt_len);
-        EXPECT_EQ(q::get_type(p, n, false), q::kTypeData);
-        EXPECT_EQ(q::get_level(p, n, false), c.level);
-        EXPECT_LT(q::get_seq(p, n), per_site);
-        PortSeen& seen = ports[g.from_port];
-        seen.seqs.insert(q::get_seq(p, n));
-        seen.sessions.insert(q::get_session(p, n, false));
-        if (seen.token.empty()) seen.token.assign(reinterpret_cast<const char*>(&p[q::kOffAuthToken]), 9);
-    }
+    std::map<uint16_t, std::vector<StandIn::Got>> ports;
+    for (const StandIn::Got& g : server.got()) ports[g.from_port].push_back(g);
     ASSERT_EQ(ports.size(), c.sites);
-    std::set<uint32_t> all_sessions;
+    const q::LevelRow& row = q::level_row(c.level);
+    const uint32_t per_site = row.pkts_per_sec * kStreamSeconds;
+    std::set<uint32_t> sessions;
     std::set<std::string> tokens;
-    for (auto& [port, seen] : ports) {
+    for (const auto& [port, pkts] : ports) {
+        SCOPED_TRACE("port " + std::to_string(port));
         EXPECT_GE(port, DETECT_FIRST_CLIENT_PORT);
-        EXPECT_EQ(seen.seqs.size(), per_site) << "port " << port;
-        ASSERT_EQ(seen.sessions.size(), 1u);
-        all_sessions.insert(*seen.sessions.begin());
-        tokens.insert(seen.token);
+        ASSERT_GE(pkts.size(), per_site);
+        EXPECT_LE(pkts.size(), per_site + kLastRepeats);
+        const std::vector<uint8_t>& first = pkts[0].bytes;
+        ASSERT_EQ(first.size(), c.pkt_len);
+        EXPECT_EQ(q::get_type(first.data(), first.size(), false), q::kTypeData);
+        EXPECT_EQ(q::get_level(first.data(), first.size(), false), c.level);
+        EXPECT_EQ(q::get_len(first.data(), first.size(), false), c.pkt_len - q::kHeadRegionSize);
+        sessions.insert(q::get_session(first.data(), first.size(), false));
+        tokens.emplace(reinterpret_cast<const char*>(&first[q::kOffAuthToken]), 9);
+        uint32_t last_time = 0;
+        for (size_t i = 0; i < pkts.size(); ++i) {
+            std::vector<uint8_t> p = pkts[i].bytes;
+            ASSERT_EQ(p.size(), first.size());
+            EXPECT_EQ(q::get_seq(p.data(), p.size()), std::min<uint32_t>(uint32_t(i), per_site - 1));
+            const uint32_t t = q::get_time(p.data(), p.size(), false);
+            EXPECT_GE(t, last_time);
+            last_time = t;
+            q::set_seq(p.data(), p.size(), 0);
+            q::set_time(p.data(), p.size(), q::get_time(first.data(), first.size(), false));
+            ASSERT_EQ(p, first) << "packet " << i;
+        }
+        const uint64_t span = pkts[per_site - 1].at_ms - pkts[0].at_ms;
+        const uint64_t planned = uint64_t(kStreamSeconds) * 1000 - row.burst_interval;
+        EXPECT_GE(span + 20, planned);
+        EXPECT_LE(span, planned + 300);
+        if (row.pkts_per_burst > 1) {
+            EXPECT_LE(pkts[1].at_ms - pkts[0].at_ms, 1u);
+        }
     }
-    EXPECT_EQ(all_sessions.size(), c.sites);
+    EXPECT_EQ(sessions.size(), c.sites);
     EXPECT_EQ(tokens.size(), c.sites);
     EXPECT_EQ(tokens.count("token-100"), 1u);
 }
