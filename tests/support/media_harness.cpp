@@ -1,3 +1,4 @@
+// Fixtures for tests of the media transport; see media_harness.h.
 #include "media_harness.h"
 
 #include <arpa/inet.h>
@@ -43,23 +44,23 @@ Bytes RtpBody(uint16_t seq, uint32_t ssrc, size_t len)
 
 uint16_t RtpSeqOf(const Bytes& body) { return body.size() < 4 ? 0 : uint16_t(body[2] << 8 | body[3]); }
 
+long ThreadId(const std::string& name)
+{
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm");
+        std::string line;
+        if (std::getline(comm, line) && line == name.substr(0, 15)) return std::stol(task.path().filename().string());
+    }
+    return 0;
+}
+
 // ---- log ----------------------------------------------------------------------------
 
 namespace {
 
+constexpr size_t kMaxLogLines = 200000;
 std::mutex g_logMutex;
-std::vector<std::string>& LogLines()
-{
-    static auto& lines = *new std::vector<std::string>();
-    return lines;
-}
-
-bool Matches(const std::string& line, const std::vector<std::string>& fragments)
-{
-    for (const auto& f : fragments)
-        if (line.find(f) == std::string::npos) return false;
-    return true;
-}
+auto& g_logLines = *new std::vector<std::string>();
 
 } // namespace
 
@@ -68,7 +69,7 @@ void MediaLog::Install()
     static const bool once = [] {
         MORL_MediaSetLogCallback([](const char* line) {
             std::lock_guard<std::mutex> lock(g_logMutex);
-            if (LogLines().size() < 200000) LogLines().emplace_back(line);
+            if (g_logLines.size() < kMaxLogLines) g_logLines.emplace_back(line);
         });
         return true;
     }();
@@ -79,8 +80,11 @@ std::vector<std::string> MediaLog::Find(const std::vector<std::string>& fragment
 {
     std::lock_guard<std::mutex> lock(g_logMutex);
     std::vector<std::string> out;
-    for (const auto& l : LogLines())
-        if (Matches(l, fragments)) out.push_back(l);
+    for (const auto& line : g_logLines) {
+        bool all = true;
+        for (const auto& f : fragments) all = all && line.find(f) != std::string::npos;
+        if (all) out.push_back(line);
+    }
     return out;
 }
 
@@ -104,17 +108,13 @@ struct MediaSession::State {
 namespace {
 
 std::mutex g_registryMutex;
-std::map<uint32_t, std::shared_ptr<MediaSession::State>>& Registry()
-{
-    static auto& registry = *new std::map<uint32_t, std::shared_ptr<MediaSession::State>>();
-    return registry;
-}
+auto& g_registry = *new std::map<uint32_t, std::shared_ptr<MediaSession::State>>();
 
 std::shared_ptr<MediaSession::State> Lookup(uint32_t sessionId)
 {
     std::lock_guard<std::mutex> lock(g_registryMutex);
-    auto it = Registry().find(sessionId);
-    return it == Registry().end() ? nullptr : it->second;
+    auto it = g_registry.find(sessionId);
+    return it == g_registry.end() ? nullptr : it->second;
 }
 
 } // namespace
@@ -123,7 +123,7 @@ MediaSession::MediaSession(uint32_t sessionId) : id_(sessionId), state_(std::mak
 {
     MediaLog::Install();
     std::lock_guard<std::mutex> lock(g_registryMutex);
-    Registry()[id_] = state_;
+    g_registry[id_] = state_;
 }
 
 MediaSession::~MediaSession()
@@ -133,8 +133,8 @@ MediaSession::~MediaSession()
     // A session left by a failed create holds no media type; one close frees it.
     if (Object()) MORL_MediaCloseSocket(id_, ZEPH_MEDIA_DATA);
     std::lock_guard<std::mutex> lock(g_registryMutex);
-    auto it = Registry().find(id_);
-    if (it != Registry().end() && it->second == state_) Registry().erase(it);
+    auto it = g_registry.find(id_);
+    if (it != g_registry.end() && it->second == state_) g_registry.erase(it);
 }
 
 int32_t MediaSession::Create(uint32_t mediaType, uint32_t count, bool recvCallback, bool eventCallback)
@@ -163,11 +163,7 @@ std::vector<MediaPacket> MediaSession::Received(uint32_t mediaType) const
     return state_->received[mediaType % ZEPH_MEDIA_TYPE_COUNT];
 }
 
-size_t MediaSession::ReceivedCount(uint32_t mediaType) const
-{
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    return state_->received[mediaType % ZEPH_MEDIA_TYPE_COUNT].size();
-}
+size_t MediaSession::ReceivedCount(uint32_t mediaType) const { return Received(mediaType).size(); }
 
 bool MediaSession::WaitReceived(uint32_t mediaType, size_t n, int timeoutMs) const
 {
@@ -246,18 +242,17 @@ void MediaSession::OnEvent(std::function<void(uint32_t, MediaEventInfo)> hook)
     state_->onEvent = std::move(hook);
 }
 
+// Both callbacks record under the session's lock and call its hook after.
 void MediaSession::RecvCallback(uint32_t sessionId, uint32_t pktType, uint32_t mediaType, const uint8_t* data,
                                 uint32_t len)
 {
     auto state = Lookup(sessionId);
     if (!state) return;
     MediaPacket packet{pktType, mediaType, Bytes(data, data + len)};
-    std::function<void(const MediaPacket&)> hook;
-    {
-        std::lock_guard<std::mutex> lock(state->mutex);
-        state->received[mediaType % ZEPH_MEDIA_TYPE_COUNT].push_back(packet);
-        hook = state->onReceive;
-    }
+    std::unique_lock<std::mutex> lock(state->mutex);
+    state->received[mediaType % ZEPH_MEDIA_TYPE_COUNT].push_back(packet);
+    const auto hook = state->onReceive;
+    lock.unlock();
     if (hook) hook(packet);
 }
 
@@ -265,23 +260,11 @@ void MediaSession::EventCallback(uint32_t sessionId, uint32_t mediaType, MediaEv
 {
     auto state = Lookup(sessionId);
     if (!state) return;
-    std::function<void(uint32_t, MediaEventInfo)> hook;
-    {
-        std::lock_guard<std::mutex> lock(state->mutex);
-        state->events[mediaType % ZEPH_MEDIA_TYPE_COUNT].push_back(event);
-        hook = state->onEvent;
-    }
+    std::unique_lock<std::mutex> lock(state->mutex);
+    state->events[mediaType % ZEPH_MEDIA_TYPE_COUNT].push_back(event);
+    const auto hook = state->onEvent;
+    lock.unlock();
     if (hook) hook(mediaType, event);
-}
-
-long ThreadId(const std::string& name)
-{
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::ifstream comm(task.path() / "comm");
-        std::string line;
-        if (std::getline(comm, line) && line == name.substr(0, 15)) return std::stol(task.path().filename().string());
-    }
-    return 0;
 }
 
 // ---- listener with a short queue ------------------------------------------------------------
@@ -289,14 +272,14 @@ long ThreadId(const std::string& name)
 BacklogListener::BacklogListener(int backlog, uint16_t port)
 {
     fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    int one = 1;
-    if (fd_ >= 0) ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    int one = 1; // another server may take the port once this one is gone
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     addr.sin_port = htons(port);
     socklen_t len = sizeof addr;
-    if (fd_ < 0 || ::bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd_, backlog) != 0 ||
+    if (fd_ < 0 || ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
+        ::bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd_, backlog) != 0 ||
         ::getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
         StopListening();
         return;
@@ -312,11 +295,7 @@ BacklogListener::~BacklogListener()
 
 size_t BacklogListener::AcceptAll()
 {
-    while (fd_ >= 0) {
-        int c = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (c < 0) break;
-        conns_.push_back(c);
-    }
+    for (int c; fd_ >= 0 && (c = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) conns_.push_back(c);
     return conns_.size();
 }
 
