@@ -6,11 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <map>
-#include <mutex>
 #include <thread>
 #include <vector>
 
+#include "detect_reports.h"
 #include "inc/net_detect.h"
 #include "peers.h"
 #include "zeph_nettools/net_tools.h"
@@ -20,24 +21,24 @@ using namespace zeph_test;
 
 namespace {
 
-// The callback has no user pointer, so records go to one process-wide list
-// and tests pick theirs by serial number. Never destroyed: library threads
-// may still call in at exit.
-std::mutex& g_mutex = *new std::mutex;
-std::vector<std::pair<NetDetectResult, uint64_t>>& g_records = *new std::vector<std::pair<NetDetectResult, uint64_t>>;
+// The callback has no user pointer: one process-wide list, picked by serial
+// number. Never destroyed: library threads may still call in at exit.
+DetectReports<NetDetectResult>& g_reports = *new DetectReports<NetDetectResult>;
+void on_result(NetDetectResult* r) { g_reports.add(*r); }
 
-void on_result(NetDetectResult* r) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_records.emplace_back(*r, now_ms());
+std::function<bool(const NetDetectResult&)> of(uint32_t num, uint32_t level = 0) {
+    return [=](const NetDetectResult& r) { return r.num == num && (level == 0 || r.level == level); };
 }
-
+std::vector<NetDetectResult> records(uint32_t num) {
+    std::vector<NetDetectResult> out;
+    for (const auto& r : g_reports.all(of(num))) out.push_back(r.value);
+    return out;
+}
+bool wait_count(uint32_t num, size_t n, int timeout_ms) { return g_reports.wait_for(n, timeout_ms, of(num)); }
 // When the last callback for (num, level) came; 0 if none did.
 uint64_t record_time(uint32_t num, uint32_t level) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    uint64_t at = 0;
-    for (const auto& r : g_records)
-        if (r.first.num == num && r.first.level == level) at = r.second;
-    return at;
+    const auto all = g_reports.all(of(num, level));
+    return all.empty() ? 0 : all.back().at_ms;
 }
 
 // Waits for a log line that is exactly `message`.
@@ -49,18 +50,6 @@ bool wait_line(const LogCapture& log, const std::string& message, int timeout_ms
             return false;
         },
         timeout_ms, 5);
-}
-
-std::vector<NetDetectResult> records(uint32_t num) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    std::vector<NetDetectResult> out;
-    for (const auto& r : g_records)
-        if (r.first.num == num) out.push_back(r.first);
-    return out;
-}
-
-bool wait_count(uint32_t num, size_t n, int timeout_ms) {
-    return wait_until([&] { return records(num).size() >= n; }, timeout_ms, 5);
 }
 
 // Every detection object and probe of the process is freed: no record can follow.
@@ -243,24 +232,6 @@ TEST(NetDetectPlan, WithoutServersReportsSevenEmptyRecordsThenFailedLevel3) {
     }
 }
 
-TEST(NetDetectPlan, EveryLevelReportedOnceAgainstAnsweringServers) {
-    const std::string base = "127.0.0.14";
-    TcpListener tcp1(base + "3", 443), tcp2(base + "4", 443), share(base + "5", 1124);
-    if (!tcp1.ok() || !tcp2.ok() || !share.ok()) GTEST_SKIP() << "cannot bind port 443/1124 on loopback";
-    CoturnServer stun_media, stun_443;
-    ASSERT_TRUE(stun_media.start(base + "6", 10002) && stun_443.start(base + "6", 443));
-    set_servers({base + "1", base + "2", base + "3", base + "4", base + "5", base + "6"});
-
-    const uint32_t num = 0x6202;
-    ASSERT_EQ(zeph_net_detect(static_cast<int32_t>(num), on_result), 0u);
-    for (const auto& level : plan_levels(num)) {
-        const NetDetectResult& r = level.second;
-        EXPECT_TRUE(r.level >= 5 && !zeph_peers::raw_icmp_permitted() ? failed(r) : clean(r)); // without raw sockets, no echo
-    }
-    // Four connects to each TCP server, in a burst of their own.
-    EXPECT_GE(tcp1.accepts() + tcp2.accepts() + share.accepts(), 12);
-}
-
 // Server 1 does not resolve, server 2 has nothing on 443, server 5 answers
 // STUN on 443 only.
 TEST(NetDetectPlan, FailuresStayInTheirLevelAndLevel3FoldsWhatAnswered) {
@@ -284,8 +255,8 @@ TEST(NetDetectPlan, FailuresStayInTheirLevelAndLevel3FoldsWhatAnswered) {
     EXPECT_TRUE(zeph_peers::raw_icmp_permitted() ? clean(by_level[5]) : failed(by_level[5]));
 }
 
-// With a proxy set the TCP measurements go through it; the level 3 record
-// and a single detection say so, the other levels never do.
+// Every level reported once. With a proxy set the TCP measurements go through
+// it; the level 3 record and a single detection say so, the other levels never do.
 TEST(NetDetectPlan, ThroughProxyLevel3AndSingleDetectionSayProxy) {
     const std::string base = "127.0.0.16";
     TcpListener tcp1(base + "3", 443), tcp2(base + "4", 443), share(base + "5", 1124), single;
@@ -300,7 +271,8 @@ TEST(NetDetectPlan, ThroughProxyLevel3AndSingleDetectionSayProxy) {
     ASSERT_EQ(zeph_net_detect(static_cast<int32_t>(num), on_result), 0u);
     ASSERT_EQ(zeph_single_net_detect(single_num, "127.0.0.1", single.port(), ZEPH_TRANS_TCP, on_result), 0);
     auto by_level = plan_levels(num, 1);
-    for (uint32_t level : {1u, 2u, 3u}) EXPECT_TRUE(clean(by_level[level])) << level; // UDP 443 is left out of 3
+    for (const auto& level : by_level) // UDP 443 is left out of 3; without raw sockets, no echo
+        EXPECT_TRUE(level.first >= 5 && !zeph_peers::raw_icmp_permitted() ? failed(level.second) : clean(level.second));
     const auto recs = records(single_num);
     ASSERT_EQ(recs.size(), 1u);
     EXPECT_EQ(recs[0].is_proxy, 1u);
