@@ -14,9 +14,9 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <mutex>
 #include <vector>
 
+#include "detect_reports.h"
 #include "os_adapter/morl_os.h"
 #include "peers.h"
 #include "zeph_nettools/media_socket.h"
@@ -74,34 +74,20 @@ void expect_failed_connect(MORL_SOCKET s, int wsa) {
     EXPECT_EQ(so_error(s), wsa);
 }
 
-// Records of the detections' callbacks, by serial number.
-std::mutex& g_mutex = *new std::mutex;
-std::vector<AnyPortResult>& g_any = *new std::vector<AnyPortResult>;
-std::vector<NetDetectResult>& g_net = *new std::vector<NetDetectResult>;
+// Records of the detections' callbacks; each test's own serial numbers pick its.
+DetectReports<AnyPortResult>& g_any = *new DetectReports<AnyPortResult>;
+DetectReports<NetDetectResult>& g_net = *new DetectReports<NetDetectResult>;
+void on_any(void* p) { g_any.add(*static_cast<AnyPortResult*>(p)); }
+void on_net(NetDetectResult* r) { g_net.add(*r); }
 
-void on_any(void* p) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_any.push_back(*static_cast<AnyPortResult*>(p));
-}
-void on_net(NetDetectResult* r) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_net.push_back(*r);
-}
-
-// Waits for the record of serial number num among records.
+// Waits for the record of serial number num.
 template <class Record>
-bool result_of(const std::vector<Record>& records, uint32_t num, Record* out) {
-    return wait_until(
-        [&] {
-            std::lock_guard<std::mutex> lock(g_mutex);
-            for (const auto& r : records)
-                if (r.num == num) return (*out = r, true);
-            return false;
-        },
-        10000, 10);
+bool result_of(const DetectReports<Record>& reports, uint32_t num, Record* out) {
+    const auto pick = [num](const Record& r) { return r.num == num; };
+    if (!reports.wait_for(1, 10000, pick)) return false;
+    *out = reports.all(pick)[0].value;
+    return true;
 }
-bool any_result(uint32_t num, AnyPortResult* out) { return result_of(g_any, num, out); }
-bool net_result(uint32_t num, NetDetectResult* out) { return result_of(g_net, num, out); }
 
 PortDetectInfo any_port_info(const char* ip, const std::vector<std::pair<uint16_t, uint8_t>>& targets) {
     PortDetectInfo info;
@@ -109,9 +95,8 @@ PortDetectInfo any_port_info(const char* ip, const std::vector<std::pair<uint16_
     info.group_num = 1;
     info.groups[0].detect_num = static_cast<int32_t>(targets.size());
     for (size_t i = 0; i < targets.size(); ++i) {
-        info.groups[0].entries[i].addr = ipv4_be(ip);
-        info.groups[0].entries[i].port = targets[i].first;
-        info.groups[0].entries[i].protocol = targets[i].second;
+        PortDetectEntry& e = info.groups[0].entries[i];
+        e.addr = ipv4_be(ip), e.port = targets[i].first, e.protocol = targets[i].second;
     }
     return info;
 }
@@ -144,7 +129,7 @@ TEST(OfflineMachine, NothingConnectsAndNoDetectionReachesAnything) {
     PortDetectInfo info = any_port_info("127.0.0.1", {{443, ZEPH_TRANS_TCP}, {3478, ZEPH_TRANS_UDP}, {1, ZEPH_TRANS_ICMP}});
     ASSERT_EQ(zeph_any_port_detect(0x0FF1, &info, on_any), 0);
     AnyPortResult any{};
-    ASSERT_TRUE(any_result(0x0FF1, &any));
+    ASSERT_TRUE(result_of(g_any, 0x0FF1, &any));
     for (int i = 0; i < 3; ++i) EXPECT_EQ(any.groups[0].open[i], 0u) << "entry " << i << " read as open with no network";
 
     // Net detection, one destination per transport: the failure record.
@@ -152,7 +137,7 @@ TEST(OfflineMachine, NothingConnectsAndNoDetectionReachesAnything) {
         const uint32_t num = 0x0FF10 + t;
         ASSERT_EQ(zeph_single_net_detect(num, "127.0.0.1", 443, t, on_net), 0);
         NetDetectResult r{};
-        ASSERT_TRUE(net_result(num, &r)) << "transport " << int(t);
+        ASSERT_TRUE(result_of(g_net, num, &r)) << "transport " << int(t);
         EXPECT_TRUE(r.qos == 3u && r.discard == 100 && r.average == 1000) << "transport " << int(t) << ": " << r.qos;
     }
 
