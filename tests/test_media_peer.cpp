@@ -6,11 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -41,14 +38,6 @@ struct Client {
     {
         const std::string s = zeph_test::recv_exact(fd, n, 5000);
         return Bytes(s.begin(), s.end());
-    }
-    Bytes recvPacket() const
-    {
-        Bytes p = recv(kPrivateHeadSize);
-        if (p.size() < size_t(kPrivateHeadSize)) return p;
-        Bytes body = recv(PrivateHeadLength(p.data()) - kPrivateHeadSize);
-        p.insert(p.end(), body.begin(), body.end());
-        return p;
     }
 };
 
@@ -105,7 +94,8 @@ TEST(MediaPeer, EchoAndMisbehaviourOnTheWire)
     EXPECT_EQ(1u, peer.stunRequests());
     EXPECT_EQ(bad.size() + junk.size(), peer.connection(0).noiseBytes);
 
-    // Noise: raw bytes without the head tag, once, before the next echo.
+    // Noise (raw bytes without the head tag), then the 403 page with a true
+    // Content-Length, each once, before the next echo.
     const Bytes p = Packet(1, 2, 5, 40);
     MediaPeerBehaviour noise;
     noise.noiseBytes = 37;
@@ -114,11 +104,7 @@ TEST(MediaPeer, EchoAndMisbehaviourOnTheWire)
     const Bytes n = c.recv(37);
     ASSERT_EQ(37u, n.size());
     EXPECT_EQ(n.end(), std::find(n.begin(), n.end(), kPrivateHeadTag));
-    EXPECT_EQ(p, c.recvPacket());
-    c.send(p);
-    EXPECT_EQ(p, c.recvPacket());
-
-    // The 403 page with a true Content-Length, then the packet.
+    EXPECT_EQ(p, c.recv(p.size()));
     MediaPeerBehaviour before;
     before.forbidden = MediaPeerBehaviour::Forbidden::BeforeEcho;
     ASSERT_TRUE(peer.setBehaviour(0, before));
@@ -132,32 +118,18 @@ TEST(MediaPeer, EchoAndMisbehaviourOnTheWire)
     EXPECT_EQ(0u, page.find("HTTP/1.1 403 Forbidden\r\n"));
     const size_t bodyAt = page.find("\r\n\r\n") + 4;
     EXPECT_NE(std::string::npos, page.find("Content-Length: " + std::to_string(page.size() - bodyAt) + "\r\n"));
-    EXPECT_EQ(p, c.recvPacket());
-
-    // Split per byte: the packet arrives dribbled, not in one piece.
-    MediaPeerBehaviour split;
-    split.splitPerByte = true;
-    ASSERT_TRUE(peer.setBehaviour(0, split));
+    EXPECT_EQ(p, c.recv(p.size()));
     c.send(p);
-    Bytes got;
-    int reads = 0;
-    for (uint8_t buf[4096]; got.size() < p.size(); ++reads) {
-        const ssize_t r = ::recv(c.fd, buf, sizeof buf, 0);
-        ASSERT_GT(r, 0);
-        got.insert(got.end(), buf, buf + r);
-    }
-    EXPECT_EQ(p, got);
-    EXPECT_GT(reads, 1);
+    EXPECT_EQ(p, c.recv(p.size())) << "noise and page came once";
 }
 
+// Both directions full, the peer stuck in a send of its own: stop still returns.
 TEST(MediaPeer, StopsWhileEchoesBackUpToAClientThatReadsNothing)
 {
     MediaPeer peer;
     ASSERT_TRUE(peer.start());
     Client c(peer.port());
     const Bytes p = Packet(0, 0, 1, kMaxMediaBodySize);
-    // Fill both directions until the client's sends would block: the peer
-    // is then stuck in a send of its own.
     for (int wouldBlock = 0; wouldBlock < 20;) {
         if (::send(c.fd, p.data(), p.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
             ++wouldBlock;
