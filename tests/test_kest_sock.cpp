@@ -103,35 +103,15 @@ TEST(KestSend, BothHeadsOnTheWireAtTheTunnelPort) {
     EXPECT_EQ(kest_sendto(-1, kPayload.data(), len, 0, to, sizeof dest), -1);
 }
 
-// The receiver takes 4 bytes off, gets the payload and the head's port as the
-// peer's; an 8-byte head leaves its second word in front of the payload. Short
-// and foreign datagrams are refused with their lines, a flood of them with a
-// bounded number of lines.
-TEST(KestReceive, PayloadPortOfTheHeadAndRefusals) {
+// Short and foreign datagrams are refused: the socket's own source stays,
+// nothing is delivered, a line says why, and a flood of them gets a bounded
+// number of lines. (What good datagrams deliver is the replayed corpus's job.)
+TEST(KestReceive, RefusalsKeepTheSourceAndAreLoggedSparingly) {
     KestSocket s;
     zeph_test::UdpSocket peer;
     ASSERT_TRUE(s.ok() && peer.ok());
-    const Bytes short_head = concat({0xFF, 0x01, 0x00, 0x50}, kPayload);
-    const Bytes long_head = concat({0xFF, 0x01, 0x1F, 0x90, 0xFF, 0x02, 0xEC, 0xEC}, kPayload);
     Bytes buf;
     sockaddr_in from{};
-    ASSERT_TRUE(peer.send_to(short_head.data(), short_head.size(), "127.0.0.1", s.port));
-    ASSERT_EQ(s.recv(buf, 64, &from), static_cast<int32_t>(kPayload.size()));
-    EXPECT_EQ(Bytes(buf.begin(), buf.begin() + kPayload.size()), kPayload);
-    EXPECT_EQ(buf[kPayload.size()], 0xAA) << "nothing written behind the payload";
-    EXPECT_EQ(ntohs(from.sin_port), 80);
-
-    ASSERT_TRUE(peer.send_to(long_head.data(), long_head.size(), "127.0.0.1", s.port));
-    ASSERT_EQ(s.recv(buf, 64, &from), static_cast<int32_t>(kPayload.size() + 4));
-    EXPECT_EQ(Bytes(buf.begin(), buf.begin() + kPayload.size() + 4), concat({0xFF, 0x02, 0xEC, 0xEC}, kPayload));
-    EXPECT_EQ(ntohs(from.sin_port), 8080);
-
-    // A payload longer than the buffer is cut to it, and nothing beyond is written.
-    ASSERT_TRUE(peer.send_to(short_head.data(), short_head.size(), "127.0.0.1", s.port));
-    Bytes small;
-    ASSERT_EQ(s.recv(small, 3, nullptr), 3);
-    EXPECT_EQ(small, Bytes(kPayload.begin(), kPayload.begin() + 3));
-
     zeph_test::LogCapture log;
     const struct {
         Bytes datagram;
