@@ -61,12 +61,12 @@ struct ProxyGuard {
     ~ProxyGuard() { zeph_settings_set_http_proxy(nullptr, 0, nullptr, nullptr); }
 };
 
-// A STUN header of the given type and cookie; a Binding Success Response by default.
-Bytes stun_message(const uint8_t* txid, uint16_t type = 0x0101, uint32_t cookie = zeph::stun::kMagicCookie) {
+// A STUN header of the given type; a Binding Success Response by default.
+Bytes stun_message(const uint8_t* txid, uint16_t type = 0x0101) {
     Bytes out(zeph::stun::kHeaderSize);
     zeph::stun::Header h;
     h.type = type;
-    h.cookie = cookie;
+    h.cookie = zeph::stun::kMagicCookie;
     std::memcpy(h.txid, txid, sizeof h.txid);
     zeph::ByteWriter w(out.data(), out.size());
     zeph::stun::write_header(w, h);
@@ -79,13 +79,13 @@ int load(PortDetectBase& p, const Bytes& bytes) {
     return static_cast<int>(bytes.size());
 }
 
-// An IP datagram with a header of ihl words, carrying an ICMP echo head.
-Bytes icmp_datagram(uint16_t seq, uint8_t type = 0, uint16_t id = 0x1234, uint8_t ihl = 5) {
-    Bytes out(ihl * 4u + zeph::icmp::kEchoRequestSize, 0);
-    out[0] = uint8_t(0x40 | ihl);
-    zeph::ByteWriter w(out.data() + ihl * 4u, zeph::icmp::kEchoRequestSize);
+// An IP datagram (a 20-byte header) carrying an echo reply head.
+Bytes icmp_datagram(uint16_t seq, uint16_t id = 0x1234) {
+    Bytes out(20 + zeph::icmp::kEchoRequestSize, 0);
+    out[0] = 0x45;
+    zeph::ByteWriter w(out.data() + 20, zeph::icmp::kEchoRequestSize);
     zeph::icmp::write_echo_request(w, id, seq, 1234);
-    out[ihl * 4u] = type;
+    out[20] = 0; // echo reply
     return out;
 }
 
@@ -110,27 +110,16 @@ TEST(IcmpWire, ChecksumAndEchoRequestGoldenVectors) {
 }
 
 // What counts as an answer: the echo replies to our own id and sequence
-// range, the STUN answers to one of the last ten requests.
+// range, the STUN answers to one of the last ten requests. (Heads, lengths,
+// cookies and wrapped sequences are the replayed corpus's job.)
 TEST(ProbeReplies, IcmpAndStunChecks) {
     auto icmp = std::make_shared<PortDetectICMP>(kLoopback, 443, ZEPH_TRANS_ICMP);
     Access::set_icmp_ids(*icmp, 0x1234, 1000);
-    auto echo = [&](const Bytes& d, int len = 0) {
-        const int loaded = load(*icmp, d);
-        return icmp->is_icmp_response(len ? len : loaded);
-    };
+    auto echo = [&](const Bytes& d) { return icmp->is_icmp_response(load(*icmp, d)); };
     for (uint16_t seq = 1000; seq <= 1006; ++seq) EXPECT_TRUE(echo(icmp_datagram(seq))) << seq;
     EXPECT_FALSE(echo(icmp_datagram(1007)));
     EXPECT_FALSE(echo(icmp_datagram(999)));
-    EXPECT_TRUE(echo(icmp_datagram(1003, 0, 0x1234, 6))); // IP options move the head
-    EXPECT_FALSE(echo(icmp_datagram(1000, 0, 0x1235)));
-    EXPECT_FALSE(echo(icmp_datagram(1000, 8))); // our own request, seen on loopback
-    EXPECT_TRUE(echo(icmp_datagram(1001), 32));
-    EXPECT_FALSE(echo(icmp_datagram(1001), 31));
-    // Near the top of the range later echoes wrap on the wire; the
-    // comparison does not wrap, so their replies are refused.
-    Access::set_icmp_ids(*icmp, 0x1234, 65533);
-    EXPECT_TRUE(echo(icmp_datagram(65535)));
-    EXPECT_FALSE(echo(icmp_datagram(1)));
+    EXPECT_FALSE(echo(icmp_datagram(1000, 0x1235)));
 
     auto udp = std::make_shared<PortDetectUDP>(kLoopback, 9, ZEPH_TRANS_UDP);
     const uint8_t zero_id[12] = {};
@@ -141,15 +130,12 @@ TEST(ProbeReplies, IcmpAndStunChecks) {
         udp->stun_request_send();
         ids.emplace_back(Access::trans_id(*udp, i % 10), Access::trans_id(*udp, i % 10) + 12);
     }
-    auto answer = [&](const Bytes& id, uint16_t type = 0x0101, uint32_t cookie = zeph::stun::kMagicCookie) {
-        return udp->is_stun_response(load(*udp, stun_message(id.data(), type, cookie)));
+    auto answer = [&](const Bytes& id, uint16_t type = 0x0101) {
+        return udp->is_stun_response(load(*udp, stun_message(id.data(), type)));
     };
     EXPECT_FALSE(answer(ids[0])); // eleventh-last
     for (int i = 1; i < 11; ++i) EXPECT_TRUE(answer(ids[i])) << i;
     EXPECT_FALSE(answer(ids[5], 0x0111));
-    EXPECT_FALSE(answer(ids[5], 0x0101, 0x2112A443));
-    EXPECT_TRUE(answer(ids[5]));
-    EXPECT_FALSE(udp->is_stun_response(19)); // too short, though the buffer holds a good answer
 }
 
 // A UDP socket of ours as the peer: silence, a foreign answer, a true one.
