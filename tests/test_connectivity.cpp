@@ -152,8 +152,6 @@ TEST_F(Connectivity, LiteralUdpTargetIsReportedOpenRightAfterItsAnswerAndIcmpAsR
     const ConnectivitySite& row = rep.value.sites[0];
     EXPECT_EQ(1, row.open);
     EXPECT_EQ("127.0.0.1", row.addr);
-    EXPECT_EQ(stun.port(), row.port);
-    EXPECT_EQ(ZEPH_TRANS_UDP, row.protocol);
     EXPECT_GE(row.delay, 1u) << "a measured delay is never 0";
     EXPECT_LT(row.delay, 250u);
     EXPECT_EQ(nullptr, rep.value.notify);
@@ -161,7 +159,6 @@ TEST_F(Connectivity, LiteralUdpTargetIsReportedOpenRightAfterItsAnswerAndIcmpAsR
     EXPECT_EQ(1u, stun.answered());
     // A literal address needs no resolver.
     EXPECT_FALSE(log.contains("start dns(")) << log.dump();
-    EXPECT_TRUE(log.contains("return num=0000000b ret=" + std::to_string(stun.port()) + ":open]")) << log.dump();
     EXPECT_TRUE(runtime_idle());
     sleep_ms(400);
     EXPECT_EQ(1u, reports_of(11));
@@ -273,6 +270,7 @@ TEST_F(Connectivity, TcpThroughTheProxyOpenOnlyWhereTheProxyConnects) {
     const std::string plog = proxy.log_text();
     EXPECT_NE(std::string::npos, plog.find("CONNECT")) << plog;
     EXPECT_TRUE(runtime_idle());
+    EXPECT_EQ(1u, reports_of(50)) << "the tunnel's result is taken once";
 
     // The proxy refuses the port (403); the same port without the proxy answers.
     const ConnectivityDetectInfo info =
