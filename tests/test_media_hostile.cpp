@@ -34,8 +34,7 @@ TEST(MediaHostileInput, BodiesTheHeadCannotFrameAreRefusedAndSmuggleNothing)
     MediaPeer peer(MediaPeerMode::Sink);
     ASSERT_TRUE(peer.start());
     MediaSession s(4101);
-    ASSERT_EQ(s.Create(kVideo, 1), 0);
-    ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
+    ASSERT_TRUE(s.Open(kVideo, peer.port()));
 
     // 65620 + 16 wraps the 16-bit length to 100: the reader would take the
     // body's bytes from offset 84 on for a packet of the caller's making.
@@ -188,8 +187,7 @@ TEST(MediaHostilePeer, ChannelPastItsRepairsStaysClosedAndARefusalMidConnectIsRe
     MediaPeer peer;
     ASSERT_TRUE(peer.start());
     MediaSession s(4141);
-    ASSERT_EQ(s.Create(kAudio, 2), 0);
-    ASSERT_EQ(s.Connect(kAudio, peer.port()), 0);
+    ASSERT_TRUE(s.Open(kAudio, peer.port(), 2));
     for (uint32_t i = 0; i < 2; ++i) ASSERT_EQ(s.Send(kAudio, 2, Body(30, uint8_t(i)), i), 0);
     ASSERT_TRUE(s.WaitReceived(kAudio, 2));
 

@@ -13,17 +13,11 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <memory>
-#include <mutex>
 #include <set>
 #include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "media_harness.h"
 #include "media_peer.h"
@@ -52,17 +46,15 @@ long ThreadCpuTicks(long tid)
     return utime + stime;
 }
 
-// The first repair is made at once, the next not within five seconds of it.
-// Meanwhile sends go into the connection the peer closed and fail inside,
-// the caller hears nothing, and the receive thread does not spin on the
-// hung-up socket.
+// The first repair is made at once, the next not within five seconds of it;
+// meanwhile sends fail inside, unheard, and the receive thread does not spin
+// on the hung-up socket.
 TEST(MediaRecovery, LostChannelComesBackAtMostOncePerFiveSeconds)
 {
     MediaPeer peer;
     ASSERT_TRUE(peer.start());
     MediaSession s(3101);
-    ASSERT_EQ(s.Create(kVideo, 1), 0);
-    ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
+    ASSERT_TRUE(s.Open(kVideo, peer.port()));
     ASSERT_EQ(s.Send(kVideo, 2, Body(50, 1)), 0);
     ASSERT_TRUE(s.WaitBody(kVideo, Body(50, 1)));
 
@@ -105,13 +97,12 @@ TEST(MediaRecovery, LostChannelComesBackAtMostOncePerFiveSeconds)
 
 TEST(MediaRecovery, SendWithEverySocketClosedRebuildsTheMediaTypeWithoutBlockingTheCaller)
 {
-    // The first server stops listening before it drops the connection, so
-    // that the channel's own repair finds nobody and its socket stays closed.
+    // The server stops listening before it drops the connection: the
+    // channel's own repair finds nobody and its socket stays closed.
     auto first = std::make_unique<BacklogListener>(4);
     const uint16_t port = first->port();
     MediaSession s(3111);
-    ASSERT_EQ(s.Create(kVideo, 1), 0);
-    ASSERT_EQ(s.Connect(kVideo, port), 0);
+    ASSERT_TRUE(s.Open(kVideo, port));
     ASSERT_EQ(first->AcceptAll(), 1u);
     first.reset();
     ASSERT_TRUE(wait_until([&] { return s.Channel(kVideo, 0)->sock == -1 && s.Channel(kVideo, 0)->state == 0; }, 3000));
@@ -122,8 +113,8 @@ TEST(MediaRecovery, SendWithEverySocketClosedRebuildsTheMediaTypeWithoutBlocking
     const int filler = tcp_connect("127.0.0.1", port);
     ASSERT_GE(filler, 0);
 
-    // The send hands the rebuild to the session and returns at once; the
-    // rebuild's connect times out, and the caller hears nothing.
+    // The send hands the rebuild to the session and returns at once; its
+    // connect times out, and the caller hears nothing.
     const uint64_t attempt = now_ms();
     EXPECT_EQ(s.Send(kVideo, 2, Body(20, 1)), MEDIA_SOCKET_ERRCODE_NO_SOCKET);
     EXPECT_LT(now_ms() - attempt, 500u) << "the caller waited for the connect";
@@ -157,10 +148,8 @@ TEST(MediaRecovery, SendWithEverySocketClosedRebuildsTheMediaTypeWithoutBlocking
 
 TEST(MediaRecovery, ChannelThatCannotConnectLeavesTrafficOnTheOthers)
 {
-    // Three connects fit in the queue of a listener that accepts nothing;
-    // the fourth times out.
+    // Three connects fit in the queue of a listener that accepts nothing.
     BacklogListener listener(2);
-    ASSERT_NE(listener.port(), 0);
     MediaSession s(3121);
     ASSERT_EQ(s.Create(kAudio, 4), 0);
     ASSERT_EQ(s.Connect(kAudio, listener.port()), 0) << "one channel up is enough";
@@ -244,11 +233,9 @@ TEST(MediaRecovery, PeerThatPausesReadingHoldsBackOnlyItsMediaTypeAndLosesNothin
     MediaPeer echo;
     ASSERT_TRUE(echo.start());
     MediaSession s(3145);
-    ASSERT_EQ(s.Create(kVideo, 1), 0);
-    ASSERT_EQ(s.Connect(kVideo, stuck.port()), 0);
+    ASSERT_TRUE(s.Open(kVideo, stuck.port()));
     ASSERT_EQ(stuck.AcceptAll(), 1u);
-    ASSERT_EQ(s.Create(kAudio, 1), 0);
-    ASSERT_EQ(s.Connect(kAudio, echo.port()), 0);
+    ASSERT_TRUE(s.Open(kAudio, echo.port()));
     const int conn = stuck.connections()[0];
     constexpr size_t kBody = 1200;
 
@@ -333,11 +320,9 @@ TEST(MediaRecovery, LiteralLoopPeerThatStopsReadingGetsItsChannelReplacedAndNoSo
 {
     MediaSocket::SetLiteralLoops(true);
     BacklogListener stuck(4);
-    ASSERT_NE(stuck.port(), 0);
     {
         MediaSession s(3141);
-        ASSERT_EQ(s.Create(kVideo, 1), 0);
-        ASSERT_EQ(s.Connect(kVideo, stuck.port()), 0);
+        ASSERT_TRUE(s.Open(kVideo, stuck.port()));
         ASSERT_EQ(stuck.AcceptAll(), 1u);
 
         size_t accepted = 0, refused = 0;
@@ -382,21 +367,20 @@ TEST(MediaRecovery, WithoutCallbacksPacketsAreDroppedAndRepairsStillHappen)
     ASSERT_EQ(s.Create(kVideo, 1, false, false), 0);
     ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
 
-    // No receive callback: what arrives is consumed, uncounted.
+    // No receive callback: what arrives is consumed, uncounted; no event
+    // callback: flushes, dirty data and repairs tell nobody.
     ASSERT_EQ(s.Send(kVideo, 2, Body(30)), 0);
     ASSERT_TRUE(wait_until([&] { return peer.packets(kVideo) == 1; }, 3000));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(s.Stats(kVideo).recv.SuccessCount, 0u);
     ASSERT_EQ(MORL_MediaRegisterRecvCallback(s.id(), kVideo, &MediaSession::RecvCallback), 0);
 
-    // A damaged packet in the send ring: flushed, and sending goes on.
     ASSERT_EQ(s.Send(kVideo, 200, Body(8)), 0);
     ASSERT_TRUE(wait_until([&] { return s.Stats(kVideo).readOnePktErrCount == 1; }, 3000));
     EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kVideo), 0);
     ASSERT_EQ(s.Send(kVideo, 2, Body(30, 1)), 0);
     ASSERT_TRUE(s.WaitBody(kVideo, Body(30, 1)));
 
-    // Noise from the path: dropped, the packet behind it delivered.
     MediaPeerBehaviour noisy;
     noisy.noiseBytes = 64;
     ASSERT_TRUE(peer.setBehaviour(0, noisy));
@@ -404,7 +388,6 @@ TEST(MediaRecovery, WithoutCallbacksPacketsAreDroppedAndRepairsStillHappen)
     ASSERT_TRUE(s.WaitBody(kVideo, Body(30, 2)));
     EXPECT_GE(s.Stats(kVideo).dataLoss, 1u);
 
-    // A lost channel is repaired all the same.
     ASSERT_TRUE(peer.closeNow(0));
     ASSERT_TRUE(wait_until([&] { return peer.accepted() == 2 && s.Channel(kVideo, 0)->state == 2; }, 3000));
     ASSERT_EQ(s.Send(kVideo, 2, Body(30, 3)), 0);

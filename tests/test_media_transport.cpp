@@ -2,13 +2,11 @@
 // rotation over channels, the send ring under overload, the audio sort on
 // real connections, refusals from the path, and the counters of it all.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <condition_variable>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <set>
 #include <thread>
 
@@ -45,8 +43,7 @@ struct QuietChannel {
 
     explicit QuietChannel(uint32_t id) : s(id)
     {
-        EXPECT_EQ(s.Create(kVideo, 1), 0);
-        EXPECT_EQ(s.Connect(kVideo, quiet.port()), 0);
+        EXPECT_TRUE(s.Open(kVideo, quiet.port()));
         object = s.Object();
         sock = s.Channel(kVideo, 0)->sock;
     }
@@ -72,8 +69,7 @@ public:
         std::unique_lock<std::mutex> lock(state_->m);
         return state_->cv.wait_for(lock, std::chrono::seconds(5), [&] { return state_->held; });
     }
-    // Lets the send thread go on; false when it had already stopped waiting.
-    bool Release()
+    bool Release() // false when the send thread had already stopped waiting
     {
         std::unique_lock<std::mutex> lock(state_->m);
         state_->release = true;
@@ -94,8 +90,7 @@ TEST(MediaTransportFraming, EveryCutOfTheStreamDeliversEachPacketOnceIntact)
 {
     QuietChannel q(2101);
     const Bytes b1 = Body(20, 1), b3 = Body(300, 3);
-    const Bytes stream =
-        Cat({Framed(2, kVideo, b1), Framed(ZEPH_MEDIA_PKT_ANNO, kVideo, {}), Framed(1, kVideo, b3)});
+    const Bytes stream = Cat({Framed(2, kVideo, b1), Framed(ZEPH_MEDIA_PKT_ANNO, kVideo, {}), Framed(1, kVideo, b3)});
     size_t triples = 0;
     for (size_t cut = 1; cut < stream.size(); ++cut) {
         ASSERT_EQ(q.Feed(Bytes(stream.begin(), stream.begin() + long(cut))), 0);
@@ -159,9 +154,8 @@ TEST(MediaTransportFraming, BadLengthAndNoiseAreSkippedToTheNextHead)
     EXPECT_EQ(q.s.Channel(kVideo, 0)->reCreateChannelCount.load(), 0);
 
     // Bytes of a socket that is no channel's (one closed between poll and read).
-    const Bytes stray = Framed(3, kVideo, g1);
-    EXPECT_EQ(q.object->PutRecvBuffer(q.sock + 1000, stray.data(), int32_t(stray.size())),
-              MEDIA_SOCKET_ERRCODE_NOT_FOUND_SOCKET);
+    q.sock += 1000;
+    EXPECT_EQ(q.Feed(Framed(3, kVideo, g1)), MEDIA_SOCKET_ERRCODE_NOT_FOUND_SOCKET);
     EXPECT_EQ(q.s.ReceivedCount(kVideo), 3u);
 }
 
@@ -170,8 +164,7 @@ TEST(MediaTransportSend, RotatesOverAudioChannels)
     MediaPeer peer;
     ASSERT_TRUE(peer.start());
     MediaSession s(2111);
-    ASSERT_EQ(s.Create(kAudio, 4), 0);
-    ASSERT_EQ(s.Connect(kAudio, peer.port()), 0);
+    ASSERT_TRUE(s.Open(kAudio, peer.port(), 4));
     std::set<Bytes> sent, echoed;
     for (uint32_t i = 0; i < 12; ++i) {
         sent.insert(Body(30, uint8_t(i)));
@@ -236,14 +229,12 @@ TEST(MediaTransportSend, OnePacketPerMediaTypePerPassInTheFixedOrder)
     MediaSession s(2181);
     const uint32_t kAux = ZEPH_MEDIA_AUX, kMs = ZEPH_MEDIA_MS;
     for (uint32_t type : {kVideo, kAudio, kAux, kMs, kData}) {
-        ASSERT_EQ(s.Create(type, 1), 0);
-        ASSERT_EQ(s.Connect(type, listener.port()), 0);
+        ASSERT_TRUE(s.Open(type, listener.port()));
     }
     ASSERT_EQ(listener.AcceptAll(), 5u);
     const int on = 1;
     for (int fd : listener.connections()) ASSERT_EQ(::setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on), 0);
-    // The kernel turns receive timestamps on a while after they are asked for:
-    // warm every connection up until its segments come stamped.
+    // The kernel turns receive timestamps on a while after they are asked for.
     const bool stamped = wait_until(
         [&] {
             bool all = true;
@@ -258,8 +249,7 @@ TEST(MediaTransportSend, OnePacketPerMediaTypePerPassInTheFixedOrder)
     // The order across connections is only visible through those timestamps.
     if (!stamped) GTEST_SKIP() << "the kernel gives no receive timestamps on these connections";
 
-    // Hold the send thread at DATA, the end of a pass, and queue unequal
-    // numbers of packets.
+    // Hold the send thread at DATA, the end of a pass; queue unequal numbers.
     FirstFlushHold hold;
     ASSERT_TRUE(hold.Hold(s, kData));
     const std::map<uint32_t, int> queued{{kVideo, 3}, {kAudio, 1}, {kAux, 2}, {kMs, 1}, {kData, 3}};
@@ -267,8 +257,8 @@ TEST(MediaTransportSend, OnePacketPerMediaTypePerPassInTheFixedOrder)
         for (int i = 0; i < q.second; ++i) ASSERT_EQ(s.Send(q.first, 2, Body(20, uint8_t(i))), 0);
     ASSERT_TRUE(hold.Release());
 
-    // Passes then run V A X M D, V X D, V D: each media type's last packet
-    // leaves in the pass of its count, in the fixed order within a pass.
+    // Passes V A X M D, V X D, V D: each type's last packet leaves in the pass
+    // of its count, in the fixed order within it.
     std::map<uint64_t, uint32_t> lastByTime;
     for (int fd : listener.connections()) {
         Bytes first;
@@ -348,15 +338,13 @@ TEST(MediaTransportSend, FullRingRefusesAWholePacketAndKeepsWhatIsQueued)
     MediaPeer peer(MediaPeerMode::Sink);
     ASSERT_TRUE(peer.start());
     MediaSession s(2131);
-    ASSERT_EQ(s.Create(kData, 1), 0);
-    ASSERT_EQ(s.Connect(kData, peer.port()), 0);
+    ASSERT_TRUE(s.Open(kData, peer.port()));
     FirstFlushHold hold;
     ASSERT_TRUE(hold.Hold(s, kData));
     EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kData), 0);
     EXPECT_EQ(s.Stats(kData).readOnePktErrCount, 1u);
 
-    // A packet type outside every sequence counter carries all ones. No
-    // reader takes such a head: the send thread will pass over it.
+    // A packet type outside every sequence counter carries all ones.
     ASSERT_EQ(s.Send(kData, 200, Body(8, 5), 0x01020304), 0);
     {
         auto info = s.Info(kData);
@@ -365,8 +353,7 @@ TEST(MediaTransportSend, FullRingRefusesAWholePacketAndKeepsWhatIsQueued)
         ASSERT_EQ(info->GetSendBuffer()->Peek(head.data(), kPrivateHeadSize), kPrivateHeadSize);
         EXPECT_EQ(head, (Bytes{0xFF, 0x03, 200, 4, 1, 2, 3, 4, 0xFF, 0xFF, 0xFF, 0xFF, 0, 24, 0, 0}));
     }
-    // Queued packets count at once (the damaged one too); sending counts
-    // only once sent.
+    // Queued packets count at once (the damaged one too), sending once sent.
     ASSERT_EQ(s.Send(kData, ZEPH_MEDIA_PKT_KEEPALIVE, Body(20)), 0);
     ASSERT_EQ(s.Send(kData, 7, Body(20)), 0);
     MediaStats st = s.Stats(kData);
@@ -383,8 +370,7 @@ TEST(MediaTransportSend, FullRingRefusesAWholePacketAndKeepsWhatIsQueued)
     EXPECT_EQ(rc, MEDIA_SOCKET_ERRCODE_WRITE_BUFFER);
     const int32_t used = MORL_MediaGetChannelBufSize(s.id(), kData);
     ASSERT_EQ(used, 24 + 36 + 36 + int32_t(queued - 2) * 1016);
-    // The room left still takes a packet that fits exactly; then not even
-    // a head fits.
+    // The room left still takes a packet that fits exactly; then not even a head.
     ASSERT_EQ(s.Send(kData, 2, Body(size_t(30720 - used - kPrivateHeadSize), 0xEE)), 0);
     ++queued;
     EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kData), 30720);
@@ -413,15 +399,14 @@ TEST(MediaTransportSend, ReconnectDropsWhatWasQueuedForTheOldConnectionAndSaysSo
     MediaPeer peer(MediaPeerMode::Sink);
     ASSERT_TRUE(peer.start());
     MediaSession s(2171);
-    ASSERT_EQ(s.Create(kData, 1), 0);
-    ASSERT_EQ(s.Connect(kData, peer.port()), 0);
+    ASSERT_TRUE(s.Open(kData, peer.port()));
     FirstFlushHold hold;
     ASSERT_TRUE(hold.Hold(s, kData));
     for (uint8_t i = 0; i < 3; ++i) ASSERT_EQ(s.Send(kData, 2, Body(100, i)), 0);
     ASSERT_EQ(MORL_MediaGetChannelBufSize(s.id(), kData), 3 * 116);
 
-    // New connections: what was meant for the old one is dropped, and the
-    // caller is told so on its own thread, before the call returns.
+    // What was meant for the old connection is dropped, and the caller told
+    // so on its own thread before the call returns.
     ASSERT_EQ(MORL_MediaReCreateChannel(s.id(), kData), 0);
     EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kData), 0);
     ASSERT_EQ(s.EventCount(kData, ZEPH_MEDIA_EVENT_RING_FLUSHED), 2u);
@@ -441,8 +426,7 @@ TEST(MediaTransportRecv, AudioEchoedOutOfOrderOverFourChannelsComesOutSorted)
     MediaPeer peer;
     ASSERT_TRUE(peer.start());
     MediaSession s(2141);
-    ASSERT_EQ(s.Create(kAudio, 4), 0);
-    ASSERT_EQ(s.Connect(kAudio, peer.port()), 0);
+    ASSERT_TRUE(s.Open(kAudio, peer.port(), 4));
     const uint32_t ssrc = 0xCAFEF00D;
     ASSERT_EQ(s.Send(kAudio, 0, RtpBody(100, ssrc)), 0); // opens the stream
     ASSERT_TRUE(wait_until([&] { return s.Stats(kAudio).recv.SuccessCount == 1; }, 3000));
@@ -467,8 +451,7 @@ TEST(MediaTransportRefusal, ToldBeforeTrafficAndRepairedSilentlyAfter)
     refuse.forbidden = MediaPeerBehaviour::Forbidden::BeforeEcho;
     peer.setNextBehaviour(refuse);
     MediaSession s(2151);
-    ASSERT_EQ(s.Create(kVideo, 1), 0);
-    ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
+    ASSERT_TRUE(s.Open(kVideo, peer.port()));
     ASSERT_EQ(s.Send(kVideo, 2, Body(40, 1)), 0);
     ASSERT_TRUE(s.WaitEvent(kVideo, ZEPH_MEDIA_EVENT_REFUSED));
     EXPECT_EQ(s.EventCodeSum(kVideo, ZEPH_MEDIA_EVENT_REFUSED), 403u);
@@ -478,8 +461,7 @@ TEST(MediaTransportRefusal, ToldBeforeTrafficAndRepairedSilentlyAfter)
 
     // A fresh session whose channel has carried a packet.
     MediaSession t(2161);
-    ASSERT_EQ(t.Create(kVideo, 1), 0);
-    ASSERT_EQ(t.Connect(kVideo, peer.port()), 0);
+    ASSERT_TRUE(t.Open(kVideo, peer.port()));
     ASSERT_EQ(t.Send(kVideo, 2, Body(40, 2)), 0);
     ASSERT_TRUE(t.WaitBody(kVideo, Body(40, 2)));
     ASSERT_TRUE(peer.setBehaviour(1, refuse));

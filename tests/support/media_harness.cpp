@@ -150,6 +150,11 @@ int32_t MediaSession::Connect(uint32_t mediaType, uint16_t port, const char* add
     return MORL_MediaCreateChannel(id_, mediaType, addr, port, domain);
 }
 
+bool MediaSession::Open(uint32_t mediaType, uint16_t port, uint32_t count)
+{
+    return Create(mediaType, count) == 0 && Connect(mediaType, port) == 0;
+}
+
 int32_t MediaSession::Send(uint32_t mediaType, uint32_t pktType, const Bytes& body, uint32_t channel)
 {
     return MORL_MediaSend(id_, pktType, mediaType, body.data(), uint32_t(body.size()), channel);

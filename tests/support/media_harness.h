@@ -53,6 +53,8 @@ public:
     // MORL_MediaCreateSocket, then (unless told otherwise) both callbacks.
     int32_t Create(uint32_t mediaType, uint32_t count = 4, bool recvCallback = true, bool eventCallback = true);
     int32_t Connect(uint32_t mediaType, uint16_t port, const char* addr = "127.0.0.1", const char* domain = nullptr);
+    // Create, then Connect to 127.0.0.1:port; true when both succeeded.
+    bool Open(uint32_t mediaType, uint16_t port, uint32_t count = 1);
     int32_t Send(uint32_t mediaType, uint32_t pktType, const Bytes& body, uint32_t channel = 0);
     int32_t Close(uint32_t mediaType);
 
