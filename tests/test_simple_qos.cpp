@@ -6,7 +6,6 @@
 // ctest runs tests side by side. The CLI's `qos` runs as a process.
 #include <unistd.h>
 
-#include <functional>
 #include <map>
 #include <string>
 #include <memory>
@@ -65,12 +64,12 @@ int timer_sent(const UdpStandIn& s) {
 }
 
 // A STUN server's answers: a Binding Success keeping the request's
-// transaction id, none to the requests `lose` picks, and at request
-// `stale_seq` the answer before once more instead of its own.
-UdpStandIn::Answer stun_answers(std::function<bool(uint32_t)> lose = nullptr, uint32_t stale_seq = 0) {
+// transaction id, and at request `stale_seq` the answer before once more
+// instead of its own. (A stand-in without answers keeps silent.)
+UdpStandIn::Answer stun_answers(uint32_t stale_seq = 0) {
     auto last = std::make_shared<std::vector<uint8_t>>(); // the stand-in's thread only
     return [=](std::vector<uint8_t>& p, const UdpStandIn::Got& g) {
-        if (p.size() < 20 || (lose && lose(seq_of(g)))) return false;
+        if (p.size() < 20) return false;
         if (seq_of(g) == stale_seq) {
             p = *last;
             return !p.empty();
@@ -180,8 +179,8 @@ TEST_F(SimpleQos, LostAnswerResentAfterIntervalRepeatsCountNothingSilentServerGe
     const int T = 2;
     // Place 4 answers the second probe with the first answer again, so that
     // probe stays unanswered; place 5 never answers.
-    UdpStandIn udp4(addr(T, 4), kUdpPort, stun_answers(nullptr, 2));
-    UdpStandIn udp5(addr(T, 5), kUdpPort, stun_answers([](uint32_t) { return true; }));
+    UdpStandIn udp4(addr(T, 4), kUdpPort, stun_answers(2));
+    UdpStandIn udp5(addr(T, 5), kUdpPort, nullptr);
     TcpListener proxy(addr(T, 1), 0);
     TcpListener tcp2(addr(T, 2), kTcpPort);
     ASSERT_TRUE(udp4.ok() && udp5.ok() && proxy.ok() && tcp2.ok());
