@@ -4,11 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "detect_reports.h"
 #include "peers.h"
 #include "tool_run.h"
 #include "zeph_nettools/net_tools.h"
@@ -23,30 +23,18 @@ const char kUnresolvable[] = "no such host";
 constexpr int kDelayMs = 30000;
 constexpr int kResultDeadlineMs = 45000;
 
-struct Call {
-    uint64_t at_ms = 0;
-    std::vector<FwDetectSite> rows;
-};
-std::mutex g_mutex;
-std::vector<Call> g_calls;
+using Rows = std::vector<FwDetectSite>;
+DetectReports<Rows>& g_calls = *new DetectReports<Rows>; // library threads may call in at exit
 
-void on_rows(uint32_t a, uint32_t b, uint32_t c, const std::vector<FwDetectSite>& rows) {
+void on_rows(uint32_t a, uint32_t b, uint32_t c, const Rows& rows) {
     EXPECT_EQ(a | b | c, 0u);
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_calls.push_back({now_ms(), rows});
-}
-
-size_t call_count() {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    return g_calls.size();
+    g_calls.add(rows);
 }
 
 // The call whose first row has `port` (each detection here starts with a port of its own).
-Call call_with_first_port(uint16_t port) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    for (const Call& c : g_calls)
-        if (!c.rows.empty() && c.rows[0].port == port) return c;
-    return {};
+DetectReports<Rows>::Report call_with_first_port(uint16_t port) {
+    const auto all = g_calls.all([port](const Rows& rows) { return !rows.empty() && rows[0].port == port; });
+    return all.empty() ? DetectReports<Rows>::Report{} : all[0];
 }
 
 FwDetectSite site(const std::string& addr, uint16_t port, uint8_t protocol) {
@@ -83,24 +71,19 @@ TEST(FwDetect, SevenRowsThirtySecondsLaterAndUnresolvedNamesStayHome) {
     ASSERT_TRUE(proxy.start({}));
     const bool icmp = zeph_peers::raw_icmp_permitted();
 
-    const std::vector<FwDetectSite> none;
-    const std::vector<FwDetectSite> eight(8, site("127.0.0.1", open.port(), ZEPH_TRANS_TCP));
-    const std::vector<FwDetectSite> long_name = {site(std::string(128, 'a'), open.port(), ZEPH_TRANS_TCP)};
-    const std::vector<FwDetectSite> with_nul = {site(std::string("127.0.0.1\0x", 11), open.port(), ZEPH_TRANS_TCP)};
-    const std::vector<FwDetectSite> one = {site("127.0.0.1", open.port(), ZEPH_TRANS_TCP)};
-    EXPECT_EQ(1u, zeph_fw_detect_start(1, none, on_rows));
+    const FwDetectSite one = site("127.0.0.1", open.port(), ZEPH_TRANS_TCP);
+    for (const Rows& refused : {Rows{}, Rows(8, one), Rows{site(std::string(128, 'a'), open.port(), ZEPH_TRANS_TCP)},
+                                Rows{site(std::string("127.0.0.1\0x", 11), open.port(), ZEPH_TRANS_TCP)}})
+        EXPECT_EQ(1u, zeph_fw_detect_start(1, refused, on_rows)) << refused.size();
     EXPECT_TRUE(log.contains("size is zero"));
-    EXPECT_EQ(1u, zeph_fw_detect_start(2, eight, on_rows));
-    EXPECT_EQ(1u, zeph_fw_detect_start(3, long_name, on_rows));
-    EXPECT_EQ(1u, zeph_fw_detect_start(4, with_nul, on_rows));
-    EXPECT_EQ(1u, zeph_fw_detect_start(5, one, nullptr));
+    EXPECT_EQ(1u, zeph_fw_detect_start(5, {one}, nullptr));
 
-    const std::vector<FwDetectSite> seven = {
+    const Rows seven = {
         site("127.0.0.1", open.port(), ZEPH_TRANS_TCP),     site("127.0.0.1", refusing.port(), ZEPH_TRANS_TCP),
         site("127.0.0.1", stun.port(), ZEPH_TRANS_UDP),     site("localhost", named.port(), ZEPH_TRANS_TCP),
         site("127.0.0.1", 1, ZEPH_TRANS_ICMP),              site(kUnresolvable, trap.port(), ZEPH_TRANS_TCP),
         site(kUnresolvable, trap_udp.port(), ZEPH_TRANS_UDP)};
-    const std::vector<FwDetectSite> two = {site("127.0.0.1", stun.port(), ZEPH_TRANS_UDP),
+    const Rows two = {site("127.0.0.1", stun.port(), ZEPH_TRANS_UDP),
                                            site("localhost", open.port(), ZEPH_TRANS_TCP)};
     const uint64_t t0 = now_ms();
     ASSERT_EQ(0u, zeph_fw_detect_start(0xF7, seven, on_rows));
@@ -109,13 +92,13 @@ TEST(FwDetect, SevenRowsThirtySecondsLaterAndUnresolvedNamesStayHome) {
     ProxyGuard unset;
     ASSERT_EQ(0, zeph_settings_set_http_proxy("127.0.0.1", proxy.port(), nullptr, nullptr));
 
-    ASSERT_TRUE(wait_until([] { return call_count() >= 2; }, kResultDeadlineMs, 50)) << log.dump();
-    const Call a = call_with_first_port(open.port()), b = call_with_first_port(stun.port());
-    for (const Call* c : {&a, &b}) {
+    ASSERT_TRUE(wait_until([] { return g_calls.count() >= 2; }, kResultDeadlineMs, 50)) << log.dump();
+    const auto a = call_with_first_port(open.port()), b = call_with_first_port(stun.port());
+    for (const auto* c : {&a, &b}) {
         EXPECT_TRUE(c->at_ms - t0 >= uint64_t(kDelayMs) && c->at_ms - t0 < uint64_t(kDelayMs + 8000)) << c->at_ms - t0;
-        ASSERT_EQ(c->rows.size(), 7u);
+        ASSERT_EQ(c->value.size(), 7u);
         for (uint32_t i = 0; i < 7; ++i) // the proxy flag is read when the result is reported
-            EXPECT_TRUE(c->rows[i].index == i && c->rows[i].protocol == 0 && c->rows[i].is_proxy == 1u) << "row " << i;
+            EXPECT_TRUE(c->value[i].index == i && c->value[i].protocol == 0 && c->value[i].is_proxy == 1u) << "row " << i;
     }
 
     const struct {
@@ -125,17 +108,17 @@ TEST(FwDetect, SevenRowsThirtySecondsLaterAndUnresolvedNamesStayHome) {
     } want_a[] = {{"127.0.0.1", open.port(), 1}, {"127.0.0.1", refusing.port(), 0}, {"127.0.0.1", stun.port(), 1},
                   {"127.0.0.1", named.port(), 1}, {"127.0.0.1", 1, icmp ? 1 : 0},   {"0.0.0.0", trap.port(), 0},
                   {"0.0.0.0", trap_udp.port(), 0}};
-    for (size_t i = 0; i < a.rows.size() && i < 7; ++i)
-        EXPECT_TRUE(a.rows[i].addr == want_a[i].addr && a.rows[i].port == want_a[i].port &&
-                    a.rows[i].reached == want_a[i].reached)
-            << "row " << i << ": " << a.rows[i].addr << ":" << a.rows[i].port << " " << int(a.rows[i].reached);
+    for (size_t i = 0; i < a.value.size() && i < 7; ++i)
+        EXPECT_TRUE(a.value[i].addr == want_a[i].addr && a.value[i].port == want_a[i].port &&
+                    a.value[i].reached == want_a[i].reached)
+            << "row " << i << ": " << a.value[i].addr << ":" << a.value[i].port << " " << int(a.value[i].reached);
     EXPECT_EQ(trap.accepts(), 0);
     EXPECT_EQ(trap_udp.answered() + trap_udp.ignored(), 0u);
     EXPECT_GE(named.accepts(), 1);
 
     std::string padded;
-    for (size_t i = 0; i < b.rows.size(); ++i) {
-        const FwDetectSite& r = b.rows[i];
+    for (size_t i = 0; i < b.value.size(); ++i) {
+        const FwDetectSite& r = b.value[i];
         EXPECT_EQ(r.reached, i < 2 ? 1 : 0) << "row " << i;
         EXPECT_TRUE(i < 2 || (r.addr == "0.0.0.0" && r.port == 0)) << "row " << i << ": " << r.addr << ":" << r.port;
         padded += r.addr + ":" + std::to_string(r.port) + "=" + std::to_string(r.reached) + ",";
@@ -143,7 +126,7 @@ TEST(FwDetect, SevenRowsThirtySecondsLaterAndUnresolvedNamesStayHome) {
     EXPECT_TRUE(log.wait_for("FW_Detect_Result=" + std::to_string(padded.size()) + "," + padded, 2000)) << log.dump();
 
     sleep_ms(500); // a stray callback of a refused call would have come with these
-    EXPECT_EQ(call_count(), 2u);
+    EXPECT_EQ(g_calls.count(), 2u);
 }
 
 // The command counts through the delay and prints the seven rows, as a table
