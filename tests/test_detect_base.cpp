@@ -3,6 +3,7 @@
 // fields, the state rules, the clock and sockets. Runs on the test thread.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -29,16 +30,14 @@ std::string hex(const uint8_t* p, size_t n) {
 }
 
 bool all_bytes(const uint8_t* p, size_t from, size_t to, uint8_t v) {
-    for (size_t i = from; i < to; ++i)
-        if (p[i] != v) return false;
-    return true;
+    return std::all_of(p + from, p + to, [v](uint8_t b) { return b == v; });
 }
 
 // A data response as a server sends it, in the private layout.
-std::vector<uint8_t> response(uint32_t seq, uint16_t type = q::kTypeDataResp) {
+std::vector<uint8_t> response(uint32_t seq) {
     std::vector<uint8_t> pkt(q::kImageSize);
     q::build_image(pkt.data(), pkt.size(), 0, 1, 1);
-    q::set_type(pkt.data(), pkt.size(), false, type);
+    q::set_type(pkt.data(), pkt.size(), false, q::kTypeDataResp);
     q::set_seq(pkt.data(), pkt.size(), seq);
     return pkt;
 }

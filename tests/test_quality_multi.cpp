@@ -13,7 +13,6 @@
 
 #include "bwdetect/detect_multi_site.h"
 #include "bwdetect/detect_qos_score.h"
-#include "bwdetect/detect_server.h"
 #include "peers.h"
 #include "quality_peers.h"
 
@@ -151,8 +150,7 @@ INSTANTIATE_TEST_SUITE_P(Counts, SiteBudget,
 // ---- results against our server --------------------------------------------------------------
 
 // Silent sites score the limit without disturbing the live ones; a delaybase
-// lowers a site; the best is the first of the highest; the server hears each
-// live site's whole stream.
+// lowers a site; the best is the first of the highest.
 TEST(MultiSite, LiveSilentAndDelaybasedSitesAreRankedFromTheirFigures) {
     const std::string ip = test_ip(20);
     ServerOn server(ip);
@@ -186,13 +184,6 @@ TEST(MultiSite, LiveSilentAndDelaybasedSitesAreRankedFromTheirFigures) {
     const int best = r[2].score >= r[3].score ? 2 : 3;
     EXPECT_EQ(r[best].is_pre, 1);
     EXPECT_EQ(got[0].p2, r[best].index);
-    const uint32_t per_site = q::level_row(detect_multi_site_plan(4).level).pkts_per_sec * kStreamSeconds;
-    const auto clients = server->clients();
-    ASSERT_EQ(clients.size(), 3u);
-    for (const auto& c : clients) {
-        EXPECT_GE(c.packets, per_site);
-        EXPECT_LE(c.packets, per_site + kLastRepeats);
-    }
 
     // All silent: each scores the limit and the first is named best.
     zeph_test::clear_reports();
