@@ -2,11 +2,8 @@
 // rotation over channels, the send ring under overload, the audio sort on
 // real connections, refusals from the path, and the counters of it all.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <condition_variable>
-#include <cstring>
-#include <map>
 #include <set>
 #include <thread>
 
@@ -189,91 +186,6 @@ TEST(MediaTransportSend, RotatesOverAudioChannels)
     }
     EXPECT_EQ(firsts, (std::set<uint32_t>{0, 1, 2, 3}));
     EXPECT_EQ(s.Stats(kAudio).sendCount, 12u);
-}
-
-// Reads n bytes of a connection and the kernel's receive time of the last
-// one (0 when the kernel gave none).
-bool ReadAllStamped(int fd, size_t n, uint64_t& lastNs, Bytes* out = nullptr)
-{
-    size_t got = 0;
-    for (const uint64_t deadline = now_ms() + 3000; got < n && now_ms() < deadline;) {
-        uint8_t buf[4096];
-        char control[256];
-        iovec iov{buf, std::min(sizeof buf, n - got)};
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof control;
-        const ssize_t r = ::recvmsg(fd, &msg, MSG_DONTWAIT);
-        if (r <= 0) {
-            sleep_ms(1);
-            continue;
-        }
-        got += size_t(r);
-        if (out) out->insert(out->end(), buf, buf + r);
-        lastNs = 0;
-        for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
-            if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_TIMESTAMPNS) continue;
-            timespec ts{};
-            std::memcpy(&ts, CMSG_DATA(c), sizeof ts);
-            lastNs = uint64_t(ts.tv_sec) * 1000000000u + uint64_t(ts.tv_nsec);
-        }
-    }
-    return got == n;
-}
-
-TEST(MediaTransportSend, OnePacketPerMediaTypePerPassInTheFixedOrder)
-{
-    BacklogListener listener(8);
-    MediaSession s(2181);
-    const uint32_t kAux = ZEPH_MEDIA_AUX, kMs = ZEPH_MEDIA_MS;
-    for (uint32_t type : {kVideo, kAudio, kAux, kMs, kData}) {
-        ASSERT_TRUE(s.Open(type, listener.port()));
-    }
-    ASSERT_EQ(listener.AcceptAll(), 5u);
-    const int on = 1;
-    for (int fd : listener.connections()) ASSERT_EQ(::setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on), 0);
-    // The kernel turns receive timestamps on a while after they are asked for.
-    const bool stamped = wait_until(
-        [&] {
-            bool all = true;
-            for (uint32_t type : {kVideo, kAudio, kAux, kMs, kData}) EXPECT_EQ(s.Send(type, 2, Body(20)), 0);
-            for (int fd : listener.connections()) {
-                uint64_t ns = 0;
-                all = ReadAllStamped(fd, 36, ns) && ns != 0 && all;
-            }
-            return all;
-        },
-        5000, 10);
-    // The order across connections is only visible through those timestamps.
-    if (!stamped) GTEST_SKIP() << "the kernel gives no receive timestamps on these connections";
-
-    // Hold the send thread at DATA, the end of a pass; queue unequal numbers.
-    FirstFlushHold hold;
-    ASSERT_TRUE(hold.Hold(s, kData));
-    const std::map<uint32_t, int> queued{{kVideo, 3}, {kAudio, 1}, {kAux, 2}, {kMs, 1}, {kData, 3}};
-    for (const auto& q : queued)
-        for (int i = 0; i < q.second; ++i) ASSERT_EQ(s.Send(q.first, 2, Body(20, uint8_t(i))), 0);
-    ASSERT_TRUE(hold.Release());
-
-    // Passes V A X M D, V X D, V D: each type's last packet leaves in the pass
-    // of its count, in the fixed order within it.
-    std::map<uint64_t, uint32_t> lastByTime;
-    for (int fd : listener.connections()) {
-        Bytes first;
-        uint64_t ns = 0;
-        ASSERT_TRUE(ReadAllStamped(fd, 36, ns, &first));
-        const uint32_t type = first[3];
-        if (queued.at(type) > 1) {
-            ASSERT_TRUE(ReadAllStamped(fd, 36 * size_t(queued.at(type) - 1), ns));
-        }
-        if (ns == 0) GTEST_SKIP() << "a segment came without a receive timestamp";
-        lastByTime[ns] = type;
-    }
-    std::vector<uint32_t> order;
-    for (const auto& t : lastByTime) order.push_back(t.second);
-    EXPECT_EQ(order, (std::vector<uint32_t>{kAudio, kMs, kAux, kVideo, kData}));
 }
 
 TEST(MediaTransportSend, HeadsCountersAndTheClosingReport)
