@@ -16,11 +16,7 @@
 #include "peers.h"
 #include "udp_relay.h"
 
-using zeph_relay::Impairment;
-using zeph_relay::ImpairmentModel;
-using zeph_relay::JitterModel;
-using zeph_relay::UdpRelay;
-using zeph_relay::UdpRelayConfig;
+using namespace zeph_relay;
 using zeph_test::UdpSocket;
 
 namespace {
