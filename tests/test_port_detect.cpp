@@ -7,10 +7,12 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <mutex>
+#include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "detect_reports.h"
 #include "inc/port_detect.h"
 #include "peers.h"
 #include "zeph_nettools/net_tools.h"
@@ -19,45 +21,37 @@ using namespace zeph_test;
 
 namespace {
 
-// Each callback's record, copied, by the detection's serial number (all
-// three result records carry `num`).
-struct Call {
-    uint64_t at_ms = 0;
-    int calls = 0;
+// Each callback's record, copied, with the detection's serial number (all
+// three record types carry `num`). Never destroyed: library threads may call in at exit.
+struct Record {
+    uint32_t num;
     std::vector<uint8_t> bytes;
     template <class T>
     T as() const {
         T out{};
-        std::memcpy(&out, bytes.data(), bytes.size() < sizeof out ? bytes.size() : sizeof out);
+        std::memcpy(&out, bytes.data(), std::min(bytes.size(), sizeof out));
         return out;
     }
 };
-std::mutex g_mutex;
-std::map<uint32_t, Call> g_calls;
+DetectReports<Record>& g_calls = *new DetectReports<Record>;
 
 template <class T>
 void record(void* p) {
-    const T* r = static_cast<const T*>(p);
-    std::lock_guard<std::mutex> lock(g_mutex);
-    Call& c = g_calls[r->num];
-    c.at_ms = now_ms();
-    ++c.calls;
-    c.bytes.assign(reinterpret_cast<const uint8_t*>(r), reinterpret_cast<const uint8_t*>(r + 1));
+    const auto* r = static_cast<const T*>(p);
+    g_calls.add({r->num, {reinterpret_cast<const uint8_t*>(r), reinterpret_cast<const uint8_t*>(r + 1)}});
 }
 const auto on_result = &record<PortDetectResult>;
 const auto on_any = &record<AnyPortResult>;
 const auto on_info = &record<PortDetectInfo>;
 
-int calls(uint32_t num) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    const auto it = g_calls.find(num);
-    return it == g_calls.end() ? 0 : it->second.calls;
+std::function<bool(const Record&)> num_is(uint32_t num) {
+    return [num](const Record& r) { return r.num == num; };
 }
-
-Call wait_call(uint32_t num) {
-    wait_until([&] { return calls(num) > 0; }, 6000);
-    std::lock_guard<std::mutex> lock(g_mutex);
-    return g_calls[num];
+size_t calls(uint32_t num) { return g_calls.count(num_is(num)); }
+DetectReports<Record>::Report wait_call(uint32_t num) {
+    g_calls.wait_for(1, 6000, num_is(num));
+    const auto all = g_calls.all(num_is(num));
+    return all.empty() ? DetectReports<Record>::Report{} : all.back();
 }
 
 PortDetectEntry entry(uint16_t port, uint8_t protocol, uint8_t reached = 0, const std::string& ip = "127.0.0.1") {
@@ -183,25 +177,25 @@ TEST(PortDetect, EachModeReportsOnceOnTimeThenIsFreed) {
                 {309, 950, 2200, -1}, {303, 2900, 4500, 0}, {304, 2900, 4500, -1}, {306, 2900, 4500, 0},
                 {311, 2900, 4500, -1}, {312, 2900, 4500, -1}};
     for (const auto& w : when) {
-        const Call c = wait_call(w.num);
+        const auto c = wait_call(w.num);
         EXPECT_TRUE(c.at_ms - t0 >= w.from_ms && c.at_ms - t0 < w.to_ms) << w.num << " after " << c.at_ms - t0 << " ms";
-        EXPECT_TRUE(w.ret < 0 || c.as<PortDetectResult>().ret == w.ret)
-            << w.num << ": code " << std::hex << c.as<PortDetectResult>().ret;
+        EXPECT_TRUE(w.ret < 0 || c.value.as<PortDetectResult>().ret == w.ret)
+            << w.num << ": code " << std::hex << c.value.as<PortDetectResult>().ret;
     }
-    const auto a = wait_call(308).as<AnyPortResult>();
+    const auto a = wait_call(308).value.as<AnyPortResult>();
     std::string bits;
     for (int g = 0; g < 2; ++g)
         for (int e = 0; e < 4; ++e) bits += std::to_string(a.groups[g].open[e]);
     EXPECT_EQ(std::to_string(a.group_num) + " " + bits, "2 01000000");
-    EXPECT_EQ(wait_call(304).as<AnyPortResult>().groups[0].detect_num, 2u);
-    const PortDetectInfo rec = wait_call(309).as<PortDetectInfo>();
+    EXPECT_EQ(wait_call(304).value.as<AnyPortResult>().groups[0].detect_num, 2u);
+    const PortDetectInfo rec = wait_call(309).value.as<PortDetectInfo>();
     const PortDetectEntry* e = rec.groups[0].entries;
     // Probed: open 1, refused 0 over the caller's 1. Not probed: as given.
     EXPECT_EQ((std::vector<int>{e[0].reached, e[1].reached, e[2].reached, e[3].reached}), (std::vector<int>{1, 0, 1, 0}));
     EXPECT_STREQ(e[0].text + 4, "caller text");
-    const auto clamped = wait_call(311).as<AnyPortResult>();
+    const auto clamped = wait_call(311).value.as<AnyPortResult>();
     EXPECT_TRUE(clamped.group_num == 7u && clamped.groups[0].detect_num == 4u && clamped.groups[1].detect_num == 0u);
-    const PortDetectInfo clamped_whole = wait_call(312).as<PortDetectInfo>();
+    const PortDetectInfo clamped_whole = wait_call(312).value.as<PortDetectInfo>();
     EXPECT_TRUE(clamped_whole.group_num == 7 && clamped_whole.groups[0].detect_num == 4);
 
     // The first detection ended after t0, so none may go before t0 + 20 s.
@@ -210,5 +204,5 @@ TEST(PortDetect, EachModeReportsOnceOnTimeThenIsFreed) {
 
     EXPECT_TRUE(wait_until([] { return PortDetect::live_count() + PortDetectBase::live_count() == 0; }, 25000, 50))
         << PortDetect::live_count() << " detections and " << PortDetectBase::live_count() << " probes left";
-    for (uint32_t num = 301; num <= 312; ++num) EXPECT_EQ(calls(num), num == 307 || num == 310 ? 0 : 1) << num;
+    for (uint32_t num = 301; num <= 312; ++num) EXPECT_EQ(calls(num), num == 307 || num == 310 ? 0u : 1u) << num;
 }
