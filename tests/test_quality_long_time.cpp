@@ -1,8 +1,8 @@
 // The long-time detections through their exports: rounds of ten seconds from
-// two sockets in turn, against our quality server with the token in every
-// packet, through the UDP relay beside its truth, in the STUN form against a
-// stand-in STUN server, the refusals, and `zeph-nettools monitor`. The
-// clients bind the fixed client ports (64100, 64101) under a resource lock.
+// two sockets in turn, with the token in every packet through the UDP relay
+// to our server beside the relay's truth, in the STUN form against a stand-in
+// STUN server, the refusals, and `zeph-nettools monitor`. The clients bind the
+// fixed client ports (64100, 64101) under a resource lock.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "bwdetect/detect_server.h"
 #include "peers.h"
 #include "quality_peers.h"
 #include "tool_run.h"

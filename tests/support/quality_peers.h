@@ -1,13 +1,7 @@
 // Peers of the quality detections, run by the test's own threads: our quality
-// server on an address of the test, a UDP socket standing in for a server
-// that keeps every datagram it gets and answers what its callback makes of it,
-// a relay in front of our server, a keeper of the detections' reports, and
-// a holder of client ports.
-//
-//   QualityServerOn server("127.0.61.5");      // our server on :64000
-//   UdpStandIn fake("127.0.61.6", 0, [](std::vector<uint8_t>& p, const UdpStandIn::Got&) {
-//       return answer_quality_data(p, zeph::quality::kStatusOk);
-//   });
+// server on an address of the test, a relay in front of it, a UDP stand-in
+// that keeps every datagram and answers what its callback makes of it, a
+// keeper of the detections' reports, and a holder of client ports.
 #pragma once
 
 #include <atomic>
