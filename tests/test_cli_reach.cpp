@@ -22,23 +22,15 @@ std::string target(uint16_t port, const std::string& proto) {
 TEST(CliReach, BadArgumentsExitTwoWithOneLineAndHelpExitsZero) {
     std::vector<std::string> seventeen = {"reach"};
     for (int i = 1; i <= 17; ++i) seventeen.push_back("127.0.0.1:" + std::to_string(i) + "/udp");
-    const std::vector<std::vector<std::string>> bad = {
-        {"reach"},
-        {"reach", "127.0.0.1:80"},
-        {"reach", "127.0.0.1:0/udp"},
-        {"reach", "127.0.0.1:80/sctp"},
-        {"reach", "127.0.0.1:80/tcp:nps"},
-        {"reach", "127.0.0.1:80/udp:direct"},
-        {"reach", "127.0.0.1:80/udp:"},
+    expect_usage_errors({
+        {"reach"}, {"reach", "127.0.0.1:80"}, {"reach", "127.0.0.1:0/udp"}, {"reach", "127.0.0.1:80/sctp"},
+        {"reach", "127.0.0.1:80/tcp:nps"}, {"reach", "127.0.0.1:80/udp:direct"}, {"reach", "127.0.0.1:80/udp:"},
         {"reach", "127.0.0.1/icmp:stun"},
         {"reach", "127.0.0.1:80/udp:ice"}, // no credentials
         {"reach", "--ice-local", "nocolon", "--ice-remote", "a:b", "127.0.0.1:80/udp:ice"},
-        {"reach", "--ice-local", "a:b"},
-        {"reach", "bad\thost:80/udp"},
-        {"reach", "--frobnicate", "127.0.0.1:80/udp"},
+        {"reach", "--ice-local", "a:b"}, {"reach", "bad\thost:80/udp"}, {"reach", "--frobnicate", "127.0.0.1:80/udp"},
         seventeen,
-    };
-    expect_usage_errors(bad);
+    });
     expect_help("reach");
 }
 

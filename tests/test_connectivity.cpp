@@ -109,22 +109,19 @@ constexpr uint16_t kIcmpPort = 1; // an echo has no port; the record needs one
 } // namespace
 
 TEST_F(Connectivity, RefusedArgumentsReturnOneAndNeverCallBack) {
-    LogCapture log;
     const uint16_t p = stun.port();
     const uint32_t before = DetectConnectivity::instances();
     EXPECT_EQ(1, zeph_single_port_detect(1, nullptr, p, ZEPH_TRANS_UDP, on_result));
     EXPECT_EQ(1, zeph_single_port_detect(3, "127.0.0.1", 0, ZEPH_TRANS_UDP, on_result));
     EXPECT_EQ(1, zeph_single_port_detect(4, "127.0.0.1", p, ZEPH_TRANS_UDP, nullptr));
-    EXPECT_TRUE(log.contains("para is error addr[0x")) << log.dump();
     EXPECT_EQ(1, zeph_any_port_detect_new(nullptr));
     ConnectivityDetectInfo no_notify = info_of(5, {site("127.0.0.1", p, ZEPH_TRANS_UDP)});
     no_notify.notify = nullptr;
-    // A bad second site refuses the whole call, naming its place.
+    // A bad second site refuses the whole call.
     for (const ConnectivityDetectInfo& bad :
          {no_notify, info_of(6, {site("127.0.0.1", p, ZEPH_TRANS_UDP), site("127.0.0.1", 0, ZEPH_TRANS_UDP)}),
           info_of(7, {site("", p, ZEPH_TRANS_UDP)})})
         EXPECT_EQ(1, zeph_any_port_detect_new(&bad)) << bad.num;
-    EXPECT_TRUE(log.contains("detect count(1) port(0) addr.size(127.0.0.1)")) << log.dump();
 
     // Without the runtime nothing could ever answer: refused too.
     zeph_net_tools_uninit();
@@ -321,7 +318,6 @@ TEST_F(Connectivity, NamesResolveAndALateAnswerReachesNobody) {
 // A silent target and an empty list both report after 4 s: 3 s without an
 // answer, then 1 s of grace.
 TEST_F(Connectivity, SilentTargetProbedWithRisingSequenceUntilFourSecondsAndSeventeenSitesGiveSixteenRows) {
-    LogCapture log;
     UdpSocket silent;
     ASSERT_TRUE(silent.ok());
     std::vector<ConnectivitySite> sites(17, site("127.0.0.1", stun.port(), ZEPH_TRANS_UDP));
@@ -351,12 +347,10 @@ TEST_F(Connectivity, SilentTargetProbedWithRisingSequenceUntilFourSecondsAndSeve
 
     ASSERT_TRUE(wait_report(71, rep));
     EXPECT_EQ(std::string(16, '1'), opens(rep.value));
-    EXPECT_TRUE(log.contains("detect count(17) more than 16")) << log.dump();
     ASSERT_TRUE(wait_report(72, rep));
     EXPECT_TRUE(rep.value.sites.empty());
     EXPECT_GE(rep.at_ms - t0, 3950u);
     EXPECT_LT(rep.at_ms - t0, 4800u);
-    EXPECT_TRUE(log.contains("secure function return error len=0")) << log.dump();
     EXPECT_TRUE(runtime_idle());
 }
 

@@ -16,7 +16,6 @@
 
 namespace {
 
-using zeph_test::LogCapture;
 using zeph_test::UdpSocket;
 using zeph_test::wait_until;
 using Bytes = std::vector<uint8_t>;
@@ -75,12 +74,10 @@ StunIceInfo ice_side(const char* ufrag, const char* password) {
 // ---- the factory and opening ---------------------------------------------------------------
 
 TEST(DetectSocketCreate, EachTransportByItsKeyNeedsAnAddressAndPortAndClosesWithTheLastHolder) {
-    LogCapture log;
     auto udp = made<DetectSocketUDP>("udp");
     ASSERT_TRUE(udp && made<DetectSocketTCP>("tcp") && made<DetectSocketICMP>("icmp"));
     EXPECT_NE(SocketFactory<DetectSocket>::instance().get_socket("udp"), udp) << "a new socket per call";
     EXPECT_FALSE(SocketFactory<DetectSocket>::instance().get_socket("UDP"));
-    EXPECT_TRUE(log.contains("No socket found for UDP")) << log.dump();
     for (const char* key : {"udp", "tcp", "icmp"}) {
         auto sock = SocketFactory<DetectSocket>::instance().get_socket(key);
         EXPECT_FALSE(sock->create()) << key;
@@ -173,7 +170,6 @@ TEST(DetectSocketWire, NpsProbeCarriesThePrivateHeadAndZeros) {
 }
 
 TEST(DetectSocketWire, IceCheckIsTheStunServicesPacketForTheAudioKeyAndNothingWithoutIt) {
-    LogCapture log;
     MORL_StunClearIceInfo("stun_audio_7");
     const StunIceInfo local = ice_side("locU", "local-secret");
     const StunIceInfo remote = ice_side("remUF", "remote-secret");
@@ -189,7 +185,6 @@ TEST(DetectSocketWire, IceCheckIsTheStunServicesPacketForTheAudioKeyAndNothingWi
     MORL_StunClearIceInfo("stun_audio_7");
     // No ICE information under any audio key: the build fails, nothing leaves.
     sock->send_buf(6);
-    EXPECT_TRUE(log.contains("ice_build error ret(4)len(288)")) << log.dump();
     EXPECT_TRUE(capture(peer, kSilenceMs).empty());
     ASSERT_GE(p.size(), 16u + 20u);
     ASSERT_LE(p.size(), 287u);
@@ -304,7 +299,6 @@ std::shared_ptr<DetectSocketTCP> bound_tcp(int start = -1) {
 }
 
 TEST(DetectSocketBind, WalkSkipsTakenPortsGivesUpAfterSixteenAndWrapsAtTheLimit) {
-    LogCapture log;
     const uint16_t start = 61230;
     std::vector<std::shared_ptr<DetectSocketTCP>> takers;
     for (int i = 0; i < 16; ++i) {
@@ -314,7 +308,6 @@ TEST(DetectSocketBind, WalkSkipsTakenPortsGivesUpAfterSixteenAndWrapsAtTheLimit)
     auto late = bound_tcp(start);
     EXPECT_EQ(late->get_local_port(), 0) << "sixteen taken ports leave it unbound";
     EXPECT_EQ(late->get_start_port(), start + 16);
-    EXPECT_EQ(log.count("[detect_start] bind_failed port=61245 type=tcp"), 1) << log.dump();
     takers.pop_back(); // frees start + 15
     EXPECT_EQ(bound_tcp(start + 1)->get_local_port(), start + 15);
 

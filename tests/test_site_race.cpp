@@ -349,9 +349,7 @@ TEST_F(SiteRace, ThirtyTwoSitesRaceAndAnswersArrivingTogetherGiveTogetherDelays)
     Sites peers(test_ip(70), kSites);
     std::vector<OptSiteInfo> sites;
     for (size_t i = 0; i < kSites; ++i) sites.push_back(site("many-" + std::to_string(i), test_ip(70), peers.port(i)));
-    LogCapture log;
     Race race = run_race(sites, "many-");
-    EXPECT_TRUE(log.contains("detect count(33) more than 32"));
     ASSERT_EQ(1u, race.table.size());
     ASSERT_EQ(32u, race.table[0].value.rows.size());
     EXPECT_EQ(1u, race.best.size());
