@@ -109,8 +109,8 @@ TEST(CliMedia, EchoPeerReturnsEveryPacketIntactAndTheFiguresAgree) {
     // type chan rate sent accepted refused received corrupt reordered ...
     const auto row = table_row(t.out, "Video");
     ASSERT_FALSE(row.empty()) << t.out;
-    EXPECT_EQ(std::vector<std::string>(row.begin() + 3, row.begin() + 8), (std::vector<std::string>{"20", "20", "0", "20", "0"}))
-        << t.out;
+    const std::vector<std::string> counts(row.begin() + 3, row.begin() + 8);
+    EXPECT_EQ(counts, (std::vector<std::string>{"20", "20", "0", "20", "0"})) << t.out;
     EXPECT_EQ(row[1], "1") << t.out;
     EXPECT_NE(t.out.find("events: none"), std::string::npos) << t.out;
     EXPECT_NE(t.out.find("sent 20, failed 0"), std::string::npos) << t.out;

@@ -16,6 +16,8 @@
 namespace zeph_test {
 
 using Bytes = std::vector<uint8_t>;
+// Several figures compared at once: EXPECT_EQ((Figures{a, b}), (Figures{1, 2})).
+using Figures = std::vector<uint64_t>;
 
 // A body of n bytes whose content depends on `tag`.
 Bytes Body(size_t n, uint8_t tag = 0);
