@@ -83,8 +83,7 @@ TEST(MediaRecovery, LostChannelComesBackAtMostOncePerFiveSeconds)
     EXPECT_LT(ThreadCpuTicks(recvThread) - cpuBefore, sysconf(_SC_CLK_TCK) / 2)
         << "the receive thread's CPU over the five seconds";
     const uint64_t gap = now_ms() - firstRepair;
-    EXPECT_GE(gap, 4900u);
-    EXPECT_LE(gap, 6500u);
+    EXPECT_TRUE(gap >= 4900 && gap <= 6500) << gap;
     ASSERT_TRUE(wait_until([&] { return s.Channel(kVideo, 0)->state == 2; }, 3000));
     ASSERT_EQ(s.Send(kVideo, 2, Body(50, 3)), 0);
     EXPECT_TRUE(s.WaitBody(kVideo, Body(50, 3)));
@@ -128,22 +127,21 @@ TEST(MediaRecovery, SendWithEverySocketClosedRebuildsTheMediaTypeWithoutBlocking
     MediaPeer second;
     ASSERT_TRUE(second.start("127.0.0.1", port));
     EXPECT_EQ(s.Send(kVideo, 2, Body(20, 2)), MEDIA_SOCKET_ERRCODE_NO_SOCKET);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    sleep_ms(100);
     EXPECT_EQ(second.accepted(), 0u);
 
     // Once allowed, a send starts the rebuild; a later send finds the channel.
     int32_t rc = -1;
     ASSERT_TRUE(wait_until([&] { return (rc = s.Send(kVideo, 2, Body(20, 3))) == 0; }, 8000, 50));
     const uint64_t gap = now_ms() - attempt;
-    EXPECT_GE(gap, 4900u);
-    EXPECT_LE(gap, 7500u);
+    EXPECT_TRUE(gap >= 4900 && gap <= 7500) << gap;
     // Told once, on the session's thread, after the rebuild.
     ASSERT_TRUE(s.WaitEvent(kVideo, ZEPH_MEDIA_EVENT_NO_SOCKET, 1000));
     EXPECT_EQ(s.EventCount(kVideo, ZEPH_MEDIA_EVENT_NO_SOCKET), 1u);
     EXPECT_EQ(int32_t(s.EventCodeSum(kVideo, ZEPH_MEDIA_EVENT_NO_SOCKET)), MEDIA_SOCKET_ERRCODE_NO_SOCKET);
     EXPECT_TRUE(s.WaitBody(kVideo, Body(20, 3)));
-    EXPECT_EQ(second.accepted(), 1u);
-    EXPECT_EQ(s.Info(kVideo)->reCreateChannelCount.load(), 3) << "one channel repair, two of the media type";
+    // One channel repair, two of the media type.
+    EXPECT_EQ((Figures{second.accepted(), uint64_t(s.Info(kVideo)->reCreateChannelCount)}), (Figures{1, 3}));
 }
 
 TEST(MediaRecovery, ChannelThatCannotConnectLeavesTrafficOnTheOthers)
@@ -164,8 +162,7 @@ TEST(MediaRecovery, ChannelThatCannotConnectLeavesTrafficOnTheOthers)
         ASSERT_EQ(bytes.size(), 3u * 36) << "three packets on each live channel";
         for (size_t k = 0; k < 3; ++k) {
             const uint8_t* head = reinterpret_cast<const uint8_t*>(bytes.data()) + 36 * k;
-            EXPECT_EQ(head[2], 2);
-            EXPECT_EQ(PrivateHeadLength(head), 36);
+            EXPECT_EQ((Figures{head[2], PrivateHeadLength(head)}), (Figures{2, 36}));
             seen.insert(uint32_t(head[4]) << 24 | uint32_t(head[5]) << 16 | uint32_t(head[6]) << 8 | head[7]);
         }
         EXPECT_TRUE(recv_exact(fd, 1, 100).empty());
@@ -175,8 +172,8 @@ TEST(MediaRecovery, ChannelThatCannotConnectLeavesTrafficOnTheOthers)
                                "errorCode: " + std::to_string(MEDIA_SOCKET_ERRCODE_CHANNEL_DOWN)}),
               1)
         << "the send path found the channel down once: one repair, then the time limit";
-    EXPECT_EQ(s.Stats(kAudio).sendCount, 9u);
-    EXPECT_EQ(s.EventCount(kAudio, ZEPH_MEDIA_EVENT_CHANNEL_LOST), 0u);
+    EXPECT_TRUE(wait_until([&] { return s.Stats(kAudio).sendCount == 9; }, 3000));
+    EXPECT_TRUE(s.Events(kAudio).empty());
 }
 
 // Descriptors of this process connected to 127.0.0.1:port.
@@ -311,7 +308,7 @@ TEST(MediaRecovery, PeerThatPausesReadingHoldsBackOnlyItsMediaTypeAndLosesNothin
     EXPECT_EQ(delivered(), expected) << "every accepted packet, once, in order";
     EXPECT_EQ(stuck.AcceptAll(), 1u) << "still the first connection";
     EXPECT_EQ(s.Stats(kVideo).sendLenErrorCount, 0u);
-    EXPECT_EQ(s.EventCount(kVideo, ZEPH_MEDIA_EVENT_RING_FLUSHED), 0u);
+    EXPECT_TRUE(s.Events(kVideo).empty());
 }
 
 // With the literal send loop a send that finds the socket full cuts the
@@ -350,8 +347,7 @@ TEST(MediaRecovery, LiteralLoopPeerThatStopsReadingGetsItsChannelReplacedAndNoSo
                   1);
         EXPECT_TRUE(wait_until([&] { return s.Channel(kVideo, 0)->state == 2; }, 3000));
         EXPECT_TRUE(wait_until([&] { return SocketsTo(stuck.port()) == 1; }, 3000)) << "the stuck socket is let go";
-        EXPECT_GT(accepted, 0u);
-        EXPECT_EQ(s.EventCount(kVideo, ZEPH_MEDIA_EVENT_SEND_FAILED), 0u) << "repaired inside, never told";
+        EXPECT_TRUE(s.Events(kVideo).empty()) << "repaired inside, never told";
     }
     // Closed: every socket the session opened is released, the replaced one too.
     EXPECT_TRUE(wait_until([&] { return SocketsTo(stuck.port()) == 0; }, 10000))
@@ -371,7 +367,7 @@ TEST(MediaRecovery, WithoutCallbacksPacketsAreDroppedAndRepairsStillHappen)
     // callback: flushes, dirty data and repairs tell nobody.
     ASSERT_EQ(s.Send(kVideo, 2, Body(30)), 0);
     ASSERT_TRUE(wait_until([&] { return peer.packets(kVideo) == 1; }, 3000));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    sleep_ms(100);
     EXPECT_EQ(s.Stats(kVideo).recv.SuccessCount, 0u);
     ASSERT_EQ(MORL_MediaRegisterRecvCallback(s.id(), kVideo, &MediaSession::RecvCallback), 0);
 
