@@ -20,13 +20,11 @@
 #include "bwdetect/quality_wire.h"
 #include "detect_reports.h"
 #include "dns_responder.h"
-#include "inc/net_tools_msg.h"
 #include "log_capture.h"
 #include "peers.h"
 #include "process.h"
 #include "tool_run.h"
 #include "udp_relay.h"
-#include "waits.h"
 #include "zeph_nettools/net_tools.h"
 #include "zeph_nettools/settings.h"
 
