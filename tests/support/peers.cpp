@@ -130,9 +130,8 @@ bool TinyProxy::start(const std::vector<uint16_t>& connect_ports, const std::str
 
 TcpListener::TcpListener(const std::string& ip, uint16_t port, Mode mode) : zeph_peers::TcpListener(mode) {
     std::string error;
-    if (!start(ip, port, &error)) {
+    if (!start(ip, port, &error))
         std::fprintf(stderr, "zeph_test: cannot listen on %s:%u: %s\n", ip.c_str(), port, error.c_str());
-    }
 }
 
 bool TcpListener::wait_accepts(int n, int timeout_ms) const {
@@ -147,9 +146,7 @@ bool TcpListener::wait_received(size_t n, int timeout_ms) const {
 UdpSocket::UdpSocket(const std::string& ip, uint16_t port) {
     std::string error;
     fd_ = zeph_peers::bound_socket(SOCK_DGRAM, ip, port, port_, &error);
-    if (fd_ < 0) {
-        std::fprintf(stderr, "zeph_test: cannot bind UDP: %s\n", error.c_str());
-    }
+    if (fd_ < 0) std::fprintf(stderr, "zeph_test: cannot bind UDP: %s\n", error.c_str());
 }
 
 UdpSocket::~UdpSocket() { if (fd_ >= 0) close(fd_); }

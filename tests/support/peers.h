@@ -36,9 +36,8 @@ class CoturnServer {
 public:
     CoturnServer() = default;
     ~CoturnServer() { stop(); }
-    // Starts turnserver in STUN-only mode on ip:port (a free UDP port when 0)
-    // and waits (5 s) until it answers a Binding Request. Prints why and
-    // returns false when it cannot: ASSERT_TRUE(coturn.start()).
+    // Starts turnserver, STUN only, on ip:port (0: a free port) and waits until
+    // it answers; false, saying why, if it cannot.
     bool start(const std::string& ip = "127.0.0.1", uint16_t port = 0);
     void stop() { proc_.stop(); }
     uint16_t port() const { return port_; }
@@ -56,10 +55,8 @@ class TinyProxy {
 public:
     TinyProxy() = default;
     ~TinyProxy() { stop(); }
-    // Writes a config (Port, Listen/Allow 127.0.0.1, one ConnectPort per entry
-    // - none means every port is allowed -, BasicAuth when basic_user is
-    // non-empty), starts `tinyproxy -d -c FILE` and waits (5 s) until its port
-    // accepts. Prints why and returns false when it cannot.
+    // Starts tinyproxy allowing CONNECT to connect_ports (all when empty),
+    // with Basic auth when basic_user is set; false, saying why, if it cannot.
     bool start(const std::vector<uint16_t>& connect_ports, const std::string& basic_user = "",
                const std::string& basic_pass = "");
     void stop() { proc_.stop(); }

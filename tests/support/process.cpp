@@ -21,9 +21,10 @@ namespace zeph_test {
 
 namespace {
 
-void fail(std::string* error, const std::string& what) {
+bool fail(std::string* error, const std::string& what) {
     *error = what;
     std::fprintf(stderr, "zeph_test: %s\n", what.c_str());
+    return false;
 }
 
 } // namespace
@@ -63,14 +64,9 @@ std::string TempDir::read(const std::string& name) const {
 bool Process::start(const std::vector<std::string>& argv) {
     stop();
     error_.clear();
-    if (argv.empty() || !dir_.ok()) {
-        fail(&error_, "cannot start a process: no program or no temporary folder");
-        return false;
-    }
-    // The child is killed when this process dies, so that a test that
-    // aborts (a sanitizer's report, a crash) leaves no server behind to
-    // hold its fixed port: setpriv sets that and then becomes the program,
-    // keeping its process id.
+    if (argv.empty() || !dir_.ok()) return fail(&error_, "cannot start a process: no program or no temporary folder");
+    // The child dies with this process, so that an aborted test leaves no
+    // server holding its fixed port: setpriv sets that, then becomes the program.
     static const std::vector<std::string> kDieWithParent = {"/usr/bin/setpriv", "--pdeathsig", "KILL", "--"};
     std::vector<char*> args;
     if (::access(kDieWithParent[0].c_str(), X_OK) == 0) {
@@ -88,10 +84,7 @@ bool Process::start(const std::vector<std::string>& argv) {
     pid_t pid = -1;
     int rc = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ);
     posix_spawn_file_actions_destroy(&fa);
-    if (rc != 0) {
-        fail(&error_, "cannot start " + argv[0] + ": " + std::strerror(rc));
-        return false;
-    }
+    if (rc != 0) return fail(&error_, "cannot start " + argv[0] + ": " + std::strerror(rc));
     pid_ = pid;
     status_ = -1;
     return true;
@@ -128,8 +121,5 @@ int Process::stop(int timeout_ms) {
     return status_;
 }
 
-std::string Process::stdout_text() const { return dir_.read("stdout"); }
-
-std::string Process::stderr_text() const { return dir_.read("stderr"); }
 
 } // namespace zeph_test

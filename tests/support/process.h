@@ -53,8 +53,8 @@ public:
 
     pid_t pid() const { return pid_; }
     const std::string& error() const { return error_; }
-    std::string stdout_text() const;
-    std::string stderr_text() const;
+    std::string stdout_text() const { return dir_.read("stdout"); }
+    std::string stderr_text() const { return dir_.read("stderr"); }
     const TempDir& dir() const { return dir_; }
 
 private:

@@ -38,17 +38,12 @@ ToolRun run_tool(const std::vector<std::string>& args, int timeout_ms) {
             last_size = st.st_size;
             r.last_output_ms = now_ms();
         }
-        if (!p.running()) {
-            r.exited = true;
-            break;
-        }
-        if (now_ms() - r.started_ms > uint64_t(timeout_ms)) break;
+        if ((r.exited = !p.running()) || now_ms() - r.started_ms > uint64_t(timeout_ms)) break;
         usleep(5000);
     }
     r.ended_ms = now_ms();
     r.status = p.stop();
-    r.out = p.stdout_text();
-    r.err = p.stderr_text();
+    r.out = p.stdout_text(), r.err = p.stderr_text();
     return r;
 }
 
