@@ -57,10 +57,9 @@ TEST(Cli, BadArgumentsExitTwoWithOneLineAndHelpExitsZero) {
     EXPECT_EQ(v.out.rfind("zeph-nettools ", 0), 0u) << v.out;
 }
 
-// A proxy password is never shown: not in the error line of a bad value,
-// not in the library's lines at the highest verbosity, not when the proxy
-// refuses it. The URL form that curl users type works as the short form,
-// and both pass the credentials on.
+// A proxy password is never shown: not for a bad value, not at the highest
+// verbosity, not when refused. curl's URL form and the short form both pass
+// the credentials on.
 TEST(Cli, ProxyPasswordIsNeverPrinted) {
     const std::string secret = "Pw0rdSecret";
     const std::vector<std::vector<std::string>> bad = {
@@ -156,9 +155,8 @@ TEST(Cli, NetMeasuresUdpAgainstStunAndPlanReturnsContext) {
     EXPECT_GE(std::stoi(at(j, "0:average")), 1);
     EXPECT_LT(std::stoi(at(j, "0:qos")), 3);
 
-    // A plan of servers without names: seven records at once, then the
-    // folded level 3 once its collecting thread is through (about 4 s).
-    // The tool must wait for exactly that one and not for its deadline.
+    // Unnamed servers: seven records, then level 3 after about 4 s; the tool
+    // waits for exactly that one, not for its deadline.
     ToolRun plan = run_tool({"net", "--json", "--servers", ",,,,,", "--context", "77"}, 40000);
     ASSERT_EQ(plan.code(), 0) << plan.what();
     ASSERT_EQ(plan.lines(), 8u) << plan.what();

@@ -1,6 +1,5 @@
-// The common library: log lines and sinks, addresses, host
-// settings and the HTTP CONNECT client, against real tinyproxy and scripted
-// proxies on loopback.
+// The common library: log lines and sinks, addresses, host settings and the
+// HTTP CONNECT client, against real tinyproxy and scripted proxies.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -159,9 +158,7 @@ TEST_F(Common, AddressesAndSettingsRefuseBadValues) {
 
     EXPECT_EQ(zeph_is_proxy_configed(), 0u);
     ASSERT_EQ(zeph_settings_set_http_proxy("localhost", 3128, "user", "pass"), 0);
-    // Each bad setting is refused and the previous proxy stays: no name, no
-    // port, a password without user, a colon or a line end in a field, an
-    // overlong password.
+    // Each bad setting is refused and the previous proxy stays.
     const std::string long_secret(256, 's');
     const struct {
         const char *host, *user, *pass;

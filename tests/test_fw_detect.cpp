@@ -52,13 +52,10 @@ struct ProxyGuard {
 };
 } // namespace
 
-// Refusals return at once and never call back. Two detections run at once:
-// seven sites (a listener, a refusing port, a STUN responder, "localhost",
-// an echo where raw sockets are permitted, and an unresolvable name on TCP
-// and on UDP) and two sites whose result is padded to seven rows. A proxy is
-// configured only after the calls: TCP goes through it, and the rows tell
-// it. The unresolvable name must not reach this machine, neither directly
-// (address 0) nor as the proxy's CONNECT target.
+// Refusals return at once and never call back. Seven sites (open, refusing,
+// STUN, "localhost", echo, an unresolvable name on TCP and UDP) and two
+// padded to seven rows; the proxy set after the calls is used and told. The
+// unresolvable name reaches this machine neither directly nor via the proxy.
 TEST(FwDetect, SevenRowsThirtySecondsLaterAndUnresolvedNamesStayHome) {
     LogCapture log;
     TcpListener open, named, trap;

@@ -1,8 +1,6 @@
-// Net detection: the rules that reduce a burst of probes and the plan's port
-// measurements to delay, loss and quality class; one destination per
-// transport; the seven-measurement plan. The plan's ports are fixed (443,
-// 1124, 10002), so each plan test gives its servers addresses of its own in
-// 127.0.0.0/8.
+// Net detection: the rules that rate a burst, one destination per transport,
+// and the seven-measurement plan, whose fixed ports (443, 1124, 10002) put
+// each plan test's servers on loopback addresses of its own.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -78,9 +76,8 @@ void set_servers(const std::vector<std::string>& names) {
     ASSERT_EQ(zeph_set_net_detect_srvs(texts.data(), static_cast<int32_t>(texts.size())), 0);
 }
 
-// Plan `num`'s records by level once every object is freed, so that nothing
-// more can arrive; each of the five levels reported once. Only level 3 says
-// whether a proxy was set.
+// Plan `num`'s records by level once nothing more can arrive; each of the five
+// levels reported once, only level 3 saying whether a proxy was set.
 std::map<uint32_t, NetDetectResult> plan_levels(uint32_t num, uint32_t level3_proxy = 0) {
     EXPECT_TRUE(all_freed(45000)) << "detection objects still alive";
     std::map<uint32_t, NetDetectResult> by_level;
@@ -142,12 +139,9 @@ TEST(NetDetectRules, QosClassBurstReductionAndPortFold) {
     EXPECT_TRUE(figures(out, out.discard == 16 && out.average == 20 && out.qos == 1));
 }
 
-// All at once: TCP to a listener (four connects), UDP to coturn, UDP to a
-// peer that leaves one request of six unanswered, TCP to a closed port
-// (refused connects are not "reached", so it waits out its 2500 ms), ICMP to
-// loopback, and a transport it does not know (fails at its first poll).
-// Each reports exactly once, and every object is freed, 2 s after its
-// callback and not before.
+// All at once: TCP to a listener, UDP to coturn and to a peer leaving one of
+// six unanswered, TCP to a closed port (waits out its 2500 ms), ICMP, and an
+// unknown transport. Each reports once and is freed 2 s after its callback.
 TEST(SingleNetDetect, EachTransportAgainstItsPeer) {
     EXPECT_EQ(zeph_single_net_detect(0x5107, nullptr, 443, ZEPH_TRANS_TCP, on_result), 1);
     EXPECT_EQ(zeph_single_net_detect(0x5107, "127.0.0.1", 0, ZEPH_TRANS_TCP, on_result), 1);
@@ -213,9 +207,7 @@ TEST(NetDetectPlan, WithoutServersReportsSevenEmptyRecordsThenFailedLevel3) {
     const uint64_t context = 0x1122334455667788ULL;
     LogCapture log;
     ASSERT_EQ(zeph_net_detect_jni(static_cast<int32_t>(num), on_result, context), 0u);
-    // The seven come at once, in plan order; then the fold of the port
-    // measurements, which all failed for want of a server. The detection
-    // goes 4 s + 2 s after that last callback, not before.
+    // Seven at once in plan order, then the failed fold; freed 4 s + 2 s later.
     ASSERT_TRUE(wait_count(num, 7, 2000));
     ASSERT_TRUE(wait_count(num, 8, 8000));
     EXPECT_TRUE(wait_line(log, "[net_detect]leave_", 9000));

@@ -110,18 +110,13 @@ TEST(PortDetectCodes, ThreePortTable) {
     }
 }
 
-// Every mode against real peers, all at once. Three-port: group 0
-// (127.0.0.21) has 443 and 1124 listening and 10002 silent -> 0x102; group 1
-// (127.0.0.22) answers on all three -> 0x202, the best; a silent port holds
-// the result for the second after the first answer only, and a detection of
-// group 1 alone ends as soon as all have answered. Without any answer every
-// mode reports after the full three seconds. One-port mode reads only the
-// first destination; an unknown mode, or a detection without a callback,
-// calls nobody. Any-port mode gives open flags, or with `notify` the
-// caller's own record with the marks filled in, where an entry without a
-// probe keeps the caller's mark, and counts beyond 7 groups or 4 entries
-// are reported as the 7 and 4 served. Every detection and probe is freed
-// 20 s after its end, not before.
+// Every mode at once. Three-port: group 0 (443, 1124; 10002 silent) -> 0x102,
+// group 1 (all three) -> 0x202, the best; a silent port holds the result one
+// second after the first answer; all answered ends at once; none, after 3 s.
+// One-port reads the first destination; an unknown mode or no callback calls
+// nobody. Any-port gives open flags, or with `notify` the caller's record
+// (unprobed entries keep their mark), counts clamped to 7 groups of 4. All
+// freed 20 s after their end, not before.
 TEST(PortDetect, EachModeReportsOnceOnTimeThenIsFreed) {
     EXPECT_EQ(1, zeph_3port_detect(1, nullptr, on_result));
     EXPECT_EQ(1, zeph_any_port_detect(1, nullptr, on_any));

@@ -365,12 +365,10 @@ TEST(UdpProbe, AnswerIsTimedAtArrivalAndFoundBehindStrays) {
     EXPECT_LE(best, 4.0) << "every delay read high: " << delay[0] << ", " << delay[1] << ", " << delay[2];
 }
 
-// A destination that drops every SYN: three cycles of 1000 ms, each a new
-// socket from a new local port, then a timeout; net mode gives up after its
-// 2000 ms of polls. A handshake is timed from the connect call to its end,
-// though a 10 ms pause follows the call: well under a millisecond on
-// loopback, and one second for a SYN dropped while the queue was full and
-// answered when the kernel sent it again.
+// A destination that drops every SYN: three 1000 ms cycles from new local
+// ports, then a timeout (net mode: after 2000 ms). A handshake is timed from
+// the connect call to its end: under a millisecond, or the kernel's one-second
+// resend of a SYN dropped by a full queue.
 TEST(TcpProbe, SilentDestinationCyclesAndHandshakeTiming) {
     SilentListener silent, full;
     TcpListener listener;
@@ -404,11 +402,9 @@ TEST(TcpProbe, SilentDestinationCyclesAndHandshakeTiming) {
     EXPECT_TRUE(log.contains("[net_tcp]leave_thread [127.0.0.1:" + std::to_string(silent.port) + "] timeout"));
 }
 
-// Nobody answers echoes here but the test: the process moves into a network
-// namespace of its own, loopback up and echo answering off. The receiver
-// leaves by its 2000 ms limit with nothing set; at once on a stop request; and
-// after six accepted replies, where a duplicate and the reply to base + 6
-// count without an echo of their own, and base + 7 is refused.
+// In a network namespace of its own where only the test answers echoes, the
+// receiver leaves by its 2000 ms limit, at once on a stop, and after six
+// replies (a duplicate and base + 6 count, base + 7 is refused).
 TEST(ProbesInOwnNetns, IcmpReceiverExitsAndDuplicateReplies) {
     if (::geteuid() != 0 || ::unshare(CLONE_NEWNET) != 0 || std::system("ip link set lo up") != 0)
         GTEST_SKIP() << "needs root for a network namespace";

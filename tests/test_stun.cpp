@@ -1,7 +1,6 @@
-// The STUN service: the ICE table behind the MORL_Stun* exports, and the
-// Binding Requests it builds, judged by three parties: our own codec, an
-// independent decoder written from RFC 5389 (tests/stun_decode.py), and a
-// real coturn, which silently drops a request with a wrong FINGERPRINT.
+// The STUN service: the ICE table behind the MORL_Stun* exports, and its
+// Binding Requests judged by our codec, an independent decoder
+// (tests/stun_decode.py) and a real coturn.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -224,9 +223,8 @@ TEST(StunStore, ResultCodesAndNoPasswordInTheLog) {
     EXPECT_EQ(logs.count("Pw-7f3a9c1e"), 0) << logs.dump();
 }
 
-// Many threads set, build and clear a few keys at once. A build finds no
-// key or yields a whole packet whose USERNAME halves were each stored
-// whole (a fragment is one letter repeated). Run under ThreadSanitizer too.
+// Many threads set, build and clear a few keys: a build finds no key or a
+// whole packet whose USERNAME halves were each stored whole.
 TEST(StunConcurrency, SetBuildAndClearFromManyThreads) {
     const std::string keys[] = {"stun_audio_1", "stun_audio_2", "stun_video_1", "stun_data_1"};
     std::atomic<int> built{0}, bad{0};

@@ -1,7 +1,5 @@
-// The delaying wire is the truth that TCP, ICMP and UDP detections are
-// judged against, so it must forward both ways, delay each direction by what
-// it is told, drop what its loss draw drops, and pair requests with answers
-// in its log. Needs root; skipped otherwise.
+// The delaying wire, the truth of the TCP, ICMP and UDP checks: it forwards
+// both ways, delays and drops as told, and pairs requests with answers.
 #include <gtest/gtest.h>
 
 #include <string>

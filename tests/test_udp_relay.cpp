@@ -1,6 +1,5 @@
-// The impairment relay is how detections are checked against a known truth,
-// so it has to tell the truth itself: delays, spread and loss as configured,
-// the same fate for the same seed, answers routed to the right client.
+// The impairment relay, the known truth of the detections' checks: delays,
+// spread and loss as configured, fate by seed, answers to the right client.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -86,9 +85,8 @@ struct Rig {
         }
     }
 
-    // Sends `count` probes every `spacing_us`; the server answers each one
-    // back through the relay. Runs on this one thread until `quiet_ms` pass
-    // without traffic after the last send.
+    // Sends `count` probes every `spacing_us`, each answered back through the
+    // relay, until `quiet_ms` pass without traffic after the last send.
     Exchange exchange(int count, int spacing_us, int quiet_ms = 100) {
         Exchange ex;
         int sent = 0;
@@ -126,9 +124,8 @@ struct Rig {
     }
 };
 
-// Quantiles rather than mean and deviation: a loaded machine delays a few
-// datagrams by whole scheduling slices, which would drag a mean but leaves
-// the middle of the distribution where the relay put it.
+// Quantiles, not mean and deviation: a loaded machine's late few drag a mean
+// but leave the middle where the relay put it.
 struct Summary {
     double min = 0, p25 = 0, median = 0, p75 = 0;
     double iqr() const { return p75 - p25; }
@@ -145,9 +142,7 @@ Summary summarize(const std::map<uint32_t, double>& m) {
 
 } // namespace
 
-// The draws themselves, for the normal model (the uniform one is measured
-// on the wire below): an error of sign or scale in the jitter, or loss
-// applied the wrong way round, shows here without any socket.
+// The normal model's draws (the uniform one is measured on the wire below).
 TEST(UdpRelayModel, NormalDrawsFollowTheirDistribution) {
     const int n = 200000;
     ImpairmentModel model(Impairment{30, 4, 0.25}, JitterModel::Normal, 7);

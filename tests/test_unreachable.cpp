@@ -1,13 +1,7 @@
-// Destinations that cannot be reached must read as unreachable.
-//
-// A machine with no network at all: each OfflineMachine test moves its
-// process into a network namespace of its own in which even loopback is
-// down (needs root; skipped otherwise). There every connect fails at once,
-// which Linux reports to the connect call alone, while the library waits
-// for the socket to turn writable.
-//
-// 0.0.0.0: Linux connects it to this machine; the library must refuse it,
-// so that an unresolved name (address 0) never probes the local host.
+// Destinations that cannot be reached read as unreachable: on a machine with
+// no network (a namespace of the test's own, loopback down; root only), where
+// Linux tells a failed connect to the call alone; and 0.0.0.0, which Linux
+// would connect to this machine, so an unresolved name never probes it.
 #include <gtest/gtest.h>
 
 #include <sched.h>
