@@ -101,15 +101,12 @@ TEST(MediaSessionTable, SixSessionsAtMostAndIdsFreeAtOnceOnClose)
 TEST(MediaSessionChannels, CountsRingsAndRepeatedCreates)
 {
     MediaSession s(1121);
-    ASSERT_EQ(s.Create(kAudio, 2), 0);
-    EXPECT_EQ(s.Info(kAudio)->sockMgr.size(), 2u);
-    EXPECT_EQ(s.Create(kAudio, 2), MEDIA_SOCKET_ERRCODE_ALREADY_CREATED);
-    ASSERT_EQ(s.Create(kVideo, 9), 0);
-    EXPECT_EQ(s.Info(kVideo)->sockMgr.size(), 1u);
-    ASSERT_EQ(s.Create(ZEPH_MEDIA_MS, 1), 0);
+    // Audio takes up to four channels, every other media type one.
     MediaSession wide(1122);
-    ASSERT_EQ(wide.Create(kAudio, 9), 0);
-    EXPECT_EQ(wide.Info(kAudio)->sockMgr.size(), 4u);
+    ASSERT_EQ(s.Create(kAudio, 2) + s.Create(kVideo, 9) + s.Create(ZEPH_MEDIA_MS, 1) + wide.Create(kAudio, 9), 0);
+    EXPECT_EQ(s.Create(kAudio, 2), MEDIA_SOCKET_ERRCODE_ALREADY_CREATED);
+    EXPECT_EQ((Figures{s.Info(kAudio)->sockMgr.size(), s.Info(kVideo)->sockMgr.size(), wide.Info(kAudio)->sockMgr.size()}),
+              (Figures{2, 1, 4}));
 
     // Fresh channels: open, distinct sockets, not connected, not polled.
     std::set<int32_t> socks;
@@ -134,11 +131,12 @@ TEST(MediaSessionChannels, CountsRingsAndRepeatedCreates)
     EXPECT_EQ(MORL_MediaSetChannelBufSize(s.id(), kAudio, 2000000), 0);
     EXPECT_EQ(capacities(kAudio), std::set<int32_t>{1024000});
 
-    // Socket buffers: the direction flag picks the one that changes.
+    // Socket buffers: the direction flag picks the one that changes (Linux
+    // reports twice what was set).
     const int32_t sock = s.Channel(kAudio, 1)->sock;
     const int sndBefore = SockOpt(sock, SOL_SOCKET, SO_SNDBUF);
     EXPECT_EQ(MORL_MediaSetTcpBufSize(s.id(), kAudio, 65536, 1), 0);
-    EXPECT_EQ(SockOpt(sock, SOL_SOCKET, SO_RCVBUF), 2 * 65536) << "Linux reports twice what was set";
+    EXPECT_EQ(SockOpt(sock, SOL_SOCKET, SO_RCVBUF), 2 * 65536);
     EXPECT_EQ(SockOpt(sock, SOL_SOCKET, SO_SNDBUF), sndBefore);
 
     // Bad media types and types not created.
@@ -188,7 +186,7 @@ TEST(MediaSessionConnect, BadTargetsFailEveryChannelAndStartNothing)
     ASSERT_EQ(s.Create(kAudio, 4), 0);
     EXPECT_EQ(MORL_MediaCreateChannel(s.id(), kAudio, nullptr, 5000, nullptr), MEDIA_SOCKET_ERRCODE_INVALID_PARAM);
     // No slow start ran: with no STUN key it would have said so.
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    sleep_ms(300);
     EXPECT_EQ(MediaLog::Count({"MORL_StunGetChannelId error! session id: 1131"}), 0);
 }
 
@@ -205,26 +203,25 @@ TEST(MediaSessionConnect, MarksSocketsFillsThePollTableAndReconnects)
     EXPECT_TRUE(s.WaitEvent(kVideo, ZEPH_MEDIA_EVENT_CONNECT_DOMAIN, 1000));
     EXPECT_TRUE(wait_until([&] { return peer.accepted() == 5; }, 2000));
 
+    // Connected, polled for input, marked by media type, its local port known.
     auto check = [&](uint32_t type, size_t channel, size_t fdIndex, int tos) {
         auto ch = s.Channel(type, channel);
         const int32_t sock = ch->sock;
-        EXPECT_EQ(ch->state.load(), 2u);
-        EXPECT_EQ(ch->connectRet.load(), 0);
-        EXPECT_EQ(FdOf(s, fdIndex), sock) << fdIndex;
-        EXPECT_EQ(s.Object()->GetFd(fdIndex).events, 0x300);
-        EXPECT_EQ(SockOpt(sock, IPPROTO_IP, IP_TOS), tos) << "media type " << type;
         sockaddr_in addr{};
         socklen_t len = sizeof addr;
-        EXPECT_EQ(getsockname(sock, reinterpret_cast<sockaddr*>(&addr), &len), 0);
-        EXPECT_EQ(ch->localPort.load(), ntohs(addr.sin_port));
-        return sock;
+        getsockname(sock, reinterpret_cast<sockaddr*>(&addr), &len);
+        EXPECT_EQ((Figures{ch->state, uint64_t(ch->connectRet), uint64_t(FdOf(s, fdIndex)),
+                           uint64_t(s.Object()->GetFd(fdIndex).events), uint64_t(SockOpt(sock, IPPROTO_IP, IP_TOS)),
+                           ch->localPort}),
+                  (Figures{2, 0, uint64_t(sock), 0x300, uint64_t(tos), ntohs(addr.sin_port)}))
+            << "media type " << type << ", channel " << channel;
     };
     for (size_t i = 0; i < 4; ++i) check(kAudio, i, i, 184);
     check(kVideo, 0, 4, 136);
 
     // Without a STUN key the slow start only says so and sends nothing.
     EXPECT_TRUE(wait_until([] { return MediaLog::Count({"MORL_StunGetChannelId error! session id: 1141"}) == 2; }, 1000));
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    sleep_ms(200);
     EXPECT_EQ(peer.totalPackets(), 0u);
 
     // Reconnecting the media type gives every channel one new connection,
@@ -287,7 +284,7 @@ TEST(MediaSessionClose, FromInsideReceiveCallbacks)
     ASSERT_EQ(s.Connect(kAudio, peer.port()), 0);
     ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
 
-    std::atomic<int32_t> audioClosed{1}, videoClosed{1};
+    std::atomic<int32_t> audioClosed{1}, videoClosed{1}; // 1 until the callback closed
     s.OnReceive([&](const MediaPacket& p) {
         if (p.mediaType == kAudio) audioClosed = MORL_MediaCloseSocket(1161, kAudio);
         if (p.mediaType == kVideo && p.pktType == ZEPH_MEDIA_PKT_ANNO) videoClosed = MORL_MediaCloseSocket(1161, kVideo);
@@ -318,9 +315,9 @@ TEST(MediaSessionClose, EndsARunningSlowStart)
     std::strcpy(local.password, "local-password");
     std::strcpy(remote.ufrag, "remt");
     std::strcpy(remote.password, "remote-password");
-    ASSERT_EQ(MORL_StunSetLocalIceInfo(key.c_str(), &local), 0u);
-    ASSERT_EQ(MORL_StunSetRemoteIceInfo(key.c_str(), &remote), 0u);
-    ASSERT_EQ(MORL_StunSetChannelId(key.c_str(), 4242), 0u);
+    ASSERT_EQ(MORL_StunSetLocalIceInfo(key.c_str(), &local) + MORL_StunSetRemoteIceInfo(key.c_str(), &remote) +
+                  MORL_StunSetChannelId(key.c_str(), 4242),
+              0u);
     struct Forget {
         std::string key;
         ~Forget() { MORL_StunClearIceInfo(key.c_str()); }
@@ -352,7 +349,7 @@ TEST(MediaSessionClose, EndsARunningSlowStart)
     EXPECT_NE(line.find("time: 5000, intv: 50, count: "), std::string::npos) << line;
     EXPECT_EQ(line.find("count: -1"), std::string::npos) << "ended at the close, not run out: " << line;
     const uint64_t requests = peer.stunRequests();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    sleep_ms(300);
     EXPECT_EQ(peer.stunRequests(), requests);
 }
 
@@ -373,7 +370,7 @@ TEST(MediaSessionRecvThread, SleepsWhileIdleAndReleasesAGivenUpSocketAtOnce)
     // Polling every 10 ms would be 50 wake-ups in this half second.
     constexpr long kMaxIdleWakeups = 10;
     const long before = Wakeups(tid);
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    sleep_ms(500);
     EXPECT_LE(Wakeups(tid) - before, kMaxIdleWakeups);
 
     ASSERT_EQ(s.Create(kAudio, 1), 0);
