@@ -20,20 +20,16 @@ int tos_of(int fd) {
     return getsockopt(fd, IPPROTO_IP, IP_TOS, &tos, &len) == 0 ? tos : -1;
 }
 
-// A TCP connection to a loopback listener, closed at the end of the test.
-struct Connected {
-    zeph_test::TcpListener listener;
-    int fd = zeph_test::tcp_connect("127.0.0.1", listener.port());
-    ~Connected() {
-        if (fd >= 0) close(fd);
-    }
-};
 
 // Levels are applied in an order where every step changes the byte, so a
 // mark that silently did nothing shows up as a stale value. A destination
 // with a zero port or address is not used, but the socket is still marked.
 TEST(SocketDscp, EachLevelSetsItsByteOnTcpAndUdpSockets) {
-    Connected c;
+    zeph_test::TcpListener listener;
+    struct Fd {
+        int fd;
+        ~Fd() { close(fd); }
+    } c{zeph_test::tcp_connect("127.0.0.1", listener.port())};
     ASSERT_GE(c.fd, 0);
     const struct {
         uint32_t level;
