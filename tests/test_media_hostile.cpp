@@ -51,13 +51,10 @@ TEST(MediaHostileInput, BodiesTheHeadCannotFrameAreRefusedAndSmuggleNothing)
     ASSERT_EQ(s.Send(kVideo, 2, Body(2032)), 0);
     ASSERT_EQ(MORL_MediaSend(s.id(), 2, kVideo, nullptr, 0, 7), 0);
     ASSERT_TRUE(wait_until([&] { return peer.packets(kVideo) == 2; }, 3000));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    const auto heads = peer.connection(0).heads;
-    ASSERT_EQ(heads.size(), 2u);
-    EXPECT_EQ(heads[0].head_Len, 2048);
-    EXPECT_EQ(heads[1].head_Len, 16);
-    EXPECT_EQ(heads[1].channel, 7u);
-    EXPECT_EQ(peer.connection(0).noiseBytes, 0u);
+    sleep_ms(100);
+    const auto c = peer.connection(0);
+    ASSERT_EQ(c.heads.size(), 2u);
+    EXPECT_EQ((Figures{c.heads[0].head_Len, c.heads[1].head_Len, c.heads[1].channel, c.noiseBytes}), (Figures{2048, 16, 7, 0}));
 }
 
 // A server that floods garbage, or repeats its refusal page: every dropped
@@ -171,11 +168,10 @@ TEST(MediaHostilePeer, ConnectRetriedAfterAFailureAndRepeatedOnALiveChannel)
         return ::ioctl(sock, FIONREAD, &pending) == 0 && pending == 0;
     }, 3000));
     ASSERT_EQ(s.Connect(kVideo, port), 0);
-    EXPECT_EQ(s.Channel(kVideo, 0)->sock.load(), sock);
-    EXPECT_EQ(server.AcceptAll(), 1u) << "no second connection";
+    EXPECT_EQ((Figures{uint64_t(s.Channel(kVideo, 0)->sock), server.AcceptAll()}), (Figures{uint64_t(sock), 1}))
+        << "no second connection";
     ASSERT_TRUE(send_all(conn, packet.data() + 20, packet.size() - 20));
-    ASSERT_TRUE(s.WaitReceived(kVideo, 1));
-    EXPECT_EQ(s.Received(kVideo)[0].body, Body(34, 4));
+    ASSERT_TRUE(s.WaitBody(kVideo, Body(34, 4)));
     EXPECT_EQ(s.Stats(kVideo).dataLoss, 0u);
 }
 
@@ -204,10 +200,10 @@ TEST(MediaHostilePeer, ChannelPastItsRepairsStaysClosedAndARefusalMidConnectIsRe
     EXPECT_TRUE(MediaLog::WaitFor({"close socket start. session id: 4141"}, 1000));
     for (uint32_t i = 2; i < 8; ++i) ASSERT_EQ(s.Send(kAudio, 2, Body(30, uint8_t(i)), i), 0);
     ASSERT_TRUE(s.WaitReceived(kAudio, 8));
-    EXPECT_EQ(peer.accepted(), 2u) << "no connect was tried";
-    EXPECT_EQ(s.Channel(kAudio, lost)->state.load(), 0u);
-    EXPECT_EQ(s.Channel(kAudio, lost)->reCreateChannelCount.load(), 1000);
-    EXPECT_EQ(s.Channel(kAudio, alive)->stats.sendCount.load(), 1u + 6u);
+    EXPECT_TRUE(wait_until([&] { return s.Channel(kAudio, alive)->stats.sendCount == 1 + 6; }, 3000));
+    EXPECT_EQ((Figures{peer.accepted(), s.Channel(kAudio, lost)->state, uint64_t(s.Channel(kAudio, lost)->reCreateChannelCount)}),
+              (Figures{2, 0, 1000}))
+        << "no connect was tried";
     EXPECT_TRUE(s.Events(kAudio).empty());
     s.Channel(kAudio, alive)->reCreateChannelCount = 0;
 
@@ -232,7 +228,7 @@ TEST(MediaHostilePeer, ChannelPastItsRepairsStaysClosedAndARefusalMidConnectIsRe
     // Once the connect is over, the refusal is taken up: the channel is repaired.
     EXPECT_TRUE(MediaLog::WaitFor({"MediaCreateChannelOfSockChan! session id: 4141", "eventId: 4"}, 5000));
     EXPECT_EQ(s.Channel(kAudio, alive)->reCreateChannelCount.load(), 1);
-    EXPECT_EQ(s.EventCount(kAudio, ZEPH_MEDIA_EVENT_REFUSED), 0u);
+    EXPECT_TRUE(s.Events(kAudio).empty());
     ::close(filler);
 }
 
@@ -252,10 +248,7 @@ TEST(MediaSessions, ClosingOneSessionDoesNotStallAnother)
     });
     // Closing a session's last Aux or MS used to hold the table for 100 ms.
     for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(a.Create(ZEPH_MEDIA_AUX, 1), 0);
-        ASSERT_EQ(a.Close(ZEPH_MEDIA_AUX), 0);
-        ASSERT_EQ(a.Create(ZEPH_MEDIA_MS, 1), 0);
-        ASSERT_EQ(a.Close(ZEPH_MEDIA_MS), 0);
+        for (uint32_t type : {ZEPH_MEDIA_AUX, ZEPH_MEDIA_MS}) ASSERT_EQ(a.Create(type, 1) + a.Close(type), 0);
     }
     done = true;
     probe.join();
