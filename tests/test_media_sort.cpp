@@ -24,13 +24,6 @@ using zeph_test::Bytes;
 using zeph_test::RtpBody;
 using zeph_test::RtpSeqOf;
 
-uint32_t RtpSsrcOf(const Bytes& body)
-{
-    uint16_t seq = 0;
-    uint32_t ssrc = 0;
-    return ReadRtpSeqSsrc(body.data(), int32_t(body.size()), seq, ssrc) ? ssrc : 0;
-}
-
 // The sort state of one media type and everything it delivered.
 struct Sorter {
     SortBuffers buffers;
@@ -45,17 +38,16 @@ struct Sorter {
     {
         for (int s : seqs) Push(RtpBody(uint16_t(s), ssrc));
     }
-    std::vector<int> Seqs() const
+    // Sequence numbers delivered (of one SSRC, unless 0).
+    std::vector<int> Seqs(uint32_t ssrc = 0) const
     {
         std::vector<int> s;
-        for (const auto& b : out) s.push_back(RtpSeqOf(b));
-        return s;
-    }
-    std::vector<int> Seqs(uint32_t ssrc) const
-    {
-        std::vector<int> s;
-        for (const auto& b : out)
-            if (RtpSsrcOf(b) == ssrc) s.push_back(RtpSeqOf(b));
+        for (const auto& b : out) {
+            uint16_t seq = 0;
+            uint32_t from = 0;
+            if (ssrc == 0 || (ReadRtpSeqSsrc(b.data(), int32_t(b.size()), seq, from) && from == ssrc))
+                s.push_back(RtpSeqOf(b));
+        }
         return s;
     }
 };
