@@ -14,7 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include "bwdetect/detect_server.h"
 #include "detect/connectivity_detect.h"
 #include "detect_reports.h"
 #include "dns_responder.h"
@@ -206,12 +205,8 @@ TEST_F(Connectivity, MixedTargetsReportOneSecondAfterTheFirstAnswer) {
 TEST_F(Connectivity, EachUdpProbeFormIsAnsweredByItsOwnServer) {
     CoturnServer coturn;
     ASSERT_TRUE(coturn.start());
-    // Our quality server answers the NPS probe; it listens on a port of
-    // its own on an address of this test's.
-    ASSERT_EQ(0, zeph_settings_set_local_addr("127.0.65.1"));
-    DetectServer* server = DetectServer::get_instance();
-    ASSERT_NE(nullptr, server);
-    ASSERT_EQ(DetectServer::kStarted, server->start_server(DetectServer::kServerPort));
+    QualityServerOn nps("127.0.65.1"); // our quality server answers the NPS probe
+    ASSERT_TRUE(nps.ok());
     StunIceInfo local{}, remote{};
     strncpy(local.ufrag, "connL", sizeof local.ufrag - 1);
     strncpy(local.password, "local-secret", sizeof local.password - 1);
@@ -236,13 +231,12 @@ TEST_F(Connectivity, EachUdpProbeFormIsAnsweredByItsOwnServer) {
 
     const ConnectivityDetectInfo info =
         info_of(41, {site("127.0.0.1", coturn.port(), ZEPH_TRANS_UDP, DETECT_PROTO_STUN),
-                     site("127.0.65.1", DetectServer::kServerPort, ZEPH_TRANS_UDP, DETECT_PROTO_STUN_CUSTOM),
+                     site("127.0.65.1", kQualityServerPort, ZEPH_TRANS_UDP, DETECT_PROTO_STUN_CUSTOM),
                      site("127.0.0.1", ice.port(), ZEPH_TRANS_UDP, DETECT_PROTO_ICE)});
     const uint64_t t0 = now_ms();
     ASSERT_EQ(0, zeph_any_port_detect_new(&info));
     Seen rep;
     const bool got = wait_report(41, rep);
-    DetectServer::destroy_instance();
     zeph_settings_set_local_addr(nullptr);
     MORL_StunClearIceInfo("stun_audio_conn");
     ASSERT_TRUE(got);

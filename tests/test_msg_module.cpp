@@ -101,7 +101,18 @@ protected:
     std::string name_;
 };
 
-TEST_F(MsgModule, DeliversCopiesInOrderForEachSenderAndRefusesWhatCannotArrive) {
+// A synchronous send returns after the callback wrote to the sender's stack,
+// from another thread and from the module's own thread alike.
+void sync_from_own_thread_cb(const MORL_MSG_Head* m) {
+    int out = 0;
+    StackRecord r{first_word(m), &out};
+    void* response = &out;
+    const int rc = MORL_MSG_SynSend(&r, sizeof r, "test", 1, m->to, 2, 10, &response, 0);
+    std::lock_guard<std::mutex> lk(g_probe.mu);
+    g_probe.values.push_back(rc == MORL_MSG_OK && response == nullptr ? static_cast<uint32_t>(out) : 0);
+}
+
+TEST_F(MsgModule, DeliversCopiesInOrderForEachSenderSynSendWaitsAndRefusesWhatCannotArrive) {
     start("msg_order_module_long_name");
     ASSERT_EQ(MORL_MSG_RegisterMIDByName(name_.c_str(), 1, record_cb), MORL_MSG_OK);
     EXPECT_EQ(MORL_MSG_RegisterMIDByName(name_.c_str(), 1, record_cb), MORL_MSG_ERR_EXISTS);
@@ -140,6 +151,19 @@ TEST_F(MsgModule, DeliversCopiesInOrderForEachSenderAndRefusesWhatCannotArrive) 
     std::vector<uint32_t> next(kSenders, 0);
     for (uint32_t v : g_probe.values) EXPECT_EQ(v & 0xFFFF, next[v >> 16]++);
 
+    // A synchronous send returns after the callback ran, from another thread
+    // and, without a deadlock, from the module's own.
+    ASSERT_EQ(MORL_MSG_RegisterMIDByName(name_.c_str(), 2, stack_write_cb), MORL_MSG_OK);
+    ASSERT_EQ(MORL_MSG_RegisterMIDByName(name_.c_str(), 3, sync_from_own_thread_cb), MORL_MSG_OK);
+    int out = 0;
+    StackRecord r{41, &out};
+    std::thread([&] { EXPECT_EQ(MORL_MSG_SynSend(&r, sizeof r, "test", 0, name_.c_str(), 2, 10, nullptr, 0), 0); }).join();
+    EXPECT_EQ(out, 41);
+    g_probe.reset(true);
+    ASSERT_EQ(send_word(name_.c_str(), 3, 42), MORL_MSG_OK);
+    ASSERT_TRUE(wait_until([] { return g_probe.count() == 1; }, kWaitMs));
+    EXPECT_EQ(g_probe.values[0], 42u);
+
     EXPECT_EQ(send_word(name_.c_str(), 7, 1), MORL_MSG_ERR_NO_MID);
     EXPECT_EQ(send_word("msg_no_such_module", 1, 1), MORL_MSG_ERR_NO_MODULE);
     EXPECT_EQ(MORL_MSG_UnRegMIDByName(name_.c_str(), 1), MORL_MSG_OK);
@@ -153,32 +177,6 @@ void destroy_self_cb(const MORL_MSG_Head* m) {
     g_probe.values.push_back(static_cast<uint32_t>(rc));
 }
 
-// A synchronous send returns after the callback wrote to the sender's stack,
-// from another thread and from the module's own thread alike.
-void sync_from_own_thread_cb(const MORL_MSG_Head* m) {
-    int out = 0;
-    StackRecord r{first_word(m), &out};
-    void* response = &out;
-    const int rc = MORL_MSG_SynSend(&r, sizeof r, "test", 1, m->to, 2, 10, &response, 0);
-    std::lock_guard<std::mutex> lk(g_probe.mu);
-    g_probe.values.push_back(rc == MORL_MSG_OK && response == nullptr ? static_cast<uint32_t>(out) : 0);
-}
-
-TEST_F(MsgModule, SynSendReturnsAfterTheCallbackRanWithoutDeadlockOnItsOwnThread) {
-    start("msg_sync");
-    ASSERT_EQ(MORL_MSG_RegisterMIDByName(name_.c_str(), 1, sync_from_own_thread_cb), MORL_MSG_OK);
-    ASSERT_EQ(MORL_MSG_RegisterMIDByName(name_.c_str(), 2, stack_write_cb), MORL_MSG_OK);
-
-    int out = 0;
-    StackRecord r{41, &out};
-    std::thread sender([&] { EXPECT_EQ(MORL_MSG_SynSend(&r, sizeof r, "test", 0, "msg_sync", 2, 10, nullptr, 0), 0); });
-    sender.join();
-    EXPECT_EQ(out, 41);
-
-    ASSERT_EQ(send_word(name_.c_str(), 1, 42), MORL_MSG_OK);
-    ASSERT_TRUE(wait_until([] { return g_probe.count() == 1; }, kWaitMs));
-    EXPECT_EQ(g_probe.values[0], 42u);
-}
 
 TEST_F(MsgModule, DestroyFailsWaitingSendersJoinsTheRunningCallbackAndWorksFromItsOwnCallback) {
     start("msg_destroy");

@@ -173,7 +173,7 @@ TEST_F(SimpleQos, SixRecordsByPlaceHealthyServersMeasuredProxyPlaceNeverEndsItEa
 
 // Also through a proxy: its place reaches the proxy, the TCP places are left
 // to the proxy service, which this detection does not ask.
-TEST_F(SimpleQos, LostAnswerResentAfterIntervalRepeatsCountNothingSilentServerGetsOneProbeProxiedPlacesNotMeasured) {
+TEST_F(SimpleQos, LostRepeatedAndSilentAnswersThroughAProxyThenRefusedStarts) {
     const int T = 2;
     // Place 4 answers the second probe with the first answer again, so that
     // probe stays unanswered; place 5 never answers.
@@ -204,6 +204,16 @@ TEST_F(SimpleQos, LostAnswerResentAfterIntervalRepeatsCountNothingSilentServerGe
     expect_no_answer(levels.at(2).value);
     EXPECT_EQ(0, tcp2.accepts());
     expect_ended();
+
+    // Refused starts never call back: without a callback, over a name too
+    // long, or without the runtime.
+    EXPECT_EQ(1, zeph_simple_qos_detect(1, nullptr, 0));
+    EXPECT_EQ(1, zeph_set_simple_qos_srvs({"a", std::string(254, 'b')}));
+    EXPECT_EQ(0, zeph_set_simple_qos_srvs({std::string(253, 'c')}));
+    zeph_net_tools_uninit();
+    EXPECT_EQ(1, zeph_simple_qos_detect(1, on_record, 0));
+    sleep_ms(300);
+    EXPECT_EQ(6u, g_reports.count());
 }
 
 TEST_F(SimpleQos, NamesResolvedWithinTheirPhaseTheRestReportedWithoutAnswer) {
@@ -229,19 +239,6 @@ TEST_F(SimpleQos, NamesResolvedWithinTheirPhaseTheRestReportedWithoutAnswer) {
     EXPECT_GE(all.back().at_ms - t0_, 3900u);
     EXPECT_TRUE(log_.contains("addr is null domain(gone.qos.test)")) << log_.dump();
     expect_ended();
-}
-
-TEST(SimpleQosStart, RefusedStartsNeverCallBack) {
-    g_reports.clear();
-    zeph_net_tools_uninit();
-    EXPECT_EQ(1, zeph_simple_qos_detect(1, on_record, 0)) << "without the runtime";
-    ASSERT_EQ(0, zeph_net_tools_init());
-    EXPECT_EQ(1, zeph_simple_qos_detect(1, nullptr, 0));
-    EXPECT_EQ(1, zeph_set_simple_qos_srvs({"a", std::string(254, 'b')}));
-    EXPECT_EQ(0, zeph_set_simple_qos_srvs({std::string(253, 'c')}));
-    sleep_ms(300);
-    EXPECT_EQ(0u, g_reports.count());
-    zeph_net_tools_uninit();
 }
 
 TEST(SimpleQosCli, JsonRunGivesSixRecordsAndBadInputExitsTwo) {
