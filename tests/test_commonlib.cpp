@@ -180,7 +180,7 @@ TEST_F(Common, AddressesAndSettingsRefuseBadValues) {
 // the tunnel's first byte, which must stay on the socket. Refused: closed
 // before the blank line; not HTTP; a status that only looks like 200; a header
 // that never ends (rather than buffered without bound); no answer in 3 s.
-TEST_F(Common, ConnectReadsTheProxyAnswerAndRefusesOthers) {
+TEST_F(Common, ConnectReadsTheProxyAnswerAndRefusesOthersAndBadText) {
     {
         ScriptedProxy p(/*nonblocking=*/true);
         EXPECT_EQ(p.request(), kRequest);
@@ -208,6 +208,29 @@ TEST_F(Common, ConnectReadsTheProxyAnswerAndRefusesOthers) {
     ScriptedProxy p;
     EXPECT_EQ(p.result.get(), -1);
     EXPECT_TRUE(now_ms() - t0 >= 2900u && now_ms() - t0 < 4500u) << now_ms() - t0;
+
+    // Text that could end the CONNECT line or add a header is refused before
+    // anything is sent: the proxy sees no byte, or not even a connection.
+    const std::string too_long(254, 'a');
+    const char* bad_hosts[] = {"evil.example\r\nX-Injected: 1", "a b", "host:80", "a/b", too_long.c_str(), "\x01host"};
+    TcpListener proxy(TcpListener::Mode::Sink);
+    ASSERT_TRUE(proxy.ok());
+    const int client = tcp_connect("127.0.0.1", proxy.port());
+    ASSERT_GE(client, 0);
+    for (const char* host : bad_hosts) {
+        EXPECT_EQ(zeph_http_proxy_connect_ex(0, client, host, 9000), -3) << host;
+        EXPECT_EQ(get_addr_ipv4(host), 0u) << host;
+    }
+    EXPECT_FALSE(proxy.wait_received(1, 100)) << proxy.received();
+    close(client);
+
+    // A domain for the media connect goes to the proxy as it is: refused first.
+    ASSERT_EQ(zeph_settings_set_http_proxy("127.0.0.1", proxy.port(), nullptr, nullptr), 0);
+    const int s = socket(AF_INET, SOCK_STREAM, 0);
+    int is_domain = 0;
+    EXPECT_EQ(zeph_tcp_over_http_proxy(s, 0, 443, "media.example\r\nHost: elsewhere", &is_domain), -3);
+    close(s);
+    EXPECT_FALSE(proxy.wait_accepts(2, 100)) << "a connection was opened for a refused domain";
 }
 
 // The way the media socket connects: straight to the target without a proxy,
@@ -262,29 +285,4 @@ TEST_F(Common, TcpConnectDirectAndThroughTinyproxy) {
     close(s);
     // No password in the log, plain or encoded ("zeph:s3cret").
     EXPECT_FALSE(cap.contains("s3cret") || cap.contains("n0tit") || cap.contains("emVwaDpzM2NyZXQ")) << cap.dump();
-}
-
-// Text that could end the CONNECT line or add a header is refused before
-// anything is sent: the proxy sees no byte, or not even a connection.
-TEST_F(Common, CallerTextNeverEntersTheRequest) {
-    const std::string too_long(254, 'a');
-    const char* bad_hosts[] = {"evil.example\r\nX-Injected: 1", "a b", "host:80", "a/b", too_long.c_str(), "\x01host"};
-    TcpListener proxy(TcpListener::Mode::Sink);
-    ASSERT_TRUE(proxy.ok());
-    const int client = tcp_connect("127.0.0.1", proxy.port());
-    ASSERT_GE(client, 0);
-    for (const char* host : bad_hosts) {
-        EXPECT_EQ(zeph_http_proxy_connect_ex(0, client, host, 9000), -3) << host;
-        EXPECT_EQ(get_addr_ipv4(host), 0u) << host;
-    }
-    EXPECT_FALSE(proxy.wait_received(1, 100)) << proxy.received();
-    close(client);
-
-    // A domain for the media connect goes to the proxy as it is: refused first.
-    ASSERT_EQ(zeph_settings_set_http_proxy("127.0.0.1", proxy.port(), nullptr, nullptr), 0);
-    const int s = socket(AF_INET, SOCK_STREAM, 0);
-    int is_domain = 0;
-    EXPECT_EQ(zeph_tcp_over_http_proxy(s, 0, 443, "media.example\r\nHost: elsewhere", &is_domain), -3);
-    close(s);
-    EXPECT_FALSE(proxy.wait_accepts(2, 100)) << "a connection was opened for a refused domain";
 }

@@ -91,7 +91,7 @@ Bytes icmp_datagram(uint16_t seq, uint16_t id = 0x1234) {
 
 } // namespace
 
-TEST(IcmpWire, ChecksumAndEchoRequestGoldenVectors) {
+TEST(ProbeWire, GoldenEchoRequestAndWhatCountsAsAnAnswer) {
     const uint8_t rfc[] = {0x00, 0x01, 0xf2, 0x03, 0xf4, 0xf5, 0xf6, 0xf7}; // RFC 1071's example
     EXPECT_EQ(zeph::icmp::internet_checksum(rfc, sizeof rfc), 0x220d);
     const uint8_t odd[] = {0x01, 0x00, 0xFF}; // last byte is a high half: 0x0100 + 0xFF00
@@ -107,12 +107,10 @@ TEST(IcmpWire, ChecksumAndEchoRequestGoldenVectors) {
     for (size_t i = 0; i < w.size(); ++i) std::snprintf(hex + 2 * i, 3, "%02x", pkt[i]);
     EXPECT_STREQ(hex, golden);
     EXPECT_EQ(pkt[44], 0xAA);
-}
 
-// What counts as an answer: the echo replies to our own id and sequence
-// range, the STUN answers to one of the last ten requests. (Heads, lengths,
-// cookies and wrapped sequences are the replayed corpus's job.)
-TEST(ProbeReplies, IcmpAndStunChecks) {
+    // What counts as an answer: the echo replies to our own id and sequence
+    // range, the STUN answers to one of the last ten requests. (Heads, lengths,
+    // cookies and wrapped sequences are the replayed corpus's job.)
     auto icmp = std::make_shared<PortDetectICMP>(kLoopback, 443, ZEPH_TRANS_ICMP);
     Access::set_icmp_ids(*icmp, 0x1234, 1000);
     auto echo = [&](const Bytes& d) { return icmp->is_icmp_response(load(*icmp, d)); };
