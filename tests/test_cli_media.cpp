@@ -1,7 +1,6 @@
-// `zeph-nettools media` run as a process against a media peer on loopback:
-// what it reports must agree with what the peer saw, and failures must come
-// out as the documented exit codes. JSON lines are parsed by python3's json
-// module, not by our own code.
+// `zeph-nettools media` against a media peer on loopback: its report agrees
+// with what the peer saw, failures exit with their codes. JSON lines are read
+// by python3's json module, not by our own code.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <zeph_nettools/media_socket.h>
@@ -61,9 +60,8 @@ std::vector<std::string> table_row(const std::string& out, const std::string& na
 
 } // namespace
 
-// Full-size bodies on audio (four channels, through the receive sort) and
-// video: every packet reaches the peer once, comes back intact and in order,
-// and the tool's figures agree with the transport's counters and the peer's.
+// Full-size bodies on audio (four channels, sorted) and video come back
+// intact and in order, and the figures agree with the transport's and peer's.
 TEST(CliMedia, EchoPeerReturnsEveryPacketIntactAndTheFiguresAgree) {
     MediaPeer peer(MediaPeerMode::Echo);
     ASSERT_TRUE(peer.start());

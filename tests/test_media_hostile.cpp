@@ -1,7 +1,6 @@
-// The media transport against hostile peers and bad input: bodies the head
-// cannot frame, a server that floods garbage, descriptors used up, connects
-// retried and repeated on live channels, a refusal met mid-connect, and
-// sessions that must not hold each other up.
+// The media transport against hostile peers and bad input: unframeable
+// bodies, garbage floods, used-up descriptors, repeated connects, a refusal
+// mid-connect, and sessions that must not hold each other up.
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -54,7 +53,8 @@ TEST(MediaHostileInput, BodiesTheHeadCannotFrameAreRefusedAndSmuggleNothing)
     sleep_ms(100);
     const auto c = peer.connection(0);
     ASSERT_EQ(c.heads.size(), 2u);
-    EXPECT_EQ((Figures{c.heads[0].head_Len, c.heads[1].head_Len, c.heads[1].channel, c.noiseBytes}), (Figures{2048, 16, 7, 0}));
+    EXPECT_EQ((Figures{c.heads[0].head_Len, c.heads[1].head_Len, c.heads[1].channel, c.noiseBytes}),
+              (Figures{2048, 16, 7, 0}));
 }
 
 // A server that floods garbage, or repeats its refusal page: every dropped
@@ -94,8 +94,7 @@ TEST(MediaHostilePeer, GarbageAndRepeatedRefusalPagesAreReportedThinly)
     EXPECT_LE(MediaLog::Count({"CheckDirtyData reason: [403 forbidden]"}), 2);
 }
 
-// Runs `body` in a child process and returns its exit status: what it does
-// to its descriptor limit stays there.
+// Runs `body` in a child process (its descriptor limit stays there); its exit status.
 int InChild(const std::function<int()>& body)
 {
     const pid_t pid = ::fork();
@@ -157,8 +156,7 @@ TEST(MediaHostilePeer, ConnectRetriedAfterAFailureAndRepeatedOnALiveChannel)
     ASSERT_EQ(s.Connect(kVideo, port), 0);
     ASSERT_EQ(server.AcceptAll(), 1u);
 
-    // Half a packet has arrived when the caller connects again: the live
-    // channel keeps its connection and the packet completes.
+    // Connecting again mid-packet keeps the live connection; the packet completes.
     const Bytes packet = Framed(2, kVideo, Body(34, 4));
     const int conn = server.connections()[0];
     ASSERT_TRUE(send_all(conn, packet.data(), 20));
@@ -175,9 +173,8 @@ TEST(MediaHostilePeer, ConnectRetriedAfterAFailureAndRepeatedOnALiveChannel)
     EXPECT_EQ(s.Stats(kVideo).dataLoss, 0u);
 }
 
-// A channel past its thousand repairs is closed for good and left out of
-// the rotation; a refusal that arrives on the other while the caller
-// connects the media type is repaired once the connect is over.
+// A channel past its repairs stays closed, out of the rotation; a refusal met
+// while the media type connects is repaired once the connect is over.
 TEST(MediaHostilePeer, ChannelPastItsRepairsStaysClosedAndARefusalMidConnectIsRepairedAfter)
 {
     MediaPeer peer;
@@ -201,14 +198,13 @@ TEST(MediaHostilePeer, ChannelPastItsRepairsStaysClosedAndARefusalMidConnectIsRe
     for (uint32_t i = 2; i < 8; ++i) ASSERT_EQ(s.Send(kAudio, 2, Body(30, uint8_t(i)), i), 0);
     ASSERT_TRUE(s.WaitReceived(kAudio, 8));
     EXPECT_TRUE(wait_until([&] { return s.Channel(kAudio, alive)->stats.sendCount == 1 + 6; }, 3000));
-    EXPECT_EQ((Figures{peer.accepted(), s.Channel(kAudio, lost)->state, uint64_t(s.Channel(kAudio, lost)->reCreateChannelCount)}),
-              (Figures{2, 0, 1000}))
+    const auto gone = s.Channel(kAudio, lost);
+    EXPECT_EQ((Figures{peer.accepted(), gone->state, uint64_t(gone->reCreateChannelCount)}), (Figures{2, 0, 1000}))
         << "no connect was tried";
     EXPECT_TRUE(s.Events(kAudio).empty());
     s.Channel(kAudio, alive)->reCreateChannelCount = 0;
 
-    // The caller connects the lost channel to a server that never completes
-    // the connect: two seconds during which the media type is being connected.
+    // The lost channel is connected to a server that never completes the connect.
     BacklogListener stuck(0);
     const int filler = tcp_connect("127.0.0.1", stuck.port());
     ASSERT_GE(filler, 0);

@@ -1,8 +1,6 @@
-// Self-repair of the media transport: lost channels come back within the
-// limits of rate, a media type with every socket closed is rebuilt by the
-// next send, a channel that cannot come back leaves the others working, a
-// peer that pauses reading loses no packet and keeps its connection, and a
-// peer that goes away costs neither sockets nor callers.
+// Self-repair of the media transport: lost channels and media types come
+// back within the rate limit, a channel that cannot leaves the others
+// working, and a peer that pauses or goes away costs no packet or socket.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -96,8 +94,7 @@ TEST(MediaRecovery, LostChannelComesBackAtMostOncePerFiveSeconds)
 
 TEST(MediaRecovery, SendWithEverySocketClosedRebuildsTheMediaTypeWithoutBlockingTheCaller)
 {
-    // The server stops listening before it drops the connection: the
-    // channel's own repair finds nobody and its socket stays closed.
+    // The server goes before it drops the connection: the channel's repair fails.
     auto first = std::make_unique<BacklogListener>(4);
     const uint16_t port = first->port();
     MediaSession s(3111);
@@ -112,8 +109,7 @@ TEST(MediaRecovery, SendWithEverySocketClosedRebuildsTheMediaTypeWithoutBlocking
     const int filler = tcp_connect("127.0.0.1", port);
     ASSERT_GE(filler, 0);
 
-    // The send hands the rebuild to the session and returns at once; its
-    // connect times out, and the caller hears nothing.
+    // The send hands the rebuild on and returns at once; its connect times out.
     const uint64_t attempt = now_ms();
     EXPECT_EQ(s.Send(kVideo, 2, Body(20, 1)), MEDIA_SOCKET_ERRCODE_NO_SOCKET);
     EXPECT_LT(now_ms() - attempt, 500u) << "the caller waited for the connect";
@@ -200,8 +196,7 @@ Bytes Numbered(uint32_t index, size_t size)
     return body;
 }
 
-// The numbers of the whole packets in a byte stream, in order; stops at the
-// first thing that is not a whole packet of `type`.
+// The numbers of the whole packets of `type` that open a byte stream.
 std::vector<uint32_t> NumbersOnTheWire(const Bytes& wire, uint32_t type)
 {
     std::vector<uint32_t> numbers;
@@ -219,11 +214,9 @@ std::vector<uint32_t> NumbersOnTheWire(const Bytes& wire, uint32_t type)
     return numbers;
 }
 
-// A peer that stops reading: once the kernel's buffers and the ring are full
-// the caller is refused, never blocked, and another media type's packets go
-// out as soon as they are queued (the send thread's wait for room is cut
-// short by the send). When the peer reads again it gets every accepted
-// packet, once, in order, on its one connection.
+// A peer that stops reading: the caller is refused, never blocked, another
+// media type's packets go out as soon as queued, and once the peer reads
+// again it gets every accepted packet, once, in order, on its one connection.
 TEST(MediaRecovery, PeerThatPausesReadingHoldsBackOnlyItsMediaTypeAndLosesNothing)
 {
     BacklogListener stuck(4);
@@ -311,8 +304,7 @@ TEST(MediaRecovery, PeerThatPausesReadingHoldsBackOnlyItsMediaTypeAndLosesNothin
     EXPECT_TRUE(s.Events(kVideo).empty());
 }
 
-// With the literal send loop a send that finds the socket full cuts the
-// packet, and the channel is replaced by a new connection.
+// The literal send loop cuts a packet at a full socket and replaces the channel.
 TEST(MediaRecovery, LiteralLoopPeerThatStopsReadingGetsItsChannelReplacedAndNoSocketLeaks)
 {
     MediaSocket::SetLiteralLoops(true);
@@ -363,8 +355,7 @@ TEST(MediaRecovery, WithoutCallbacksPacketsAreDroppedAndRepairsStillHappen)
     ASSERT_EQ(s.Create(kVideo, 1, false, false), 0);
     ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
 
-    // No receive callback: what arrives is consumed, uncounted; no event
-    // callback: flushes, dirty data and repairs tell nobody.
+    // Without callbacks packets are consumed uncounted and nobody is told.
     ASSERT_EQ(s.Send(kVideo, 2, Body(30)), 0);
     ASSERT_TRUE(wait_until([&] { return peer.packets(kVideo) == 1; }, 3000));
     sleep_ms(100);

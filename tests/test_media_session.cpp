@@ -1,7 +1,6 @@
-// Sessions and channels of the media transport: the session table, how
-// media types and their channels are made, sized, connected (directly and
-// through an HTTP proxy) and closed, also from inside a callback; how the
-// receive thread waits.
+// Sessions and channels of the media transport: the session table; media
+// types and channels made, sized, connected (also through an HTTP proxy) and
+// closed, also from inside a callback; the receive thread's wait.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>
@@ -72,8 +71,7 @@ TEST(MediaSessionTable, SixSessionsAtMostAndIdsFreeAtOnceOnClose)
     EXPECT_EQ(MORL_MediaCreateSocket(0, kData, 1), MEDIA_SOCKET_ERRCODE_SESSION_ID_ZERO);
     EXPECT_EQ(MORL_MediaGetFirstSessionId(), 1u);
 
-    // A session in the table takes more media types; closing one of two
-    // leaves it, and its threads, in place.
+    // Closing one of two media types leaves the session and its threads.
     ASSERT_EQ(s[2]->Create(kVideo, 1), 0);
     EXPECT_EQ(s[2]->Close(kData), 0);
     EXPECT_NE(s[2]->Object(), nullptr);
@@ -89,10 +87,9 @@ TEST(MediaSessionTable, SixSessionsAtMostAndIdsFreeAtOnceOnClose)
     EXPECT_TRUE(MediaLog::WaitFor({"SocketRecvThread leave. session id: 1103"}, 4000));
     EXPECT_TRUE(MediaLog::WaitFor({"SocketSendThread leave. session id: 1103"}, 4000));
 
-    // The freed slot serves a new id...
+    // The freed slot serves a new id, and an id can come back at once.
     MediaSession seventh(1107);
     EXPECT_EQ(seventh.Create(kData, 1), 0);
-    // ...and an id can come back right after its close, as a new session.
     EXPECT_EQ(s[3]->Close(kData), 0);
     EXPECT_EQ(s[3]->Create(kAudio, 2), 0);
     EXPECT_EQ(MORL_MediaGetStats(s[3]->id(), kData, &stats), MEDIA_SOCKET_ERRCODE_NO_CREATE);
@@ -131,8 +128,7 @@ TEST(MediaSessionChannels, CountsRingsAndRepeatedCreates)
     EXPECT_EQ(MORL_MediaSetChannelBufSize(s.id(), kAudio, 2000000), 0);
     EXPECT_EQ(capacities(kAudio), std::set<int32_t>{1024000});
 
-    // Socket buffers: the direction flag picks the one that changes (Linux
-    // reports twice what was set).
+    // The direction flag picks the socket buffer (Linux reports twice the size).
     const int32_t sock = s.Channel(kAudio, 1)->sock;
     const int sndBefore = SockOpt(sock, SOL_SOCKET, SO_SNDBUF);
     EXPECT_EQ(MORL_MediaSetTcpBufSize(s.id(), kAudio, 65536, 1), 0);
@@ -224,9 +220,8 @@ TEST(MediaSessionConnect, MarksSocketsFillsThePollTableAndReconnects)
     sleep_ms(200);
     EXPECT_EQ(peer.totalPackets(), 0u);
 
-    // Reconnecting the media type gives every channel one new connection,
-    // and only one: a new socket may take the number of an old one that the
-    // receive thread still polls, which must not look like a lost channel.
+    // One new connection per channel, and only one: a new socket may reuse the
+    // number of an old one still polled, which must not look like a loss.
     EXPECT_EQ(MORL_MediaReCreateChannel(s.id(), kAudio), 0);
     EXPECT_TRUE(wait_until([&] { return peer.accepted() == 9; }, 2000)) << peer.accepted();
     for (size_t i = 0; i < 4; ++i) check(kAudio, i, i, 184);
@@ -353,9 +348,8 @@ TEST(MediaSessionClose, EndsARunningSlowStart)
     EXPECT_EQ(peer.stunRequests(), requests);
 }
 
-// The receive thread's wait: asleep while nothing happens, and yet a socket
-// that a failed connect gave up is released at once, though no poll record
-// changed to wake the thread.
+// The receive thread sleeps while idle, yet releases at once a socket that a
+// failed connect gave up, though no poll record changed to wake it.
 TEST(MediaSessionRecvThread, SleepsWhileIdleAndReleasesAGivenUpSocketAtOnce)
 {
     MediaPeer peer;

@@ -1,6 +1,5 @@
-// The audio sort as a pure function, its bound under a flood of invented
-// SSRCs (also end to end against a hostile media peer), and the caller's
-// statistics record.
+// The audio sort, alone and under a flood of invented SSRCs end to end, and
+// the caller's statistics record.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -73,8 +72,7 @@ TEST(MediaSort, EachStreamOpensWithItsFirstPacketAndClosesGapsInOrder)
     EXPECT_EQ(s.out[5], direct);
     EXPECT_EQ(s.out[6], held);
 
-    // Below 13 bytes there is no sequence number to trust: straight through,
-    // even as the first packet of a stream.
+    // Below 13 bytes there is no sequence number to trust: straight through.
     const Bytes shortBody = RtpBody(9, 3, 12);
     s.Push(shortBody);
     EXPECT_EQ(s.out.back(), shortBody);
@@ -90,8 +88,7 @@ TEST(MediaSort, SevenHeldForceTheLowestOutAlsoAcrossTheWrap)
     s.Push({19});
     EXPECT_EQ(s.Seqs(), (std::vector<int>{12, 13, 14, 15, 16, 17, 18, 19}));
 
-    // A copy of a number already held is dropped; a late one comes out when
-    // the hold is forced.
+    // A copy of a held number is dropped; a late one comes out when forced.
     Sorter d;
     d.Push({50, 53, 53, 53, 54, 55, 56, 57, 58, 59});
     EXPECT_EQ(d.Seqs(), (std::vector<int>{53}));
@@ -144,8 +141,7 @@ TEST(MediaSort, FloodsOfNewSsrcsPushOutNeitherARunningNorAJustOpenedStream)
     s.Push({102}, kReal);
     EXPECT_EQ(s.Seqs(), (std::vector<int>{101, 102, 103})) << "the flood itself delivers nothing";
 
-    // The table full of running streams, as a flood of two-packet SSRCs
-    // leaves it; more new SSRCs open between a new stream's first two packets.
+    // A table full of running streams; new SSRCs open between a new stream's first two packets.
     Sorter t;
     for (uint32_t i = 0; i < kMaxSortStreams; ++i) t.Push({1, 3}, 0xF0000000 + i);
     t.Push({500}, kNew);
@@ -158,8 +154,7 @@ TEST(MediaSort, FloodsOfNewSsrcsPushOutNeitherARunningNorAJustOpenedStream)
 
 constexpr uint32_t kRealSsrc = 0x5EA15EA1;
 
-// What the session's receive callback saw: the real stream's numbers in
-// order of delivery, and how many other audio packets came out.
+// What the receive callback saw: the real stream's numbers, and the others.
 struct FloodReceipts {
     std::mutex mutex;
     std::condition_variable changed;
@@ -191,8 +186,7 @@ void OnFloodRecv(uint32_t, uint32_t, uint32_t, const uint8_t* data, uint32_t len
     g_receipts.changed.notify_all();
 }
 
-// Under AddressSanitizer freed memory waits in quarantine instead of being
-// reused, so resident memory measures the churn, not what is kept.
+// AddressSanitizer's quarantine keeps freed memory resident.
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool kResidentMemoryIsKept = false;
 #elif defined(__has_feature)
@@ -232,8 +226,7 @@ TEST(MediaSortFlood, ForgedSsrcsCostBoundedMemoryAndTheRealStreamArrivesInOrder)
     ASSERT_EQ(MORL_MediaRegisterRecvCallback(session.id(), kAudio, &OnFloodRecv), 0);
     ASSERT_EQ(session.Connect(kAudio, peer.port()), 0);
     ASSERT_TRUE(zeph_test::wait_until([&] { return peer.accepted() == 4; }, 10000));
-    // The opener goes alone: sent together, the first numbers could cross on
-    // the four channels, and one behind the opener would be held as late.
+    // The opener goes alone, so that no number can cross it on another channel.
     ASSERT_EQ(session.Send(kAudio, ZEPH_MEDIA_PKT_RTP, RtpBody(1, kRealSsrc, 160)), 0);
     ASSERT_TRUE(zeph_test::wait_until([&] { return session.Stats(kAudio).recv.RtpSuccessCount >= 1; }, 10000));
     zeph_peers::MediaPeerBehaviour flood;
@@ -267,8 +260,7 @@ TEST(MediaSortFlood, ForgedSsrcsCostBoundedMemoryAndTheRealStreamArrivesInOrder)
     }
 }
 
-// The caller reads MediaStats by offset: every counter a different value,
-// so that a swapped field shows.
+// The caller reads MediaStats by offset: each counter differs, so a swap shows.
 TEST(MediaStats, TheCallersRecordHoldsEachCounterAtItsOffset)
 {
     MediaStatsCounters s;

@@ -30,8 +30,7 @@ Bytes Cat(std::initializer_list<Bytes> parts)
     return out;
 }
 
-// A connected Video channel whose peer never writes: the bytes the test hands
-// to the receive path are all that channel ever receives.
+// A connected Video channel whose peer never writes: it receives what the test feeds.
 struct QuietChannel {
     TcpListener quiet{TcpListener::Mode::Keep};
     MediaSession s;
@@ -47,9 +46,8 @@ struct QuietChannel {
     int32_t Feed(const Bytes& bytes) { return object->PutRecvBuffer(sock, bytes.data(), int32_t(bytes.size())); }
 };
 
-// Queues a damaged packet and holds the send thread inside the callback of
-// the ring flush it causes until released, so that packets queued meanwhile
-// stay in the ring (the callback holds no lock of the transport).
+// Queues a damaged packet and holds the send thread in the callback of the
+// flush it causes, so that packets queued meanwhile stay in the ring.
 class FirstFlushHold {
 public:
     bool Hold(MediaSession& s, uint32_t type)
@@ -263,8 +261,7 @@ TEST(MediaTransportSend, FullRingRefusesAWholePacketAndKeepsWhatIsQueued)
     EXPECT_EQ((Figures{st.send.SuccessCount, st.send.KeepaliveSuccessCount, st.send.UnknowCount, st.sendCount}),
               (Figures{4, 1, 3, 0}));
 
-    // Fill the 30720-byte ring: the packet that does not fit is refused
-    // whole, and nothing of it enters the ring.
+    // Fill the 30720-byte ring: a packet that does not fit is refused whole.
     uint32_t queued = 2;
     int32_t rc = 0;
     while ((rc = s.Send(kData, 2, Body(1000, uint8_t(queued)))) == 0 && queued < 100) ++queued;
@@ -304,8 +301,7 @@ TEST(MediaTransportSend, ReconnectDropsWhatWasQueuedForTheOldConnectionAndSaysSo
     for (uint8_t i = 0; i < 3; ++i) ASSERT_EQ(s.Send(kData, 2, Body(100, i)), 0);
     ASSERT_EQ(MORL_MediaGetChannelBufSize(s.id(), kData), 3 * 116);
 
-    // What was meant for the old connection is dropped, and the caller told
-    // so on its own thread before the call returns.
+    // What was queued is dropped, and the caller told so before the call returns.
     ASSERT_EQ(MORL_MediaReCreateChannel(s.id(), kData), 0);
     EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kData), 0);
     ASSERT_EQ(s.EventCount(kData, ZEPH_MEDIA_EVENT_RING_FLUSHED), 2u);
@@ -339,8 +335,7 @@ TEST(MediaTransportRecv, AudioEchoedOutOfOrderOverFourChannelsComesOutSorted)
     EXPECT_GE(channelsUsed, 3u);
 }
 
-// A refusal page before any packet is told to the caller; one after traffic
-// has flowed means a broken path, repaired without a word.
+// A refusal page before any packet is told; one after traffic is repaired unheard.
 TEST(MediaTransportRefusal, ToldBeforeTrafficAndRepairedSilentlyAfter)
 {
     MediaPeer peer;
