@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <map>
-#include <sstream>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -45,18 +45,6 @@ std::vector<std::pair<int, int>> events_of(const std::map<std::string, std::stri
 }
 
 std::string server(const MediaPeer& peer) { return "127.0.0.1:" + std::to_string(peer.port()); }
-
-// The data row of the table that starts with the media type's name.
-std::vector<std::string> table_row(const std::string& out, const std::string& name) {
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream words(line);
-        std::vector<std::string> w;
-        for (std::string x; words >> x;) w.push_back(x);
-        if (!w.empty() && w[0] == name && w.size() >= 13) return w;
-    }
-    return {};
-}
 
 } // namespace
 
@@ -98,11 +86,7 @@ TEST(CliMedia, EchoPeerReturnsEveryPacketIntactAndTheFiguresAgree) {
     ASSERT_EQ(t.code(), 0) << t.what();
     EXPECT_NE(t.out.find("media session 7 with " + server(peer)), std::string::npos) << t.out;
     // type chan rate sent accepted refused received corrupt reordered ...
-    const auto row = table_row(t.out, "Video");
-    ASSERT_FALSE(row.empty()) << t.out;
-    const std::vector<std::string> counts(row.begin() + 3, row.begin() + 8);
-    EXPECT_EQ(counts, (std::vector<std::string>{"20", "20", "0", "20", "0"})) << t.out;
-    EXPECT_EQ(row[1], "1") << t.out;
+    EXPECT_TRUE(std::regex_search(t.out, std::regex(R"((^|\n) *Video +1 +\S+ +20 +20 +0 +20 +0 +0 )"))) << t.out;
     EXPECT_NE(t.out.find("events: none"), std::string::npos) << t.out;
     EXPECT_NE(t.out.find("sent 20, failed 0"), std::string::npos) << t.out;
 }

@@ -3,7 +3,8 @@
 // real connections, refusals from the path, and the counters of it all.
 #include <gtest/gtest.h>
 
-#include <condition_variable>
+#include <atomic>
+#include <future>
 #include <set>
 #include <thread>
 
@@ -48,37 +49,30 @@ struct QuietChannel {
 
 // Queues a damaged packet and holds the send thread in the callback of the
 // flush it causes, so that packets queued meanwhile stay in the ring.
-class FirstFlushHold {
-public:
+struct FirstFlushHold {
+    struct State {
+        std::atomic<bool> first{true};
+        std::promise<void> held, release;
+        std::shared_future<void> go = release.get_future().share();
+        std::atomic<bool> gaveUp{false};
+    };
+    std::shared_ptr<State> st = std::make_shared<State>();
+
     bool Hold(MediaSession& s, uint32_t type)
     {
-        s.OnEvent([st = state_](uint32_t, MediaEventInfo e) {
-            if (e.eventId != ZEPH_MEDIA_EVENT_RING_FLUSHED) return;
-            std::unique_lock<std::mutex> lock(st->m);
-            if (st->held) return;
-            st->held = true;
-            st->cv.notify_all();
-            st->gaveUp = !st->cv.wait_for(lock, std::chrono::seconds(5), [&] { return st->release; });
+        s.OnEvent([st = st](uint32_t, MediaEventInfo e) {
+            if (e.eventId != ZEPH_MEDIA_EVENT_RING_FLUSHED || !st->first.exchange(false)) return;
+            st->held.set_value();
+            st->gaveUp = st->go.wait_for(std::chrono::seconds(5)) != std::future_status::ready;
         });
-        if (s.Send(type, 200, Body(8)) != 0) return false;
-        std::unique_lock<std::mutex> lock(state_->m);
-        return state_->cv.wait_for(lock, std::chrono::seconds(5), [&] { return state_->held; });
+        return s.Send(type, 200, Body(8)) == 0 &&
+               st->held.get_future().wait_for(std::chrono::seconds(5)) == std::future_status::ready;
     }
     bool Release() // false when the send thread had already stopped waiting
     {
-        std::unique_lock<std::mutex> lock(state_->m);
-        state_->release = true;
-        state_->cv.notify_all();
-        return !state_->gaveUp;
+        st->release.set_value();
+        return !st->gaveUp;
     }
-
-private:
-    struct State {
-        std::mutex m;
-        std::condition_variable cv;
-        bool held = false, release = false, gaveUp = false;
-    };
-    std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
 TEST(MediaTransportFraming, EveryCutOfTheStreamDeliversEachPacketOnceIntact)

@@ -145,30 +145,11 @@ int32_t MediaSession::Create(uint32_t mediaType, uint32_t count, bool recvCallba
     return rc;
 }
 
-int32_t MediaSession::Connect(uint32_t mediaType, uint16_t port, const char* addr, const char* domain)
-{
-    return MORL_MediaCreateChannel(id_, mediaType, addr, port, domain);
-}
-
-bool MediaSession::Open(uint32_t mediaType, uint16_t port, uint32_t count)
-{
-    return Create(mediaType, count) == 0 && Connect(mediaType, port) == 0;
-}
-
-int32_t MediaSession::Send(uint32_t mediaType, uint32_t pktType, const Bytes& body, uint32_t channel)
-{
-    return MORL_MediaSend(id_, pktType, mediaType, body.data(), uint32_t(body.size()), channel);
-}
-
-int32_t MediaSession::Close(uint32_t mediaType) { return MORL_MediaCloseSocket(id_, mediaType); }
-
 std::vector<MediaPacket> MediaSession::Received(uint32_t mediaType) const
 {
     std::lock_guard<std::mutex> lock(state_->mutex);
     return state_->received[mediaType % ZEPH_MEDIA_TYPE_COUNT];
 }
-
-size_t MediaSession::ReceivedCount(uint32_t mediaType) const { return Received(mediaType).size(); }
 
 bool MediaSession::WaitReceived(uint32_t mediaType, size_t n, int timeoutMs) const
 {
@@ -218,10 +199,7 @@ MediaStats MediaSession::Stats(uint32_t mediaType) const
     return stats;
 }
 
-std::shared_ptr<MediaSocket> MediaSession::Object() const
-{
-    return MediaSocketManager::Instance().MediaGetMediaSocketPtr(id_);
-}
+std::shared_ptr<MediaSocket> MediaSession::Object() const { return MediaSocketManager::Instance().MediaGetMediaSocketPtr(id_); }
 
 std::shared_ptr<SocketInfo> MediaSession::Info(uint32_t mediaType) const
 {

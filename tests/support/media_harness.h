@@ -54,14 +54,23 @@ public:
 
     // MORL_MediaCreateSocket, then (unless told otherwise) both callbacks.
     int32_t Create(uint32_t mediaType, uint32_t count = 4, bool recvCallback = true, bool eventCallback = true);
-    int32_t Connect(uint32_t mediaType, uint16_t port, const char* addr = "127.0.0.1", const char* domain = nullptr);
+    int32_t Connect(uint32_t mediaType, uint16_t port, const char* addr = "127.0.0.1", const char* domain = nullptr)
+    {
+        return MORL_MediaCreateChannel(id_, mediaType, addr, port, domain);
+    }
     // Create, then Connect to 127.0.0.1:port; true when both succeeded.
-    bool Open(uint32_t mediaType, uint16_t port, uint32_t count = 1);
-    int32_t Send(uint32_t mediaType, uint32_t pktType, const Bytes& body, uint32_t channel = 0);
-    int32_t Close(uint32_t mediaType);
+    bool Open(uint32_t mediaType, uint16_t port, uint32_t count = 1)
+    {
+        return Create(mediaType, count) == 0 && Connect(mediaType, port) == 0;
+    }
+    int32_t Send(uint32_t mediaType, uint32_t pktType, const Bytes& body, uint32_t channel = 0)
+    {
+        return MORL_MediaSend(id_, pktType, mediaType, body.data(), uint32_t(body.size()), channel);
+    }
+    int32_t Close(uint32_t mediaType) { return MORL_MediaCloseSocket(id_, mediaType); }
 
     std::vector<MediaPacket> Received(uint32_t mediaType) const;
-    size_t ReceivedCount(uint32_t mediaType) const;
+    size_t ReceivedCount(uint32_t mediaType) const { return Received(mediaType).size(); }
     bool WaitReceived(uint32_t mediaType, size_t n, int timeoutMs = 5000) const;
     bool WaitBody(uint32_t mediaType, const Bytes& body, int timeoutMs = 3000) const;
 
