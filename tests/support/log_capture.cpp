@@ -37,9 +37,7 @@ LogCapture::LogCapture(int max_level) {
     CaptureStore& st = capture_store();
     {
         std::lock_guard<std::mutex> lock(st.mu);
-        if (st.active) {
-            std::fprintf(stderr, "zeph_test: a second LogCapture replaces the first\n");
-        }
+        if (st.active) std::fprintf(stderr, "zeph_test: a second LogCapture replaces the first\n");
         st.active = true;
         st.lines.clear();
     }
@@ -61,15 +59,11 @@ std::vector<LogLine> LogCapture::lines() const {
 }
 
 int LogCapture::count(const std::string& substr) const {
-    CaptureStore& st = capture_store();
-    std::lock_guard<std::mutex> lock(st.mu);
     int n = 0;
-    for (const LogLine& l : st.lines)
+    for (const LogLine& l : lines())
         if (l.message.find(substr) != std::string::npos) ++n;
     return n;
 }
-
-bool LogCapture::contains(const std::string& substr) const { return count(substr) > 0; }
 
 bool LogCapture::wait_for(const std::string& substr, int timeout_ms) const {
     return wait_until([&] { return contains(substr); }, timeout_ms);

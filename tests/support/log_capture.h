@@ -25,7 +25,7 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<LogLine> lines() const;
-    bool contains(const std::string& substr) const;
+    bool contains(const std::string& substr) const { return count(substr) > 0; }
     int count(const std::string& substr) const;
     bool wait_for(const std::string& substr, int timeout_ms) const;
     void clear();

@@ -134,13 +134,6 @@ TcpListener::TcpListener(const std::string& ip, uint16_t port, Mode mode) : zeph
         std::fprintf(stderr, "zeph_test: cannot listen on %s:%u: %s\n", ip.c_str(), port, error.c_str());
 }
 
-bool TcpListener::wait_accepts(int n, int timeout_ms) const {
-    return wait_until([&] { return accepts() >= n; }, timeout_ms);
-}
-
-bool TcpListener::wait_received(size_t n, int timeout_ms) const {
-    return wait_until([&] { return received().size() >= n; }, timeout_ms);
-}
 
 
 UdpSocket::UdpSocket(const std::string& ip, uint16_t port) {

@@ -1,8 +1,6 @@
-// Test peers on loopback: coturn as STUN server, tinyproxy as HTTP proxy, a
-// scriptable TCP listener, a UDP socket and small TCP client helpers, with the
-// waits, processes and log capture that tests use beside them. Peers bind to
-// 127.0.0.1 (port 0: a free port) and stop in their destructors. Run on the
-// test's thread.
+// Test peers on loopback (coturn, tinyproxy, a TCP listener, a UDP socket, TCP
+// client helpers) with the waits, processes and log capture tests use beside
+// them. Peers stop in their destructors. Run on the test's thread.
 #pragma once
 
 #include <netinet/in.h>
@@ -34,7 +32,6 @@ uint16_t closed_udp_port(const std::string& ip = "127.0.0.1");
 
 class CoturnServer {
 public:
-    CoturnServer() = default;
     ~CoturnServer() { stop(); }
     // Starts turnserver, STUN only, on ip:port (0: a free port) and waits until
     // it answers; false, saying why, if it cannot.
@@ -53,7 +50,6 @@ private:
 
 class TinyProxy {
 public:
-    TinyProxy() = default;
     ~TinyProxy() { stop(); }
     // Starts tinyproxy allowing CONNECT to connect_ports (all when empty),
     // with Basic auth when basic_user is set; false, saying why, if it cannot.
@@ -77,8 +73,12 @@ public:
     explicit TcpListener(const std::string& ip = "127.0.0.1", uint16_t port = 0, Mode mode = Mode::Keep);
     explicit TcpListener(Mode mode) : TcpListener("127.0.0.1", 0, mode) {}
 
-    bool wait_accepts(int n, int timeout_ms) const;
-    bool wait_received(size_t n, int timeout_ms) const;
+    bool wait_accepts(int n, int timeout_ms) const {
+        return wait_until([&] { return accepts() >= n; }, timeout_ms);
+    }
+    bool wait_received(size_t n, int timeout_ms) const {
+        return wait_until([&] { return received().size() >= n; }, timeout_ms);
+    }
 };
 
 class UdpSocket {
