@@ -24,10 +24,6 @@ using zeph_peers::MediaPeer;
 using zeph_peers::MediaPeerBehaviour;
 using zeph_peers::MediaPeerMode;
 
-constexpr uint32_t kAudio = ZEPH_MEDIA_AUDIO;
-constexpr uint32_t kVideo = ZEPH_MEDIA_VIDEO;
-constexpr uint32_t kData = ZEPH_MEDIA_DATA;
-
 TEST(MediaHostileInput, BodiesTheHeadCannotFrameAreRefusedAndSmuggleNothing)
 {
     MediaPeer peer(MediaPeerMode::Sink);

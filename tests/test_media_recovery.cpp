@@ -28,9 +28,6 @@ using namespace zeph_test;
 using zeph_peers::MediaPeer;
 using zeph_peers::MediaPeerBehaviour;
 
-constexpr uint32_t kAudio = ZEPH_MEDIA_AUDIO;
-constexpr uint32_t kVideo = ZEPH_MEDIA_VIDEO;
-
 // CPU time (clock ticks) of a thread of this process so far.
 long ThreadCpuTicks(long tid)
 {

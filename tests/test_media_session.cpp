@@ -25,10 +25,6 @@ using namespace zeph_test;
 using zeph_peers::MediaPeer;
 using zeph_peers::MediaPeerMode;
 
-constexpr uint32_t kAudio = ZEPH_MEDIA_AUDIO;
-constexpr uint32_t kVideo = ZEPH_MEDIA_VIDEO;
-constexpr uint32_t kData = ZEPH_MEDIA_DATA;
-
 int SockOpt(int fd, int level, int option)
 {
     int value = -1;

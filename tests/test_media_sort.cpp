@@ -216,7 +216,7 @@ TEST(MediaSortFlood, ForgedSsrcsCostBoundedMemoryAndTheRealStreamArrivesInOrder)
     constexpr uint16_t kRealPackets = 2000;
     constexpr size_t kInFlight = 4; // as a paced stream: well within what the sort reorders
     constexpr long kMaxGrowth = 20L << 20;
-    constexpr uint32_t kAudio = ZEPH_MEDIA_AUDIO;
+    using zeph_test::kAudio;
     constexpr auto kLimit = std::chrono::seconds(60);
 
     zeph_peers::MediaPeer peer;

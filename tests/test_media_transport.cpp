@@ -20,10 +20,6 @@ using zeph_peers::MediaPeer;
 using zeph_peers::MediaPeerBehaviour;
 using zeph_peers::MediaPeerMode;
 
-constexpr uint32_t kAudio = ZEPH_MEDIA_AUDIO;
-constexpr uint32_t kVideo = ZEPH_MEDIA_VIDEO;
-constexpr uint32_t kData = ZEPH_MEDIA_DATA;
-
 Bytes Cat(std::initializer_list<Bytes> parts)
 {
     Bytes out;

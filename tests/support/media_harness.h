@@ -15,6 +15,10 @@
 
 namespace zeph_test {
 
+constexpr uint32_t kAudio = ZEPH_MEDIA_AUDIO;
+constexpr uint32_t kVideo = ZEPH_MEDIA_VIDEO;
+constexpr uint32_t kData = ZEPH_MEDIA_DATA;
+
 using Bytes = std::vector<uint8_t>;
 // Several figures compared at once: EXPECT_EQ((Figures{a, b}), (Figures{1, 2})).
 using Figures = std::vector<uint64_t>;
