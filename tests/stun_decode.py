@@ -2,10 +2,9 @@
 """Independent STUN decoder (RFC 5389), used by the tests to judge the bytes
 the library builds, so that our own codec is not the only judge.
 
-Usage: stun_decode.py [--private] HEX...
+Usage: stun_decode.py HEX...
 One line of key=value words per message: type length cookie_ok attrs
-username_hex integrity fingerprint errors, and with --private (input starts
-with the 16-byte private media head) its fields too.
+username_hex integrity fingerprint errors.
 """
 import hashlib
 import struct
@@ -51,16 +50,9 @@ def decode(msg, out, errors):
 
 
 def main(argv):
-    private = "--private" in argv
-    for text in (a for a in argv[1:] if a != "--private"):
+    for text in argv[1:]:
         data, errors = bytes.fromhex(text), []
         out = {"attrs": "", "username_hex": "", "integrity": 0, "fingerprint": 0}
-        if private:
-            fields = struct.unpack(">BBBBIIHH", data[:16])
-            out.update(zip(("tag", "version", "pktType", "mediaType", "channel", "pkgSeq", "head_Len"), fields))
-            if fields[6] != len(data):
-                errors.append("head_Len %d for %d bytes" % (fields[6], len(data)))
-            data = data[16:]
         decode(data, out, errors)
         out["errors"] = len(errors)
         print(" ".join("%s=%s" % kv for kv in sorted(out.items())))
