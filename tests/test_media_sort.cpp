@@ -155,35 +155,26 @@ TEST(MediaSort, FloodsOfNewSsrcsPushOutNeitherARunningNorAJustOpenedStream)
 constexpr uint32_t kRealSsrc = 0x5EA15EA1;
 
 // What the receive callback saw: the real stream's numbers, and the others.
-struct FloodReceipts {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<uint16_t> real;
-    size_t others = 0;
-
-    template <typename Cond>
-    bool WaitFor(Cond cond, std::chrono::seconds limit)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, limit, cond);
-    }
-};
-FloodReceipts g_receipts;
+std::mutex g_mutex;
+std::condition_variable g_changed;
+std::vector<uint16_t> g_real;
+size_t g_others = 0;
 
 void OnFloodRecv(uint32_t, uint32_t, uint32_t, const uint8_t* data, uint32_t len)
 {
     uint16_t seq = 0;
     uint32_t ssrc = 0;
-    const bool rtp = ReadRtpSeqSsrc(data, int32_t(len), seq, ssrc);
-    {
-        std::lock_guard<std::mutex> lock(g_receipts.mutex);
-        if (rtp && ssrc == kRealSsrc) {
-            g_receipts.real.push_back(seq);
-        } else {
-            ++g_receipts.others;
-        }
-    }
-    g_receipts.changed.notify_all();
+    const bool real = ReadRtpSeqSsrc(data, int32_t(len), seq, ssrc) && ssrc == kRealSsrc;
+    std::lock_guard<std::mutex> lock(g_mutex);
+    real ? g_real.push_back(seq) : void(++g_others);
+    g_changed.notify_all();
+}
+
+template <typename Cond>
+bool WaitReceipts(Cond cond)
+{
+    std::unique_lock<std::mutex> lock(g_mutex);
+    return g_changed.wait_for(lock, std::chrono::seconds(60), cond);
 }
 
 // AddressSanitizer's quarantine keeps freed memory resident.
@@ -217,7 +208,6 @@ TEST(MediaSortFlood, ForgedSsrcsCostBoundedMemoryAndTheRealStreamArrivesInOrder)
     constexpr size_t kInFlight = 4; // as a paced stream: well within what the sort reorders
     constexpr long kMaxGrowth = 20L << 20;
     using zeph_test::kAudio;
-    constexpr auto kLimit = std::chrono::seconds(60);
 
     zeph_peers::MediaPeer peer;
     ASSERT_TRUE(peer.start());
@@ -238,23 +228,21 @@ TEST(MediaSortFlood, ForgedSsrcsCostBoundedMemoryAndTheRealStreamArrivesInOrder)
     for (uint16_t seq = 2; seq <= kRealPackets; ++seq) {
         ASSERT_EQ(session.Send(kAudio, ZEPH_MEDIA_PKT_RTP, RtpBody(seq, kRealSsrc, 160)), 0);
         // The opener is never delivered: seq - 1 - n delivered means n in flight.
-        ASSERT_TRUE(g_receipts.WaitFor([&] { return g_receipts.real.size() + 1 + kInFlight >= seq; }, kLimit))
-            << "stalled at " << seq;
+        ASSERT_TRUE(WaitReceipts([&] { return g_real.size() + 1 + kInFlight >= seq; })) << "stalled at " << seq;
     }
     // Every real packet but the opener, and the packet every evicted forged SSRC held.
     constexpr size_t kForged = size_t(kFloodPerPacket) * (kRealPackets - 1u);
-    const bool done = g_receipts.WaitFor(
-        [&] { return g_receipts.real.size() >= kRealPackets - 1u && g_receipts.others >= kForged - kMaxSortStreams; },
-        kLimit);
+    const bool done =
+        WaitReceipts([&] { return g_real.size() >= kRealPackets - 1u && g_others >= kForged - kMaxSortStreams; });
     const long growth = ResidentBytes() - before;
     std::printf("forged SSRCs: %zu, resident memory growth: %.2f MB\n", kForged, double(growth) / (1 << 20));
     RecordProperty("rss_growth_bytes", std::to_string(growth));
 
-    std::lock_guard<std::mutex> lock(g_receipts.mutex);
-    EXPECT_TRUE(done) << "real packets " << g_receipts.real.size() << ", others " << g_receipts.others;
+    std::lock_guard<std::mutex> lock(g_mutex);
+    EXPECT_TRUE(done) << "real packets " << g_real.size() << ", others " << g_others;
     std::vector<uint16_t> expected;
     for (uint16_t seq = 2; seq <= kRealPackets; ++seq) expected.push_back(seq);
-    EXPECT_EQ(g_receipts.real, expected);
+    EXPECT_EQ(g_real, expected);
     if (kResidentMemoryIsKept) {
         EXPECT_LT(growth, kMaxGrowth);
     }
