@@ -48,10 +48,8 @@ void record_cb(uint64_t a) {
 
 uint64_t as_arg(Arg* a) { return reinterpret_cast<uint64_t>(a); }
 
-// The library's delayed frees use fire-once timers (mode 2): each fires once,
-// in deadline order, and is gone after its callback returned. A callback stops
-// and frees its own timer and arms another: none of it may wait for the timer
-// thread the callback runs on.
+// Fire-once timers (mode 2) fire in deadline order and are gone afterwards; a
+// callback that stops, frees and arms timers must not wait for its own thread.
 TEST(OsTimer, FireOnceOrderAndCallbacksManagingTimers) {
     Probe p;
     std::vector<Arg> args;
@@ -87,8 +85,7 @@ TEST(OsTimer, FireOnceOrderAndCallbacksManagingTimers) {
     EXPECT_NE(MORL_StopRelTimer_Safe(self), 0); // freed inside its callback
 }
 
-// Stop and free wait for a running callback; no callback starts after either
-// returned, however close to the deadline they are called.
+// Stop and free wait for a running callback; none starts after either returned.
 TEST(OsTimer, NoCallbackRunsAfterStopOrFreeReturns) {
     for (bool use_free : {false, true}) {
         Probe p;
@@ -108,8 +105,7 @@ TEST(OsTimer, NoCallbackRunsAfterStopOrFreeReturns) {
         ASSERT_TRUE(wait_until([&] { return p.fired.load() == 1; }, 1000)); // its record lands last
     }
 
-    // Four threads stop timers before, around and after the deadline; the
-    // callback checks the flag on entry (late firing) and exit (early return).
+    // Stops before, around and after the deadline: checked on entry and exit.
     struct Ctx {
         std::atomic<bool> stopped{false};
         std::atomic<int>* fired;
@@ -143,8 +139,7 @@ TEST(OsTimer, NoCallbackRunsAfterStopOrFreeReturns) {
 
 MORL_SOCKET tcp_socket() { return MORL_Socket(MORL_AF_INET, MORL_SOCK_STREAM, MORL_IPPROTO_TCP); }
 
-// Starts a non-blocking connect, waits for writability through select and
-// returns SO_ERROR (-1 when a step failed).
+// A non-blocking connect's SO_ERROR once select sees it writable (-1: a step failed).
 int connect_outcome(MORL_SOCKET s, uint16_t port) {
     uint32_t one = 1;
     MORL_SockAddrIn to{};
@@ -163,8 +158,7 @@ int connect_outcome(MORL_SOCKET s, uint16_t port) {
     return MORL_GetSockOpt(s, MORL_SOL_SOCKET, MORL_SO_ERROR, &err, &len) == 0 ? err : -1;
 }
 
-// One connection through its life, in Windows terms: connect outcomes through
-// select and SO_ERROR, the options the library sets, poll bits, and errors.
+// One connection through its life in Windows terms: connect, options, poll bits, errors.
 TEST(OsSocket, ConnectionLifeInWindowsTerms) {
     MORL_SOCKET c = tcp_socket();
     EXPECT_EQ(connect_outcome(c, zeph_test::closed_tcp_port()), MORL_WSAECONNREFUSED);
@@ -177,16 +171,14 @@ TEST(OsSocket, ConnectionLifeInWindowsTerms) {
     int len = 16;
     ASSERT_EQ(MORL_GetSockName(c, &local, &len), 0);
     EXPECT_TRUE(local.sin_addr == 0x0100007Fu && local.sin_port != 0);
-
     const int on = 1;
     const char one = 1; // a one-byte BOOL, as Windows takes it
     int reuse = 0, nodelay = 0;
     len = 4;
-    ASSERT_EQ(MORL_SetSockOpt(c, MORL_SOL_SOCKET, MORL_SO_REUSEADDR, &one, 1) +
-                  MORL_SetSockOpt(c, MORL_IPPROTO_TCP, MORL_TCP_NODELAY, &on, 4) +
-                  MORL_GetSockOpt(c, MORL_SOL_SOCKET, MORL_SO_REUSEADDR, &reuse, &len) +
-                  MORL_GetSockOpt(c, MORL_IPPROTO_TCP, MORL_TCP_NODELAY, &nodelay, &len),
-              0);
+    ASSERT_TRUE(MORL_SetSockOpt(c, MORL_SOL_SOCKET, MORL_SO_REUSEADDR, &one, 1) == 0 &&
+                MORL_SetSockOpt(c, MORL_IPPROTO_TCP, MORL_TCP_NODELAY, &on, 4) == 0 &&
+                MORL_GetSockOpt(c, MORL_SOL_SOCKET, MORL_SO_REUSEADDR, &reuse, &len) == 0 &&
+                MORL_GetSockOpt(c, MORL_IPPROTO_TCP, MORL_TCP_NODELAY, &nodelay, &len) == 0);
     EXPECT_TRUE(reuse != 0 && nodelay != 0);
 
     char buf[8];
@@ -208,8 +200,7 @@ TEST(OsSocket, ConnectionLifeInWindowsTerms) {
         << fds[0].revents;
     EXPECT_EQ(MORL_Recv(c, buf, sizeof(buf), 0), 0);
 
-    // Writing on then draws the peer's reset: an error, never SIGPIPE, and
-    // the broken pipe after it reads as "not connected".
+    // Writing on draws the reset (never SIGPIPE), then "not connected".
     ASSERT_TRUE(wait_until([&] { return MORL_Send(c, "x", 1, 0) < 0; }, 2000));
     const int e = MORL_GetLastSocketErr();
     EXPECT_TRUE(e == MORL_WSAECONNRESET || e == MORL_WSAENOTCONN) << e;
@@ -235,8 +226,7 @@ char thread_state(long tid) {
     return close != std::string::npos && close + 2 < line.size() ? line[close + 2] : '?';
 }
 
-// A wake polled beside a socket: signals coalesce until drained, and a
-// thread asleep in a poll without time-out returns when another signals.
+// A wake beside a socket: signals coalesce until drained and end a poll without time-out.
 TEST(OsWake, PollReturnsOnASignalAndTheDrainTakesAllSignals) {
     const MORL_WAKE wake = MORL_WakeCreate();
     ASSERT_NE(wake, MORL_INVALID_WAKE);
@@ -244,11 +234,8 @@ TEST(OsWake, PollReturnsOnASignalAndTheDrainTakesAllSignals) {
     MORL_SOCKET c = tcp_socket();
     ASSERT_EQ(connect_outcome(c, srv.port()), 0);
     MORL_PollFd fds[2] = {{c, MORL_POLLRDNORM, 0}, {wake, MORL_POLLRDNORM, 0}};
-    EXPECT_EQ(MORL_Poll(fds, 2, 0), 0);
-    EXPECT_EQ(MORL_WakeDrain(wake), 0);
-
-    ASSERT_EQ(MORL_WakeSignal(wake), 0);
-    ASSERT_EQ(MORL_WakeSignal(wake), 0);
+    EXPECT_TRUE(MORL_Poll(fds, 2, 0) == 0 && MORL_WakeDrain(wake) == 0);
+    ASSERT_TRUE(MORL_WakeSignal(wake) == 0 && MORL_WakeSignal(wake) == 0);
     ASSERT_EQ(MORL_Poll(fds, 2, 0), 1);
     EXPECT_EQ(fds[1].revents, MORL_POLLRDNORM);
     EXPECT_EQ(MORL_WakeDrain(wake), 1);
@@ -261,13 +248,10 @@ TEST(OsWake, PollReturnsOnASignalAndTheDrainTakesAllSignals) {
         tid = ::syscall(SYS_gettid);
         ready = MORL_Poll(mine, 2, -1);
     });
-    // Asleep: in the poll, since nothing else between blocks.
-    ASSERT_TRUE(wait_until([&] { return tid != 0 && thread_state(tid) == 'S'; }, 2000));
+    ASSERT_TRUE(wait_until([&] { return tid != 0 && thread_state(tid) == 'S'; }, 2000)); // asleep in the poll
     ASSERT_EQ(MORL_WakeSignal(wake), 0);
     sleeper.join();
-    EXPECT_EQ(ready.load(), 1);
-    EXPECT_EQ(MORL_WakeDrain(wake), 1);
-
+    EXPECT_TRUE(ready.load() == 1 && MORL_WakeDrain(wake) == 1);
     EXPECT_EQ(MORL_WakeClose(wake), 0);
     MORL_CloseSocket(c);
     EXPECT_TRUE(MORL_WakeSignal(MORL_INVALID_WAKE) == -1 && MORL_GetLastSocketErr() == MORL_WSAEBADF);
@@ -275,14 +259,11 @@ TEST(OsWake, PollReturnsOnASignalAndTheDrainTakesAllSignals) {
 
 void on_usr1(int) {}
 
-// A recursive mutex held twice excludes others until released twice; a sleep
-// runs its full time through signals; the clocks agree; names are cut to fit.
+// A recursive mutex released once still excludes; a sleep outlasts signals; clocks agree; names are cut.
 TEST(OsSystem, MutexSleepClocksAndThreadNames) {
     alignas(8) unsigned char block[MORL_MUTEX_BLOCK_SIZE];
-    ASSERT_EQ(MORL_MutexInitRecursive(block, 0), 0);
-    ASSERT_EQ(MORL_MutexLock(block), 0);
-    ASSERT_EQ(MORL_MutexLock(block), 0);
-    ASSERT_EQ(MORL_MutexUnLock(block), 0);
+    ASSERT_TRUE(MORL_MutexInitRecursive(block, 0) == 0 && MORL_MutexLock(block) == 0 && MORL_MutexLock(block) == 0 &&
+                MORL_MutexUnLock(block) == 0);
     std::atomic<bool> got{false};
     std::thread other([&] {
         MORL_MutexLock(block);
@@ -293,8 +274,7 @@ TEST(OsSystem, MutexSleepClocksAndThreadNames) {
     EXPECT_FALSE(got.load()) << "lock taken while still held once";
     ASSERT_EQ(MORL_MutexUnLock(block), 0);
     other.join();
-    EXPECT_TRUE(got.load());
-    EXPECT_EQ(MORL_MutexDestroy(block), 0);
+    EXPECT_TRUE(got.load() && MORL_MutexDestroy(block) == 0);
 
     struct sigaction sa {};
     sa.sa_handler = on_usr1;
@@ -335,12 +315,9 @@ TEST(SecureC, RefuseToOverrunAndClearTheDestination) {
     EXPECT_TRUE(memcpy_s(d, sizeof(d), nullptr, 1) && memcpy_s(d, static_cast<size_t>(-1), "1", 1) &&
                 memcpy_s(d + 1, 7, d, 4) && memset_s(d, 4, 'x', 5));
 
-    // The library appends with sprintf_s and advances only on a positive
-    // count: what does not fit must give -1, not a cut text.
-    EXPECT_EQ(sprintf_s(d, sizeof(d), "%d-%s", 12, "abcd"), 7);
-    EXPECT_STREQ(d, "12-abcd");
-    EXPECT_EQ(sprintf_s(d, sizeof(d), "%d-%s", 12, "abcde"), -1);
-    EXPECT_STREQ(d, "");
+    // The library advances only on a positive count: what does not fit gives -1, not a cut text.
+    EXPECT_TRUE(sprintf_s(d, sizeof(d), "%d-%s", 12, "abcd") == 7 && std::string(d) == "12-abcd") << d;
+    EXPECT_TRUE(sprintf_s(d, sizeof(d), "%d-%s", 12, "abcde") == -1 && d[0] == 0) << d;
 }
 
 } // namespace
