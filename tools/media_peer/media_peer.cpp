@@ -298,7 +298,6 @@ bool MediaPeer::handlePacket(Conn& conn, const uint8_t* data, size_t len, const 
     if (forbidden != MediaPeerBehaviour::Forbidden::None) {
         std::lock_guard<std::mutex> lock(conn.sendMutex);
         ok = SendAll(conn.fd, reinterpret_cast<const uint8_t*>(kForbiddenPage), sizeof kForbiddenPage - 1);
-        if (forbidden == MediaPeerBehaviour::Forbidden::InsteadOfEcho) return false;
     }
     if (noise > 0) {
         // Noise never holds the head tag, so the packet behind it is the
@@ -317,19 +316,8 @@ bool MediaPeer::handlePacket(Conn& conn, const uint8_t* data, size_t len, const 
 
 bool MediaPeer::sendPacket(Conn& conn, const uint8_t* data, size_t len)
 {
-    bool split = false;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        split = conn.behaviour.splitPerByte;
-    }
     std::lock_guard<std::mutex> lock(conn.sendMutex);
-    if (conn.fd < 0) return false;
-    if (!split) return SendAll(conn.fd, data, len);
-    for (size_t i = 0; i < len; ++i) {
-        if (!SendAll(conn.fd, data + i, 1)) return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(50));
-    }
-    return true;
+    return conn.fd >= 0 && SendAll(conn.fd, data, len);
 }
 
 bool MediaPeer::sendSsrcFlood(Conn& conn, uint32_t streams, uint32_t depth)

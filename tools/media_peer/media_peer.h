@@ -34,13 +34,11 @@ enum class MediaPeerMode {
 struct MediaPeerBehaviour {
     enum class Forbidden {
         None,
-        BeforeEcho,   // the page, then the packet as usual
-        InsteadOfEcho // the page in place of the packet, then the connection closes
+        BeforeEcho, // the page, then the packet as usual
     };
     int64_t closeAfterPackets = -1; // close once this many packets arrived; -1 never
     size_t noiseBytes = 0;
     Forbidden forbidden = Forbidden::None;
-    bool splitPerByte = false; // one send per byte, with a short pause between
     // SSRC flood: before each audio RTP packet that it echoes, the
     // connection sends ssrcFlood audio RTP packets of SSRCs never used
     // before, ssrcFloodDepth packets each: the first, then numbers that skip
