@@ -1,14 +1,12 @@
-// Destinations that cannot be reached read as unreachable: on a machine with
-// no network (a namespace of the test's own, loopback down; root only), where
-// Linux tells a failed connect to the call alone; and 0.0.0.0, which Linux
-// would connect to this machine, so an unresolved name never probes it.
+// Unreachable reads as unreachable: with no network (an empty namespace, root only), where Linux
+// tells a failed connect to the call alone, and for 0.0.0.0, which Linux would connect to this machine.
 #include <gtest/gtest.h>
 
 #include <sched.h>
 #include <unistd.h>
 
 #include <cstring>
-#include <vector>
+#include <utility>
 
 #include "detect_reports.h"
 #include "os_adapter/morl_os.h"
@@ -20,8 +18,7 @@ using namespace zeph_test;
 
 namespace {
 
-// Moves the calling process into a new, empty network namespace: loopback
-// exists but is down, no route leads anywhere.
+// Moves the process into a new network namespace: loopback down, no route anywhere.
 #define REQUIRE_OFFLINE()                                    \
     if (::geteuid() != 0 || ::unshare(CLONE_NEWNET) != 0) \
     GTEST_SKIP() << "needs root to make a network namespace without network"
@@ -57,8 +54,7 @@ int in_set(MORL_SOCKET s, bool write_set, int wait_ms = 0) {
     return MORL_FD_ISSET(s, &set);
 }
 
-// What a caller waiting for a connect sees: not writable through select or
-// poll, in the error set, error and hang-up polled, SO_ERROR = wsa.
+// A waiting caller sees a failed connect: not writable, in the error set, ERR|HUP polled, SO_ERROR = wsa.
 void expect_failed_connect(MORL_SOCKET s, int wsa) {
     EXPECT_EQ(in_set(s, true, 30), 0);
     EXPECT_EQ(in_set(s, false), 1);
@@ -83,23 +79,10 @@ bool result_of(const DetectReports<Record>& reports, uint32_t num, Record* out) 
     return true;
 }
 
-PortDetectInfo any_port_info(const char* ip, const std::vector<std::pair<uint16_t, uint8_t>>& targets) {
-    PortDetectInfo info;
-    std::memset(&info, 0, sizeof info);
-    info.group_num = 1;
-    info.groups[0].detect_num = static_cast<int32_t>(targets.size());
-    for (size_t i = 0; i < targets.size(); ++i) {
-        PortDetectEntry& e = info.groups[0].entries[i];
-        e.addr = ipv4_be(ip), e.port = targets[i].first, e.protocol = targets[i].second;
-    }
-    return info;
-}
-
 } // namespace
 
-// The adapter keeps a failed connect's error with the socket, as Windows
-// does, until the socket is closed; no detection reaches anything; the media
-// channel does not come up.
+// A failed connect's error stays with the socket until it is closed, as on Windows; no
+// detection reaches anything; the media channel does not come up.
 TEST(OfflineMachine, NothingConnectsAndNoDetectionReachesAnything) {
     REQUIRE_OFFLINE();
     MORL_SOCKET s = nonblocking_socket(MORL_SOCK_STREAM);
@@ -120,7 +103,15 @@ TEST(OfflineMachine, NothingConnectsAndNoDetectionReachesAnything) {
     MORL_CloseSocket(again);
 
     // Port detection: TCP, UDP and ICMP to this machine's own address.
-    PortDetectInfo info = any_port_info("127.0.0.1", {{443, ZEPH_TRANS_TCP}, {3478, ZEPH_TRANS_UDP}, {1, ZEPH_TRANS_ICMP}});
+    PortDetectInfo info;
+    std::memset(&info, 0, sizeof info);
+    info.group_num = 1;
+    info.groups[0].detect_num = 3;
+    const std::pair<uint16_t, uint8_t> targets[] = {{443, ZEPH_TRANS_TCP}, {3478, ZEPH_TRANS_UDP}, {1, ZEPH_TRANS_ICMP}};
+    for (int i = 0; i < 3; ++i) {
+        PortDetectEntry& e = info.groups[0].entries[i];
+        e.addr = ipv4_be("127.0.0.1"), e.port = targets[i].first, e.protocol = targets[i].second;
+    }
     ASSERT_EQ(zeph_any_port_detect(0x0FF1, &info, on_any), 0);
     AnyPortResult any{};
     ASSERT_TRUE(result_of(g_any, 0x0FF1, &any));
