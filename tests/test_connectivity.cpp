@@ -1,9 +1,5 @@
-// The connectivity detection through its two exports, against real peers on
-// loopback: STUN responders (ours and coturn), our quality server for the
-// NPS probe, an ICE answerer, TCP listeners, a refusing port, silent ports,
-// tinyproxy, and a DNS server of the tests' own. Results are judged by the
-// callback's record, its timing, what the peers saw on the wire and what the
-// runtime still holds afterwards.
+// The connectivity detection through its two exports against real peers on
+// loopback. Runs on the test's thread; the callbacks come on the message thread.
 #include <atomic>
 #include <functional>
 #include <map>
@@ -86,7 +82,6 @@ bool runtime_idle(int timeout_ms = 3000) {
 }
 
 uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
-uint16_t be16(const uint8_t* p) { return uint16_t(p[0] << 8 | p[1]); }
 
 class Connectivity : public ::testing::Test {
 protected:
@@ -140,8 +135,7 @@ TEST_F(Connectivity, LiteralUdpTargetIsReportedOpenRightAfterItsAnswerAndIcmpAsR
     ASSERT_EQ(0, zeph_single_port_detect(11, "127.0.0.1", stun.port(), ZEPH_TRANS_UDP, on_result));
     Seen rep;
     ASSERT_TRUE(wait_report(11, rep)) << log.dump();
-    // Loopback answers at once; the report follows the answer, not a timer
-    // (the first timer would be 300 ms).
+    // The report follows the answer, not the first 300 ms timer.
     EXPECT_LT(rep.at_ms - t0, 250u) << log.dump();
     EXPECT_TRUE(rep.on_message_thread);
     ASSERT_EQ(1u, rep.value.sites.size());
@@ -214,18 +208,14 @@ TEST_F(Connectivity, EachUdpProbeFormIsAnsweredByItsOwnServer) {
     strncpy(remote.password, "remote-secret", sizeof remote.password - 1);
     ASSERT_EQ(0u, MORL_StunSetLocalIceInfo("stun_audio_conn", &local));
     ASSERT_EQ(0u, MORL_StunSetRemoteIceInfo("stun_audio_conn", &remote));
-    // Answers only an ICE check: the private head (tag, version 3, type 129),
-    // then a Binding Request whose USERNAME is "remote:local".
-    const std::string user = "connR:connL";
-    UdpStandIn ice("127.0.0.1", 0, [&user](std::vector<uint8_t>& p, const UdpStandIn::Got&) {
-        constexpr size_t kHead = 16;
-        if (p.size() < kHead + 24 + user.size() || p[0] != 0xFF || p[1] != 3 || p[2] != 129) return false;
-        const uint8_t* m = &p[kHead];
-        if (be16(m) != 0x0001 || be32(m + 4) != 0x2112A442u || be16(m + 20) != 0x0006 ||
-            std::string(m + 24, m + 24 + user.size()) != user)
+    // Answers only an ICE check (private head of type 129) whose USERNAME is "remote:local".
+    UdpStandIn ice("127.0.0.1", 0, [](std::vector<uint8_t>& p, const UdpStandIn::Got&) {
+        constexpr size_t kUser = 16 + 24; // head, STUN header, attribute header
+        const std::string user = "connR:connL";
+        if (p.size() < kUser + user.size() || p[0] != 0xFF || p[2] != 129 ||
+            std::string(p.begin() + kUser, p.begin() + kUser + user.size()) != user)
             return false;
-        p[kHead] = 0x01; // a Binding Success behind the same head
-        p[kHead + 1] = 0x01;
+        p[16] = p[17] = 0x01; // a Binding Success behind the same head
         return true;
     });
 
@@ -251,8 +241,7 @@ TEST_F(Connectivity, TcpThroughTheProxyOpenOnlyWhereTheProxyConnects) {
     TinyProxy proxy;
     ASSERT_TRUE(proxy.start({allowed.port()}));
     ASSERT_EQ(0, zeph_settings_set_http_proxy("127.0.0.1", proxy.port(), nullptr, nullptr));
-    // Alone, so that no other answer starts the last second before the
-    // proxy's does.
+    // Alone, so that no other answer starts the last second before the proxy's.
     ASSERT_EQ(0, zeph_single_port_detect(50, "127.0.0.1", allowed.port(), ZEPH_TRANS_TCP, on_result));
     Seen rep;
     ASSERT_TRUE(wait_report(50, rep));
@@ -333,8 +322,7 @@ TEST_F(Connectivity, SilentTargetProbedWithRisingSequenceUntilFourSecondsAndSeve
     EXPECT_GE(rep.at_ms - t0, 3950u);
     EXPECT_LT(rep.at_ms - t0, 4800u);
     EXPECT_EQ("0", opens(rep.value));
-    // A probe every 300 ms for 4 s (each pass arms the next, so a slow
-    // machine loses a few).
+    // A probe every 300 ms for 4 s (a slow machine loses a few).
     EXPECT_GE(seqs.size(), 10u);
     EXPECT_LE(seqs.size(), 15u);
     for (size_t i = 1; i < seqs.size(); ++i) EXPECT_EQ(seqs[i - 1] + 1, seqs[i]) << i;
@@ -349,8 +337,7 @@ TEST_F(Connectivity, SilentTargetProbedWithRisingSequenceUntilFourSecondsAndSeve
 }
 
 TEST_F(Connectivity, ThirtyDetectionsFromFourThreadsCallBackOnceEachAndFreeEverything) {
-    // Keeps what it accepts: a connection closed at once can read as a
-    // hang-up before the receive thread sees it writable.
+    // Keeps what it accepts: one closed at once can read as a hang-up first.
     TcpListener listener;
     UdpSocket silent;
     const int fds_before = open_fds();
@@ -401,8 +388,7 @@ TEST_F(Connectivity, CallbackMayStartAnotherDetectionOrStopTheRuntime) {
     EXPECT_EQ("1", opens(rep.value));
     EXPECT_TRUE(runtime_idle());
 
-    // Stopping the runtime from inside the callback neither hangs nor leaks,
-    // and a new start works.
+    // Stopping the runtime inside the callback neither hangs nor leaks; a new start works.
     ASSERT_EQ(0, zeph_single_port_detect(83, "127.0.0.1", port, ZEPH_TRANS_UDP, on_result));
     ASSERT_TRUE(wait_report(83, rep));
     EXPECT_TRUE(wait_until([] { return DetectConnectivity::instances() == 0; }, 3000));

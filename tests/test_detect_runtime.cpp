@@ -1,13 +1,10 @@
-// The event-driven runtime end to end: start and stop, packets from real UDP
-// peers through the receive and message threads, timers, name answers and
-// descriptor reuse (many detections at once and a stop from inside an event
-// are the connectivity tests' part). Runs on the test's thread; the
-// runtime's threads call back.
-#include <dirent.h>
+// The event-driven runtime end to end: start and stop, packets, timers, name
+// answers, descriptor reuse. Runs on the test's thread; the runtime's threads call back.
 #include <fcntl.h>
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <string>
@@ -29,16 +26,11 @@ namespace {
 
 int threads_named(const std::string& name) {
     int n = 0;
-    DIR* d = opendir("/proc/self/task");
-    if (d == nullptr) return -1;
-    while (dirent* e = readdir(d)) {
-        if (e->d_name[0] == '.') continue;
-        std::ifstream f(std::string("/proc/self/task/") + e->d_name + "/comm");
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream f(task.path() / "comm");
         std::string comm;
-        std::getline(f, comm);
-        if (comm == name) ++n;
+        n += std::getline(f, comm) && comm == name;
     }
-    closedir(d);
     return n;
 }
 
@@ -91,8 +83,7 @@ std::shared_ptr<DetectSocket> open_udp(const UdpSocket& peer) {
     return sock;
 }
 
-// Enters the socket in the table the way a detection does it: kept
-// pointers and a create message.
+// Enters the socket in the table as a detection does: kept pointers and a create message.
 bool register_sock(std::shared_ptr<DetectBase>& det, std::shared_ptr<DetectSocket>& sock, const UdpSocket& peer) {
     DetectSocketBody body{};
     body.dest_ip = host_order("127.0.0.1");
@@ -178,9 +169,8 @@ TEST_F(Runtime, TimerFiresOnceStoppedNeverStaleArmingDropped) {
     g_timer_save.stop_timer(stopped);
     ASSERT_TRUE(wait_until([&] { return det->count_timeouts(once) == 1; }, 3000));
 
-    // While the message thread is busy in the driver's expiry, `rearmed`
-    // expires (its event queues) and is then armed again: the queued expiry
-    // belongs to the old arming and must not arrive.
+    // `rearmed` expires while the message thread is busy, then is armed again:
+    // the queued expiry of the old arming must not arrive.
     EXPECT_EQ(0u, g_timer_save.start_timer(driver, 1, weak));
     ASSERT_TRUE(wait_until([&] { return driver_done.load() != 0; }, 3000));
     sleep_ms(300);
@@ -203,8 +193,7 @@ TEST_F(Runtime, TimerFiresOnceStoppedNeverStaleArmingDropped) {
     }
 }
 
-// One detection stops its name request, another ends without stopping it:
-// the late answers reach neither.
+// Late name answers reach neither a detection that stopped its request nor one that ended.
 TEST_F(Runtime, DnsAnswersAfterAStopOrTheDetectionsEndReachNobody) {
     DnsResponder dns;
     ASSERT_TRUE(dns.ok());
@@ -225,9 +214,8 @@ TEST_F(Runtime, DnsAnswersAfterAStopOrTheDetectionsEndReachNobody) {
     EXPECT_EQ(0u, g_asyn_dns.size());
 }
 
-// Packets reach recv_pkt in order on the message thread until the socket is
-// freed; a free that comes late, after the descriptor's number went to
-// another detection's socket, leaves that socket's entry alone.
+// Packets arrive in order until the socket is freed; a late free of a reused
+// descriptor number leaves the new owner's entry alone.
 TEST_F(Runtime, PacketsInOrderUntilFreedAndALateFreeLeavesTheEntryOfAReusedDescriptor) {
     LogCapture log;
     UdpSocket peer;

@@ -1,8 +1,5 @@
-// The probe sockets of the event-driven detections, judged by what they put
-// on the wire: a test's own UDP peer (and, as root, the probe's raw socket)
-// captures every probe form byte for byte, answers are fed back through the
-// socket to read their sequence numbers, TCP connects meet a listener and a
-// refusing port, and the bind walk meets taken ports.
+// The detections' probe sockets judged by what they put on the wire and read
+// back. Runs on the test's thread.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -71,8 +68,6 @@ StunIceInfo ice_side(const char* ufrag, const char* password) {
     return info;
 }
 
-// ---- the factory and opening ---------------------------------------------------------------
-
 TEST(DetectSocketCreate, EachTransportByItsKeyNeedsAnAddressAndPortAndClosesWithTheLastHolder) {
     auto udp = made<DetectSocketUDP>("udp");
     ASSERT_TRUE(udp && made<DetectSocketTCP>("tcp") && made<DetectSocketICMP>("icmp"));
@@ -100,8 +95,6 @@ TEST(DetectSocketCreate, EachTransportByItsKeyNeedsAnAddressAndPortAndClosesWith
     holder.reset();
     EXPECT_EQ(MORL_GetSockOpt(fd, MORL_SOL_SOCKET, MORL_SO_TYPE, &type, &len), -1) << "still open";
 }
-
-// ---- UDP probe forms -------------------------------------------------------------------------
 
 TEST(DetectSocketWire, StunBindingRequestAndItsAnswer) {
     UdpSocket peer;
@@ -193,8 +186,7 @@ TEST(DetectSocketWire, IceCheckIsTheStunServicesPacketForTheAudioKeyAndNothingWi
     EXPECT_EQ(Bytes(p.begin(), p.begin() + 12), Bytes({0xFF, 3, 129, 1, 1, 2, 3, 4, 0, 0, 0, 0}));
     EXPECT_EQ(be16(&p[12]), p.size());
 
-    // The STUN request behind it: USERNAME "remote:local" first, FINGERPRINT
-    // last (digest and CRC are judged in the STUN service's own tests).
+    // The request behind it: USERNAME "remote:local" first, FINGERPRINT last.
     const Bytes m(p.begin() + 16, p.end());
     ASSERT_EQ(be16(&m[0]), 0x0001);
     ASSERT_EQ(be16(&m[2]) + 20u, m.size());
@@ -205,16 +197,13 @@ TEST(DetectSocketWire, IceCheckIsTheStunServicesPacketForTheAudioKeyAndNothingWi
     EXPECT_EQ(be16(&m[m.size() - 8]), 0x8028);
 }
 
-// ---- ICMP ---------------------------------------------------------------------------------------
-// Bytes, checksum and filler come from the one echo codec, checked on golden
-// vectors with the port probes; here the sequence numbers.
+// The echo's bytes are the shared codec's (golden-checked elsewhere); here the sequence numbers.
 TEST(DetectSocketIcmp, EchoRequestsOnTheWireAndTheirRepliesAsRoot) {
     auto sock = made<DetectSocketICMP>("icmp");
     sock->set_dest_addr(kLoopback, 1); // ICMP has no port, but an address needs one here
     if (!sock->create()) GTEST_SKIP() << "no raw ICMP socket (needs root or CAP_NET_RAW)";
     for (uint32_t seq : {0u, 0u, 7u, 0u}) sock->send_buf(seq); // 7 is given, and leaves the own count alone
-    // On loopback the raw socket reads our requests and the kernel's replies
-    // (other tests' ICMP traffic may pass by too).
+    // The raw socket reads our requests and the kernel's replies (and maybe other tests').
     std::vector<uint16_t> request_seqs;
     std::vector<uint32_t> reply_seqs;
     uint8_t buf[2048];
@@ -231,8 +220,6 @@ TEST(DetectSocketIcmp, EchoRequestsOnTheWireAndTheirRepliesAsRoot) {
     EXPECT_EQ(request_seqs, (std::vector<uint16_t>{0, 1, 7, 2}));
     EXPECT_EQ(reply_seqs, (std::vector<uint32_t>{0, 1, 7, 2}));
 }
-
-// ---- TCP ---------------------------------------------------------------------------------------
 
 // Poll events of fd within `wait_ms`, 0 when none came.
 int16_t poll_write(MORL_SOCKET fd, int wait_ms) {
@@ -252,8 +239,7 @@ TEST(DetectSocketTcp, TheConnectIsTheProbeDirectOrToTheProxy) {
     EXPECT_TRUE(listener.wait_accepts(1, kRecvWaitMs));
     EXPECT_EQ(reached->get_recv_seq(Bytes(20, 1).data(), 20), 0u);
 
-    // A refused connect is never "writable and nothing else", the receive
-    // side's sign of a reached port: the error stays with the socket.
+    // A refused connect is never "writable and nothing else" (a reached port's sign).
     auto refused = made<DetectSocketTCP>("tcp");
     refused->set_dest_addr(kLoopback, zeph_test::closed_tcp_port());
     ASSERT_TRUE(refused->create());
@@ -274,8 +260,6 @@ TEST(DetectSocketTcp, TheConnectIsTheProbeDirectOrToTheProxy) {
     proxied->send_buf(1);
     EXPECT_TRUE(listener.wait_accepts(2, kRecvWaitMs));
 }
-
-// ---- the bind walk -----------------------------------------------------------------------------
 
 std::shared_ptr<DetectSocketTCP> bound_tcp(int start = -1) {
     auto sock = made<DetectSocketTCP>("tcp");

@@ -69,8 +69,7 @@ void gated_cb(const MORL_MSG_Head* m) {
     g_probe.values.push_back(first_word(m));
 }
 
-// The record carries the address of an int on the sender's stack, as the
-// receive thread's packets do; the callback writes through it after a pause.
+// The record points at an int on the sender's stack; a slow callback writes through it.
 struct StackRecord {
     uint32_t tag;
     int* out;
@@ -78,7 +77,7 @@ struct StackRecord {
 void stack_write_cb(const MORL_MSG_Head* m) {
     StackRecord r;
     std::memcpy(&r, MORL_MSG_Record(m), sizeof r);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // a slow handler
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
     *r.out = static_cast<int>(r.tag);
 }
 
@@ -101,8 +100,6 @@ protected:
     std::string name_;
 };
 
-// A synchronous send returns after the callback wrote to the sender's stack,
-// from another thread and from the module's own thread alike.
 void sync_from_own_thread_cb(const MORL_MSG_Head* m) {
     int out = 0;
     StackRecord r{first_word(m), &out};
@@ -177,7 +174,6 @@ void destroy_self_cb(const MORL_MSG_Head* m) {
     g_probe.values.push_back(static_cast<uint32_t>(rc));
 }
 
-
 TEST_F(MsgModule, DestroyFailsWaitingSendersJoinsTheRunningCallbackAndWorksFromItsOwnCallback) {
     start("msg_destroy");
     g_probe.reset(false);
@@ -194,9 +190,7 @@ TEST_F(MsgModule, DestroyFailsWaitingSendersJoinsTheRunningCallbackAndWorksFromI
     });
     ASSERT_EQ(send_word(name_.c_str(), 1, 3), MORL_MSG_OK);
     std::atomic<bool> destroyed{false};
-    // The synchronous send is to be queued behind the held callback before
-    // the destroy: nothing shows a queued message, so give it a grace period.
-    constexpr int kQueueGraceMs = 200;
+    constexpr int kQueueGraceMs = 200; // for the synchronous send to queue behind the held callback
     ASSERT_TRUE(wait_until([&] { return sending.load(); }, kWaitMs));
     ASSERT_FALSE(wait_until([&] { return sync_rc != -1; }, kQueueGraceMs));
     std::thread destroyer([&] {

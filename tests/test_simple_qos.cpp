@@ -1,9 +1,5 @@
-// The simple QoS detection through its exports and the runtime's threads,
-// against servers on loopback: the kernel's echo for ICMP, TCP listeners on
-// port 443, STUN stand-ins on UDP 10002 that lose or repeat answers on
-// purpose, and a DNS server of the test's own. Each test
-// has its own 127.91.N.0/24, so that the fixed ports do not collide when
-// ctest runs tests side by side. The CLI's `qos` runs as a process.
+// The simple QoS detection through its exports against servers on loopback,
+// each test on its own 127.91.N.0/24 (the ports are fixed). Runs on the test's thread.
 #include <unistd.h>
 
 #include <map>
@@ -30,8 +26,7 @@ namespace {
 constexpr uint16_t kTcpPort = 443;
 constexpr uint16_t kUdpPort = 10002;
 constexpr int kAllDoneMs = 8000; // 1 s of names + 3 s of probing, with slack
-// A request this long after the one before was sent by the 300 ms resend
-// timer, not by an answer: its forerunner's answer came too late to count.
+// A request this long after the one before was sent by the 300 ms resend timer.
 constexpr uint64_t kTimerGapMs = 290;
 constexpr int32_t kPercentPerProbe = 20; // five probes per server
 
@@ -64,9 +59,7 @@ int timer_sent(const UdpStandIn& s) {
     return n;
 }
 
-// A STUN server's answers: a Binding Success keeping the request's
-// transaction id, and at request `stale_seq` the answer before once more
-// instead of its own. (A stand-in without answers keeps silent.)
+// Binding Successes keeping the transaction id; at `stale_seq` the answer before once more.
 UdpStandIn::Answer stun_answers(uint32_t stale_seq = 0) {
     auto last = std::make_shared<std::vector<uint8_t>>(); // the stand-in's thread only
     return [=](std::vector<uint8_t>& p, const UdpStandIn::Got& g) {
@@ -136,15 +129,11 @@ TEST_F(SimpleQos, SixRecordsByPlaceHealthyServersMeasuredProxyPlaceNeverEndsItEa
 
     const std::vector<Got> all = g_reports.all();
     for (const Got& g : all) {
-        EXPECT_EQ(0x5151u, g.value.num);
-        EXPECT_EQ(6u, g.value.level_num);
-        EXPECT_EQ(77u, g.value.context);
-        EXPECT_EQ(1u, g.value.ready);
-        EXPECT_EQ(0u, g.value.is_proxy);
-        EXPECT_TRUE(g.on_message_thread);
+        const NetDetectResult& v = g.value;
+        EXPECT_EQ(std::make_tuple(0x5151u, 6u, 77u, 1u, 0u, true),
+                  std::make_tuple(v.num, v.level_num, v.context, v.ready, v.is_proxy, g.on_message_thread));
     }
-    // Probes the timer had to resend (a loaded machine only) are lost by the
-    // detection's own rule; on a quiet machine every server has none.
+    // Probes the timer resent (a loaded machine only) count as lost, by the detection's own rule.
     const std::map<uint32_t, int> resent = {{0, 0}, {2, 0}, {3, 0}, {4, timer_sent(udp4)}, {5, timer_sent(udp5)}};
     for (const auto& lv : resent) {
         if (lv.first == 0 && geteuid() != 0) continue; // echo requests need a raw socket
@@ -159,8 +148,7 @@ TEST_F(SimpleQos, SixRecordsByPlaceHealthyServersMeasuredProxyPlaceNeverEndsItEa
         // A healthy server is reported at its fifth answer, long before the end.
         EXPECT_LT(levels.at(lv.first).at_ms - t0_, 1500u);
     }
-    // Without a proxy the second place has nothing to probe: its record
-    // comes last, at the end of the probing time.
+    // Without a proxy the second place has nothing to probe: its record comes last.
     expect_no_answer(levels.at(1).value);
     EXPECT_EQ(1u, all.back().value.level);
     EXPECT_GE(all.back().at_ms - t0_, 2900u);
@@ -171,12 +159,10 @@ TEST_F(SimpleQos, SixRecordsByPlaceHealthyServersMeasuredProxyPlaceNeverEndsItEa
     expect_ended();
 }
 
-// Also through a proxy: its place reaches the proxy, the TCP places are left
-// to the proxy service, which this detection does not ask.
+// Through a proxy its place reaches the proxy and the TCP places are not probed.
 TEST_F(SimpleQos, LostRepeatedAndSilentAnswersThroughAProxyThenRefusedStarts) {
     const int T = 2;
-    // Place 4 answers the second probe with the first answer again, so that
-    // probe stays unanswered; place 5 never answers.
+    // Place 4 repeats the first answer for the second probe; place 5 never answers.
     UdpStandIn udp4(addr(T, 4), kUdpPort, stun_answers(2));
     UdpStandIn udp5(addr(T, 5), kUdpPort, nullptr);
     TcpListener proxy(addr(T, 1), 0);
@@ -205,8 +191,7 @@ TEST_F(SimpleQos, LostRepeatedAndSilentAnswersThroughAProxyThenRefusedStarts) {
     EXPECT_EQ(0, tcp2.accepts());
     expect_ended();
 
-    // Refused starts never call back: without a callback, over a name too
-    // long, or without the runtime.
+    // Refused starts never call back: no callback, a name too long, no runtime.
     EXPECT_EQ(1, zeph_simple_qos_detect(1, nullptr, 0));
     EXPECT_EQ(1, zeph_set_simple_qos_srvs({"a", std::string(254, 'b')}));
     EXPECT_EQ(0, zeph_set_simple_qos_srvs({std::string(253, 'c')}));
@@ -230,8 +215,7 @@ TEST_F(SimpleQos, NamesResolvedWithinTheirPhaseTheRestReportedWithoutAnswer) {
         run({"mute.qos.test", "", "gone.qos.test", "gone.qos.test", "udp.qos.test", "mute.qos.test"});
     ASSERT_EQ(6u, levels.size());
     const std::vector<Got> all = g_reports.all();
-    // The silent name holds the name phase for its full second; then the
-    // resolved server is measured and the rest have no address.
+    // The silent name holds the name phase its full second; the rest have no address.
     EXPECT_EQ(0, levels.at(4).value.discard);
     EXPECT_GE(levels.at(4).at_ms - t0_, 950u);
     EXPECT_EQ(4u, all.front().value.level);

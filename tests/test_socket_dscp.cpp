@@ -1,5 +1,4 @@
-// Marking sockets with a traffic class: the type-of-service byte read back
-// from real loopback sockets.
+// Traffic class marks read back from real loopback sockets. Runs on the test's thread.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>
@@ -20,10 +19,8 @@ int tos_of(int fd) {
     return getsockopt(fd, IPPROTO_IP, IP_TOS, &tos, &len) == 0 ? tos : -1;
 }
 
-
-// Levels are applied in an order where every step changes the byte, so a
-// mark that silently did nothing shows up as a stale value. A destination
-// with a zero port or address is not used, but the socket is still marked.
+// Every step changes the byte, so a mark that did nothing shows as stale; a
+// destination with a zero port or address still marks the socket.
 TEST(SocketDscp, EachLevelSetsItsByteOnTcpAndUdpSockets) {
     zeph_test::TcpListener listener;
     struct Fd {
@@ -53,8 +50,7 @@ TEST(SocketDscp, EachLevelSetsItsByteOnTcpAndUdpSockets) {
         EXPECT_EQ(tos_of(udp.fd()), d.tos) << std::hex << d.addr << ":" << d.port;
     }
 
-    // -1 as the caller's unsigned fd is refused; a handle that failed to
-    // open (0, as the library keeps it then) marks nothing.
+    // -1 as an unsigned fd is refused; a handle that failed to open (0) marks nothing.
     zeph_set_socket_dscp(0xFFFFFFFFu, 3, nullptr);
     uint32_t flow = 0;
     EXPECT_EQ(MORL_QOSAddSocketToFlow(0, udp.fd(), nullptr, 4, MORL_QOS_NON_ADAPTIVE_FLOW, &flow), 0);

@@ -1,6 +1,5 @@
-// The STUN service: the ICE table behind the MORL_Stun* exports, and its
-// Binding Requests judged by our codec, an independent decoder
-// (tests/stun_decode.py) and a real coturn.
+// The STUN service's ICE table and Binding Requests, judged by our codec, an
+// independent decoder and coturn. Runs on the test's threads.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -72,8 +71,7 @@ std::string Hex(const std::string& s) {
     return out;
 }
 
-// The independent decoder over all messages, in one process: one map of
-// its key=value words per message.
+// The independent decoder's key=value words, one map per message.
 std::vector<std::map<std::string, std::string>> Decode(const std::vector<Bytes>& msgs) {
     std::string cmd = "python3 " ZEPH_SOURCE_DIR "/tests/stun_decode.py";
     for (const auto& m : msgs) cmd += " " + Hex(std::string(m.begin(), m.end()));
@@ -89,10 +87,8 @@ std::vector<std::map<std::string, std::string>> Decode(const std::vector<Bytes>&
     return out;
 }
 
-// Usernames of 1 to 65 bytes, and usernames near the size limit, where an
-// attribute that would bring the message length to 236 or more is left out
-// and the packet stays whole below 256 bytes: all judged by the independent
-// decoder. (The private head is checked by the replayed build corpus.)
+// Usernames of 1 to 65 bytes and near the limit, where an attribute that would
+// bring the length to 236 or more is left out: judged by the independent decoder.
 TEST(StunPacket, IndependentDecoderAgrees) {
     const std::string U = "USERNAME", MI = "MESSAGE-INTEGRITY", FP = "FINGERPRINT", all = U + "," + MI + "," + FP;
     std::vector<Bytes> bare;
@@ -221,8 +217,7 @@ TEST(StunStore, SidesLookupsResultCodesAndNoPasswordInTheLog) {
     EXPECT_EQ(logs.count("Pw-7f3a9c1e"), 0) << logs.dump();
 }
 
-// Many threads set, build and clear a few keys: a build finds no key or a
-// whole packet whose USERNAME halves were each stored whole.
+// Concurrent set, build and clear: a build finds no key or a whole packet of whole halves.
 TEST(StunConcurrency, SetBuildAndClearFromManyThreads) {
     const std::string keys[] = {"stun_audio_1", "stun_audio_2", "stun_video_1", "stun_data_1"};
     std::atomic<int> built{0}, bad{0};

@@ -1,7 +1,5 @@
-// Passwords are overwritten before their memory goes back to the heap, on
-// every path that drops one. This program replaces the global allocation
-// functions: while the watch is on, every freed block is searched for the
-// test passwords, and a block that still holds one is a leaked secret.
+// Passwords are wiped before their memory goes back to the heap: the replaced
+// delete searches every freed block for them. Runs on the test's thread.
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -53,8 +51,7 @@ TEST(StunWipe, EveryPathThatDropsAPasswordWipesIt) {
     g_escape = std::make_shared<Unwiped>().get(); // freed at once; kept from being optimised away
     EXPECT_EQ(g_leaks.exchange(0), 2);
 
-    // Replaced by longer and shorter passwords, between the string's own
-    // room and heap buffers, in both directions.
+    // Replaced by longer and shorter passwords, across the string's own room and the heap.
     for (const char* key : {"wipe_a", "wipe_b"}) {
         for (int i : {0, 1, 2, 0, 2, 1}) {
             StunIceInfo info{}; // not through std::string: no copy of ours on the heap
@@ -66,8 +63,7 @@ TEST(StunWipe, EveryPathThatDropsAPasswordWipesIt) {
             ASSERT_EQ(MORL_StunBuildPacketOfFuzzyMatchKey("wipe", buf, &len), 0u);
         }
     }
-    // Cleared one by one, the whole table at once (as at exit), and a table
-    // of our own destroyed with its records.
+    // Cleared one by one, all at once (as at exit), and a destroyed table of our own.
     EXPECT_EQ(MORL_StunClearIceInfo("wipe_a"), 0u);
     StunManager::Instance().StunClearAll();
     EXPECT_EQ(StunManager::Instance().Size(), 0u); // dropped, not merely kept out of the watch

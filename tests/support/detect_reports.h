@@ -1,7 +1,5 @@
-// What the detections' callbacks hand over, kept for the test's thread: each
-// report with its arrival time and whether it came on the runtime's message
-// thread; and the checks that a finished detection gave everything back.
-// add() runs on the runtime's message thread, the rest on the test's.
+// Detection callback reports with arrival time and thread, and the check that a
+// finished detection gave everything back. add() runs on the message thread, the rest on the test's.
 #pragma once
 
 #include <dirent.h>

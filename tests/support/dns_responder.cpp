@@ -1,6 +1,5 @@
-// The tests' DNS server: one thread reads questions and writes answers with
-// a small DNS writer over the bounded byte writer. Runs on its own thread,
-// started and joined by the DnsResponder object.
+// The tests' DNS server over the bounded byte reader and writer. Runs on its
+// own thread, started and joined by the DnsResponder object.
 #include "dns_responder.h"
 
 #include <cctype>
@@ -55,10 +54,11 @@ bool read_question(const uint8_t* buf, size_t len, Question* q) {
     return true;
 }
 
-// The answer: the header, the question as asked, and `records` records of
-// `type` whose data is `rdata`.
-std::vector<uint8_t> write_answer(const uint8_t* query, const Question& q, uint16_t rcode, uint16_t type,
-                                  const void* rdata, uint16_t rdata_len, uint16_t records) {
+// The answer: the header, the question as asked, and a record of the
+// question's type holding `rdata` unless that is empty.
+std::vector<uint8_t> write_answer(const uint8_t* query, const Question& q, uint16_t rcode, const void* rdata,
+                                  uint16_t rdata_len) {
+    const uint16_t records = rdata_len > 0 ? 1 : 0;
     std::vector<uint8_t> out(kMaxPacket);
     zeph::ByteWriter w(out.data(), out.size());
     const uint16_t flags =
@@ -66,7 +66,7 @@ std::vector<uint8_t> write_answer(const uint8_t* query, const Question& q, uint1
     bool ok = w.put_be16(q.id) && w.put_be16(flags) && w.put_be16(1) && w.put_be16(records) && w.put_be16(0) &&
               w.put_be16(0) && w.put_bytes(query + kHeaderSize, q.question_end - kHeaderSize);
     for (uint16_t i = 0; ok && i < records; ++i) {
-        ok = w.put_be16(kPointerToQuestionName) && w.put_be16(type) && w.put_be16(kClassIn) &&
+        ok = w.put_be16(kPointerToQuestionName) && w.put_be16(q.type) && w.put_be16(kClassIn) &&
              w.put_be32(DnsResponder::kTtl) && w.put_be16(rdata_len) && w.put_bytes(rdata, rdata_len);
     }
     out.resize(ok ? w.size() : 0);
@@ -131,23 +131,13 @@ void DnsResponder::answer(const uint8_t* query, size_t len, const std::string& i
         auto it = table_.find(q.name);
         if (it != table_.end()) b = it->second;
     }
-    std::vector<uint8_t> packet;
+    if (b.kind == Kind::Silent) return;
     const uint8_t ipv6[kIpv6Size] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-    switch (b.kind) {
-    case Kind::Silent:
-        return;
-    case Kind::NxDomain:
-        packet = write_answer(query, q, kRcodeNxDomain, 0, nullptr, 0, 0);
-        break;
-    case Kind::AaaaOnly:
-        packet = q.type == kTypeAaaa ? write_answer(query, q, 0, kTypeAaaa, ipv6, kIpv6Size, 1)
-                                     : write_answer(query, q, 0, 0, nullptr, 0, 0);
-        break;
-    case Kind::Address:
-        packet = q.type == kTypeA ? write_answer(query, q, 0, kTypeA, &b.addr_be, sizeof b.addr_be, 1)
-                                  : write_answer(query, q, 0, 0, nullptr, 0, 0);
-        break;
-    }
+    const bool a = b.kind == Kind::Address && q.type == kTypeA;
+    const bool aaaa = b.kind == Kind::AaaaOnly && q.type == kTypeAaaa;
+    std::vector<uint8_t> packet = write_answer(query, q, b.kind == Kind::NxDomain ? kRcodeNxDomain : 0,
+                                               a ? static_cast<const void*>(&b.addr_be) : ipv6,
+                                               static_cast<uint16_t>(a ? sizeof b.addr_be : aaaa ? kIpv6Size : 0));
     if (!packet.empty()) {
         due_.push_back(Due{now_ms() + static_cast<uint64_t>(b.delay_ms), std::move(packet), ip, port});
     }

@@ -1,12 +1,6 @@
-// A DNS server of the tests' own on loopback UDP: it answers A and AAAA
-// questions from a table of names, each with one behaviour (an address, an
-// address after a delay, silence, NXDOMAIN, or only an IPv6 address), and
-// counts what it was asked. Its thread is started by the constructor and
-// joined by the destructor.
-//
-//   DnsResponder dns;                            // 127.0.0.1:<free port>
-//   dns.add("a.zeph.test", DnsResponder::address("10.1.2.3"));
-//   zeph_settings_set_dns_servers(dns.server().c_str());
+// A DNS server of the tests' own on loopback UDP answering from a table of
+// names (an address, maybe delayed, silence, NXDOMAIN or IPv6 only). Its own
+// thread, started by the constructor and joined by the destructor.
 #pragma once
 
 #include <atomic>
