@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -181,6 +182,11 @@ protected:
         m_start_time = start_time;
         m_freq_time = freq_time;
     }
+    // The start barrier of an event-driven detection: its start holds it for
+    // its whole run on the caller's thread, and each event the runtime
+    // delivers passes it first, so that no event overlaps the end of the start.
+    std::unique_lock<std::mutex> hold_start_barrier() { return std::unique_lock<std::mutex>(m_start_mutex); }
+    void pass_start_barrier() { std::lock_guard<std::mutex> passed(m_start_mutex); }
 
 public:
     DetectSockPtr m_sock;
@@ -196,4 +202,7 @@ protected:
     std::vector<uint32_t> m_sleep_precision;
     uint16_t m_cli_port = 0;
     uint32_t m_is_stun = 0;
+
+private:
+    std::mutex m_start_mutex;
 };

@@ -56,7 +56,7 @@ uint32_t DetectOptMultiSite::now_ms() { return nt_stored_time(static_cast<uint64
 
 uint32_t DetectOptMultiSite::start(const std::vector<OptSiteInfo>& sites, DetectOptNotify notify,
                                    std::shared_ptr<DetectOptMultiSite> self) {
-    std::lock_guard<std::mutex> barrier(m_start_mutex);
+    const auto barrier = hold_start_barrier();
     m_notify = notify;
     m_self = std::move(self);
     for (const OptSiteInfo& info : sites) {
@@ -143,8 +143,6 @@ void DetectOptMultiSite::set_detect_status(uint32_t status) {
 void DetectOptMultiSite::stop_dns() {
     for (; m_dns_groups > 0; --m_dns_groups) g_asyn_dns.stop_asyn_dns(this);
 }
-
-void DetectOptMultiSite::pass_start_barrier() { std::lock_guard<std::mutex> barrier(m_start_mutex); }
 
 void DetectOptMultiSite::recv_dns(const char* host, uint32_t addr) {
     pass_start_barrier();

@@ -114,9 +114,4 @@ private:
     uint32_t m_detect_status = OPT_STATUS_IDLE;
     uint32_t m_best_reported = 0;
     uint32_t m_dns_groups = 0; // look-up groups started and not yet stopped
-    // Held by `start` for its whole run: an event that the timer or the
-    // resolver delivers while `start` still works on the caller's thread
-    // waits for it (pass_start_barrier), so the two never overlap.
-    std::mutex m_start_mutex;
-    void pass_start_barrier();
 };

@@ -51,7 +51,7 @@ uint32_t DetectConnectivity::get_recv_msg_id() { return NET_TOOLS_MSG_CONNECTIVI
 
 int32_t DetectConnectivity::start(uint32_t num, std::shared_ptr<DetectConnectivity> self) {
     // Events wait here until this start has returned.
-    std::lock_guard<std::mutex> barrier(m_start_mutex);
+    const auto barrier = hold_start_barrier();
     m_num = num;
     m_control_timer = MORL_CreateRelTimerM(NetToolsTimerSave::timeout, MORL_TIMER_OWNED, "DetectConnectivity::start");
     if (m_control_timer == 0) {
@@ -71,8 +71,6 @@ int32_t DetectConnectivity::start(uint32_t num, std::shared_ptr<DetectConnectivi
     set_detect_status(unknown ? CONNECTIVITY_RESOLVING : CONNECTIVITY_DETECTING);
     return CONNECTIVITY_OK;
 }
-
-void DetectConnectivity::pass_start_barrier() { std::lock_guard<std::mutex> barrier(m_start_mutex); }
 
 void DetectConnectivity::arm(uint64_t timer, uint32_t delay) {
     if (delay == 0) return;

@@ -90,8 +90,6 @@ public:
     static uint32_t instances() { return s_instances.load(); }
 
 private:
-    // Waits until `start` has returned on the caller's thread.
-    void pass_start_barrier();
     // The target whose socket is `sock`, or null.
     ConnectivityTarget* find_target(const DetectSocket* sock);
     bool through_proxy(const ConnectivityTarget& target) const;
@@ -112,6 +110,5 @@ private:
     uint32_t m_first_resp_timeout = 1000;
     uint32_t m_send_interval = 300;
 
-    std::mutex m_start_mutex; // held by `start` for its whole run
     static std::atomic<uint32_t> s_instances;
 };
