@@ -1,6 +1,5 @@
-// Self-repair of the media transport: lost channels and media types come
-// back within the rate limit, a channel that cannot leaves the others
-// working, and a peer that pauses or goes away costs no packet or socket.
+// Self-repair of the media transport: lost channels and media types come back
+// within the rate limit; a dead channel or a paused peer costs no packet or socket.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -41,9 +40,7 @@ long ThreadCpuTicks(long tid)
     return utime + stime;
 }
 
-// The first repair is made at once, the next not within five seconds of it;
-// meanwhile sends fail inside, unheard, and the receive thread does not spin
-// on the hung-up socket.
+// Repairs at most once per five seconds; meanwhile sends fail unheard and the receive thread does not spin.
 TEST(MediaRecovery, LostChannelComesBackAtMostOncePerFiveSeconds)
 {
     MediaPeer peer;
@@ -155,10 +152,8 @@ size_t SocketsTo(uint16_t port)
 
 TEST(MediaRecovery, ChannelThatCannotConnectLeavesTrafficOnTheOthers)
 {
-    // Three connects fit in the queue of a listener that accepts nothing.
-    // When the handshakes cross, Linux can finish the fourth on our side and
-    // then drop its last step at the full queue: that channel counts as
-    // connected and what it is given dies with it. Such a set-up is made again.
+    // Three connects fit the queue; a fourth whose handshake crossed into the full queue
+    // counts as connected while its packets die: such a set-up is made again.
     std::unique_ptr<MediaSession> session;
     std::unique_ptr<BacklogListener> server;
     for (int attempt = 0; attempt < 5; ++attempt) {
@@ -223,9 +218,8 @@ std::vector<uint32_t> NumbersOnTheWire(const Bytes& wire, uint32_t type)
     return numbers;
 }
 
-// A peer that stops reading: the caller is refused, never blocked, another
-// media type's packets go out as soon as queued, and once the peer reads
-// again it gets every accepted packet, once, in order, on its one connection.
+// A peer that stops reading: the caller is refused, never blocked, other media types flow,
+// and once it reads again it gets every accepted packet, once, in order, on one connection.
 TEST(MediaRecovery, PeerThatPausesReadingHoldsBackOnlyItsMediaTypeAndLosesNothing)
 {
     BacklogListener stuck(4);
@@ -370,12 +364,6 @@ TEST(MediaRecovery, WithoutCallbacksPacketsAreDroppedAndRepairsStillHappen)
     sleep_ms(100);
     EXPECT_EQ(s.Stats(kVideo).recv.SuccessCount, 0u);
     ASSERT_EQ(MORL_MediaRegisterRecvCallback(s.id(), kVideo, &MediaSession::RecvCallback), 0);
-
-    ASSERT_EQ(s.Send(kVideo, 200, Body(8)), 0);
-    ASSERT_TRUE(wait_until([&] { return s.Stats(kVideo).readOnePktErrCount == 1; }, 3000));
-    EXPECT_EQ(MORL_MediaGetChannelBufSize(s.id(), kVideo), 0);
-    ASSERT_EQ(s.Send(kVideo, 2, Body(30, 1)), 0);
-    ASSERT_TRUE(s.WaitBody(kVideo, Body(30, 1)));
 
     MediaPeerBehaviour noisy;
     noisy.noiseBytes = 64;

@@ -1,6 +1,5 @@
-// Packets through the media transport: framing on the receive side, the
-// rotation over channels, the send ring under overload, the audio sort on
-// real connections, refusals from the path, and the counters of it all.
+// Packets through the media transport: receive framing, rotation over channels,
+// the send ring under overload, the audio sort, refusals and the counters.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -123,8 +122,7 @@ TEST(MediaTransportFraming, BadLengthAndNoiseAreSkippedToTheNextHead)
     EXPECT_EQ(q.s.Events(kVideo).back().errorCode, 10u) << "the dropped bytes";
 
     // Noise in front of a packet in one read: one run, one event, the packet.
-    Bytes noise(37);
-    for (size_t i = 0; i < noise.size(); ++i) noise[i] = uint8_t('a' + i % 26);
+    const Bytes noise(37, 'n');
     EXPECT_EQ(q.Feed(Cat({noise, Framed(3, kVideo, g3)})), 0);
     got = q.s.Received(kVideo);
     ASSERT_EQ(got.size(), 3u);
@@ -317,8 +315,8 @@ TEST(MediaTransportRecv, AudioEchoedOutOfOrderOverFourChannelsComesOutSorted)
     EXPECT_GE(channelsUsed, 3u);
 }
 
-// A refusal page before any packet is told; one after traffic is repaired unheard.
-TEST(MediaTransportRefusal, ToldBeforeTrafficAndRepairedSilentlyAfter)
+// A refusal page before any packet is told to the caller, and the packet still comes back.
+TEST(MediaTransportRefusal, ToldBeforeTraffic)
 {
     MediaPeer peer;
     ASSERT_TRUE(peer.start());
@@ -332,21 +330,6 @@ TEST(MediaTransportRefusal, ToldBeforeTrafficAndRepairedSilentlyAfter)
     EXPECT_EQ(s.EventCodeSum(kVideo, ZEPH_MEDIA_EVENT_REFUSED), 403u);
     ASSERT_TRUE(s.WaitBody(kVideo, Body(40, 1)));
     EXPECT_EQ(s.Channel(kVideo, 0)->reCreateChannelCount.load(), 0);
-
-
-    // A fresh session whose channel has carried a packet.
-    MediaSession t(2161);
-    ASSERT_TRUE(t.Open(kVideo, peer.port()));
-    ASSERT_EQ(t.Send(kVideo, 2, Body(40, 2)), 0);
-    ASSERT_TRUE(t.WaitBody(kVideo, Body(40, 2)));
-    ASSERT_TRUE(peer.setBehaviour(1, refuse));
-    ASSERT_EQ(t.Send(kVideo, 2, Body(40, 3)), 0);
-    ASSERT_TRUE(wait_until([&] { return peer.accepted() == 3 && t.Channel(kVideo, 0)->state == 2; }, 3000));
-    ASSERT_EQ(t.Send(kVideo, 2, Body(40, 4)), 0);
-    ASSERT_TRUE(t.WaitBody(kVideo, Body(40, 4)));
-    EXPECT_EQ((Figures{t.EventCount(kVideo, ZEPH_MEDIA_EVENT_REFUSED), uint64_t(t.Channel(kVideo, 0)->reCreateChannelCount),
-                       uint64_t(t.Info(kVideo)->reCreateChannelCount)}),
-              (Figures{0, 1, 1}));
 }
 
 } // namespace
