@@ -1,6 +1,5 @@
-// zeph-nettools as its users meet it: run as a process against peers on
-// loopback, judged by its exit status, its output and how fast it leaves.
-// JSON output is parsed by python3's json module, not by our own code.
+// zeph-nettools as its users meet it: a process against loopback peers, judged by its exit
+// status, its output (JSON parsed by python3, not by our code) and how fast it leaves.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -22,34 +21,19 @@ std::string endpoint(uint16_t port, const char* proto, const std::string& ip = "
 } // namespace
 
 TEST(Cli, BadArgumentsExitTwoWithOneLineAndHelpExitsZero) {
+    const std::string t = "127.0.0.1:80/tcp", six = "a,b,c,d,e,f";
+    std::vector<std::string> eight_groups = {"port", "a:1/tcp"};
+    for (int g = 1; g < 8; ++g) eight_groups.insert(eight_groups.end(), {"--group", "a:1/tcp"});
     const std::vector<std::vector<std::string>> bad = {
-        {},
-        {"frobnicate"},
-        {"port"},
-        {"port", "127.0.0.1:80/sctp"},
-        {"port", "127.0.0.1:0/tcp"},
-        {"port", "--group", "127.0.0.1:80/tcp"},
-        {"port", "a:1/tcp", "a:2/tcp", "a:3/tcp", "a:4/tcp", "a:5/tcp"},
-        {"port", "a:1/tcp", "--group", "a:1/tcp", "--group", "a:1/tcp", "--group", "a:1/tcp", "--group", "a:1/tcp",
-         "--group", "a:1/tcp", "--group", "a:1/tcp", "--group", "a:1/tcp"},
-        {"port", "--proxy", "127.0.0.1", "127.0.0.1:80/tcp"},
-        {"port", "--frobnicate", "127.0.0.1:80/tcp"},
-        {"net"},
-        {"net", "127.0.0.1:80/tcp", "127.0.0.1:81/tcp"},
-        {"net", "--servers", "a,b,c"},
-        {"net", "--servers", "a,b,c,d,e,f", "127.0.0.1:80/tcp"},
-        {"net", "--context", "5", "127.0.0.1:80/tcp"},
-        {"net", "--servers", "a,b,c,d,e,f", "--context", "x"},
-        {"demo", "--three"},
-        // Ports are digits only: no sign, no blank.
-        {"port", "127.0.0.1:+80/tcp"},
-        {"port", "127.0.0.1: 80/tcp"},
-        {"port", "--proxy", "127.0.0.1:+3128", "127.0.0.1:80/tcp"},
-        {"media", "--server", "127.0.0.1: 9000"},
-        // A context beyond 64 bits, or signed, is refused rather than wrapped.
-        {"net", "--servers", "a,b,c,d,e,f", "--context", "18446744073709551616"},
-        {"net", "--servers", "a,b,c,d,e,f", "--context", "-1"},
-    };
+        {}, {"frobnicate"}, {"port"}, {"port", "127.0.0.1:80/sctp"}, {"port", "127.0.0.1:0/tcp"},
+        {"port", "--group", t}, {"port", "a:1/tcp", "a:2/tcp", "a:3/tcp", "a:4/tcp", "a:5/tcp"}, eight_groups,
+        {"port", "--proxy", "127.0.0.1", t}, {"port", "--frobnicate", t}, {"net"}, {"net", t, "127.0.0.1:81/tcp"},
+        {"net", "--servers", "a,b,c"}, {"net", "--servers", six, t}, {"net", "--context", "5", t},
+        {"net", "--servers", six, "--context", "x"}, {"demo", "--three"},
+        // Ports are digits only (no sign, no blank); a context beyond 64 bits or signed is not wrapped.
+        {"port", "127.0.0.1:+80/tcp"}, {"port", "127.0.0.1: 80/tcp"}, {"port", "--proxy", "127.0.0.1:+3128", t},
+        {"media", "--server", "127.0.0.1: 9000"}, {"net", "--servers", six, "--context", "18446744073709551616"},
+        {"net", "--servers", six, "--context", "-1"}};
     expect_usage_errors(bad);
     for (const char* sub : {"port", "net", "demo"}) expect_help(sub);
     ToolRun v = run_tool({"--version"}, 5000);
@@ -57,9 +41,7 @@ TEST(Cli, BadArgumentsExitTwoWithOneLineAndHelpExitsZero) {
     EXPECT_EQ(v.out.rfind("zeph-nettools ", 0), 0u) << v.out;
 }
 
-// A proxy password is never shown: not for a bad value, not at the highest
-// verbosity, not when refused. curl's URL form and the short form both pass
-// the credentials on.
+// A proxy password is never shown (bad value, -vv, refused); curl's URL and the short form pass it on.
 TEST(Cli, ProxyPasswordIsNeverPrinted) {
     const std::string secret = "Pw0rdSecret";
     const std::vector<std::vector<std::string>> bad = {
@@ -121,8 +103,7 @@ TEST(Cli, PortJsonTellsOpenFromClosedInEveryGroup) {
         EXPECT_NE(t.out.find(text), std::string::npos) << text << " in\n" << t.out;
 }
 
-// The three-port code is decoded from real groups on the fixed ports: a
-// bare host stands for HOST:10002/udp, HOST:443/tcp, HOST:1124/tcp.
+// The three-port code from real groups on the fixed ports (a bare host: 10002/udp, 443/tcp, 1124/tcp).
 TEST(Cli, ThreePortDecodesTheBestGroup) {
     if (geteuid() != 0) GTEST_SKIP() << "ports 443 and 1124 need root";
     const auto mode = TcpListener::Mode::Close;
@@ -155,8 +136,7 @@ TEST(Cli, NetMeasuresUdpAgainstStunAndPlanReturnsContext) {
     EXPECT_GE(std::stoi(at(j, "0:average")), 1);
     EXPECT_LT(std::stoi(at(j, "0:qos")), 3);
 
-    // Unnamed servers: seven records, then level 3 after about 4 s; the tool
-    // waits for exactly that one, not for its deadline.
+    // Unnamed servers: seven records, then level 3 after about 4 s, not after the tool's deadline.
     ToolRun plan = run_tool({"net", "--json", "--servers", ",,,,,", "--context", "77"}, 40000);
     ASSERT_EQ(plan.code(), 0) << plan.what();
     ASSERT_EQ(plan.lines(), 8u) << plan.what();
@@ -175,13 +155,11 @@ TEST(Cli, DemoCompletesAndTheProcessLeavesRightAfterItsLastLine) {
     for (size_t i = 0; i < r.lines(); ++i) kinds[at(j, std::to_string(i) + ":kind")]++;
     EXPECT_EQ(kinds["\"any_port\""], 1) << r.out;
     EXPECT_GE(kinds["\"net\""], 3) << r.out;
-    // As root the fixed ports can be bound: three-port and the plan too,
-    // unless another program holds them (then the skip says so).
+    // As root three-port and the plan run too, unless their fixed ports are held (then a skip says so).
     const bool root = geteuid() == 0;
     EXPECT_TRUE(!root || r.err.find("skipped the three-port") != std::string::npos || kinds["\"three_port\""] == 1) << r.out;
     EXPECT_TRUE(!root || r.err.find("skipped the net detection plan") != std::string::npos || kinds["\"net\""] >= 8)
         << r.out;
-    // The library's threads (delayed frees, probes) still live after the last
-    // result; the process must not wait for them, nor crash on the way out.
+    // Library threads (delayed frees, probes) outlive the last result: the exit must not wait for them.
     EXPECT_LT(r.ended_ms - r.last_output_ms, 2000u) << r.what();
 }

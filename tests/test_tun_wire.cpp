@@ -24,8 +24,7 @@ constexpr uint16_t kEchoId = 0x7A11;
 TEST(TunWire, DelaysEachDirectionAndLogsTheRoundTrips) {
     REQUIRE_WIRE();
     TunWireConfig cfg;
-    cfg.a_to_b.delay_ms = kToB;
-    cfg.b_to_a.delay_ms = kToA;
+    cfg.a_to_b.delay_ms = kToB, cfg.b_to_a.delay_ms = kToA;
     TunWire wire(cfg);
     std::string error;
     ASSERT_EQ(wire.start(&error), 0) << error;
@@ -49,8 +48,7 @@ TEST(TunWire, DelaysEachDirectionAndLogsTheRoundTrips) {
     for (double measured : {connect_ms, echo_ms, stun_ms})
         EXPECT_TRUE(measured >= rtt && measured < rtt + kSlackMs) << measured;
 
-    // One request and its answer per protocol; the truth lies between the
-    // applied delays and what the plain client saw.
+    // One answered request per protocol, its truth between the applied delays and the client's figure.
     const std::vector<WireRecord> log = wire.take_log();
     const auto trips = zeph_wire::round_trips(log);
     const double measured[] = {connect_ms, echo_ms, stun_ms};
@@ -87,14 +85,12 @@ TEST(TunWire, LossDropsRequestsUntilTheImpairmentChanges) {
     EXPECT_LT(zeph_wire::plain_echo_ms(kAddrB, kEchoId, 1, kLostWaitMs), 0);
     auto trips = zeph_wire::round_trips(wire.take_log());
     ASSERT_EQ(trips.size(), 1u);
-    EXPECT_FALSE(trips[0].answered);
-    EXPECT_GE(wire.stats().a_to_b.dropped, 1u);
+    EXPECT_TRUE(!trips[0].answered && wire.stats().a_to_b.dropped >= 1u);
 
     wire.set_impairment({}, {});
     EXPECT_GE(zeph_wire::plain_echo_ms(kAddrB, kEchoId, 2, kTimeoutMs), 0);
     trips = zeph_wire::round_trips(wire.take_log());
-    ASSERT_EQ(trips.size(), 1u);
-    EXPECT_TRUE(trips[0].answered);
+    EXPECT_TRUE(trips.size() == 1u && trips[0].answered);
 }
 
 // A SYN sent again before its SYN-ACK is one handshake, timed from the first
@@ -102,14 +98,9 @@ TEST(TunWire, LossDropsRequestsUntilTheImpairmentChanges) {
 TEST(TunWire, RoundTripsCountARepeatedRequestOnceFromItsFirstCopy) {
     auto syn = [](bool a_to_b, double at, double delay, uint8_t flags, bool dropped = false) {
         WireRecord r;
-        r.at_ms = at;
-        r.a_to_b = a_to_b;
-        r.delay_ms = delay;
-        r.dropped = dropped;
-        r.info.proto = 6;
-        r.info.sport = a_to_b ? 40000 : 443;
-        r.info.dport = a_to_b ? 443 : 40000;
-        r.info.tcp_flags = flags;
+        r.at_ms = at, r.a_to_b = a_to_b, r.delay_ms = delay, r.dropped = dropped;
+        r.info.proto = 6, r.info.tcp_flags = flags;
+        r.info.sport = a_to_b ? 40000 : 443, r.info.dport = a_to_b ? 443 : 40000;
         return r;
     };
     constexpr uint8_t kSyn = 0x02, kSynAck = 0x12, kAck = 0x10;
@@ -122,8 +113,7 @@ TEST(TunWire, RoundTripsCountARepeatedRequestOnceFromItsFirstCopy) {
     };
     const auto trips = zeph_wire::round_trips(log);
     ASSERT_EQ(trips.size(), 1u);
-    EXPECT_TRUE(trips[0].answered);
-    EXPECT_DOUBLE_EQ(trips[0].truth_ms, 1011);
+    EXPECT_TRUE(trips[0].answered && trips[0].truth_ms == 1011) << trips[0].truth_ms;
 }
 
 } // namespace

@@ -20,8 +20,7 @@ using zeph_test::UdpSocket;
 
 namespace {
 
-// Wall-clock nanoseconds: the kernel stamps received datagrams with this
-// clock, so a late wake-up of the test thread does not count as delay.
+// Wall-clock ns, the kernel's receive stamp clock: a late wake-up of the test is no delay.
 int64_t ns_of(const timespec& ts) { return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec; }
 int64_t now_ns() {
     timespec ts{};
@@ -29,12 +28,10 @@ int64_t now_ns() {
     return ns_of(ts);
 }
 
-// One datagram of the exchange: sequence number, when the client sent it,
-// when the server saw it (filled by the server side).
+// One datagram: sequence number, when the client sent it, when the server saw it.
 struct Probe {
     uint32_t seq;
-    int64_t sent_ns;
-    int64_t server_ns;
+    int64_t sent_ns, server_ns;
 };
 
 // Receives one probe with the kernel's receive time in at_ns (now when missing).
@@ -85,8 +82,7 @@ struct Rig {
         }
     }
 
-    // Sends `count` probes every `spacing_us`, each answered back through the
-    // relay, until `quiet_ms` pass without traffic after the last send.
+    // Sends `count` probes every `spacing_us`, echoed back, until `quiet_ms` pass quietly.
     Exchange exchange(int count, int spacing_us, int quiet_ms = 100) {
         Exchange ex;
         int sent = 0;
@@ -124,8 +120,7 @@ struct Rig {
     }
 };
 
-// Quantiles, not mean and deviation: a loaded machine's late few drag a mean
-// but leave the middle where the relay put it.
+// Quantiles, not a mean: a loaded machine's late few drag a mean but not the middle.
 struct Summary {
     double min = 0, p25 = 0, median = 0, p75 = 0;
     double iqr() const { return p75 - p25; }
@@ -155,12 +150,9 @@ TEST(UdpRelayModel, NormalDrawsFollowTheirDistribution) {
         sq += d * d;
         lo = std::min(lo, d);
     }
-    const double mean = sum / kept;
-    EXPECT_NEAR(double(n - kept) / n, 0.25, 0.01);
-    EXPECT_NEAR(mean, 30, 0.1);
-    EXPECT_NEAR(std::sqrt(sq / kept - mean * mean), 4, 0.05);
-    EXPECT_LT(lo, 30 - 4 * 3.5); // tails exist
-    // Jitter larger than the delay never yields a negative delay.
+    const double mean = sum / kept, sd = std::sqrt(sq / kept - mean * mean);
+    EXPECT_TRUE(std::fabs(double(n - kept) / n - 0.25) < 0.01 && std::fabs(mean - 30) < 0.1) << kept << " " << mean;
+    EXPECT_TRUE(std::fabs(sd - 4) < 0.05 && lo < 30 - 4 * 3.5) << sd << " " << lo << ": tails exist";
     ImpairmentModel wide(Impairment{1, 20, 0}, JitterModel::Normal, 3);
     for (int i = 0; i < 10000; ++i) ASSERT_TRUE(wide.next(d) && d >= 0) << d;
 }
@@ -172,27 +164,22 @@ TEST(UdpRelay, DelaysSpreadAndLossMatchTheConfigurationPerDirection) {
     const auto st = rig.relay->stats();
 
     // The counters agree exactly with what the ends saw.
-    EXPECT_EQ(st.to_server_forwarded + st.to_server_dropped, uint64_t(count));
-    EXPECT_EQ(st.to_server_forwarded, ex.up_ms.size());
-    EXPECT_EQ(st.to_client_forwarded + st.to_client_dropped, ex.up_ms.size());
-    EXPECT_EQ(st.to_client_forwarded, ex.down_ms.size());
-
+    EXPECT_TRUE(st.to_server_forwarded + st.to_server_dropped == uint64_t(count) &&
+                st.to_server_forwarded == ex.up_ms.size() && st.to_client_forwarded == ex.down_ms.size() &&
+                st.to_client_forwarded + st.to_client_dropped == ex.up_ms.size());
     // Loss: 400 draws at 10 % have a standard deviation of 1.5 points.
     EXPECT_NEAR(1.0 - double(ex.up_ms.size()) / count, 0.10, 0.05);
     EXPECT_NEAR(1.0 - double(ex.down_ms.size()) / double(ex.up_ms.size()), 0.20, 0.07);
 
-    // Delays: never early; late only by scheduling. A busy machine only ever
-    // makes the relay late, so the bounds above the truth are the wider ones.
+    // Delays: never early; late only by scheduling, so the bounds above the truth are wider.
     Summary up = summarize(ex.up_ms), down = summarize(ex.down_ms);
     EXPECT_TRUE(up.min >= 15 - 0.2 && up.min < 16.5) << up.min << ": the low end of the jitter is used";
     EXPECT_TRUE(up.median > 20 - 0.7 && up.median < 20 + 2.0) << up.median;
-    // Uniform +-5 ms has quartiles at 17.5 and 22.5: no jitter gives an IQR
-    // near 0, a doubled one 10.
+    // Uniform +-5 ms: IQR 5 (none gives 0, doubled 10).
     EXPECT_TRUE(up.iqr() > 3.8 && up.iqr() < 7.5) << up.iqr();
     EXPECT_GE(down.min, 10 - 0.2);
     EXPECT_TRUE(down.median > 10 - 0.5 && down.median < 10 + 2.0) << down.median;
-    // Without jitter the spread is scheduling noise alone (a millisecond or
-    // two under a sanitizer); configured jitter of +-5 ms would give 5.
+    // Without jitter the spread is scheduling noise (1-2 ms under a sanitizer); +-5 ms would give 5.
     EXPECT_LT(down.iqr(), 2.5) << "no jitter was configured towards the client";
 }
 
@@ -226,8 +213,7 @@ TEST(UdpRelay, AnswersReachTheirOwnClientAndTheTableIsBounded) {
     UdpSocket a, b, c;
     auto word = [&](UdpSocket* s) { return s == &a ? "alpha" : s == &b ? "bravo" : "third"; };
     for (auto* s : {&a, &b, &a, &b, &c}) s->send_to(word(s), 5, "127.0.0.1", relay.port());
-    // The server echoes; each client must get back exactly its own words,
-    // the third one nothing: there is no room for it.
+    // Echoed: each client gets exactly its own words, the third nothing (no room for it).
     char buf[64];
     for (int i = 0; i < 4; ++i) {
         std::string ip;
