@@ -53,21 +53,11 @@ bool wait_report(uint32_t num, Seen& out, int timeout_ms = 8000) {
 
 ConnectivitySite site(const std::string& addr, uint16_t port, uint8_t protocol, uint8_t detect_type = 0,
                       uint8_t no_proxy = 0) {
-    ConnectivitySite s;
-    s.addr = addr;
-    s.port = port;
-    s.protocol = protocol;
-    s.detect_type = detect_type;
-    s.no_proxy = no_proxy;
-    return s;
+    return ConnectivitySite{port, protocol, no_proxy, detect_type, 0, 0, addr};
 }
 
 ConnectivityDetectInfo info_of(uint32_t num, std::vector<ConnectivitySite> sites) {
-    ConnectivityDetectInfo info;
-    info.num = num;
-    info.notify = on_result;
-    info.sites = std::move(sites);
-    return info;
+    return ConnectivityDetectInfo{num, on_result, std::move(sites)};
 }
 
 std::string opens(const ConnectivityResult& r) {

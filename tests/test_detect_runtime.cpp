@@ -42,36 +42,31 @@ public:
     uint32_t get_recv_msg_id() override { return NET_TOOLS_MSG_CONNECTIVITY_RECV; }
     void recv_pkt(const uint8_t* data, uint32_t len, std::shared_ptr<DetectSocket>,
                   std::shared_ptr<DetectBase>) override {
-        std::lock_guard<std::mutex> g(mu);
-        packets.emplace_back(reinterpret_cast<const char*>(data), len);
-        off_thread += !NetToolsMsg::on_message_thread();
+        note(packets, std::string(reinterpret_cast<const char*>(data), len));
     }
     void recv_timeout(uint64_t timer) override {
-        {
-            std::lock_guard<std::mutex> g(mu);
-            timeouts.push_back(timer);
-            off_thread += !NetToolsMsg::on_message_thread();
-        }
+        note(timeouts, std::to_string(timer));
         if (on_timeout) on_timeout(timer);
     }
-    void recv_dns(const char* host, uint32_t addr) override {
+    void recv_dns(const char* host, uint32_t) override { note(answers, host); }
+    // How many times `what` came in `list`, or how many came at all.
+    size_t count(const std::vector<std::string>& list, const std::string& what = "") {
         std::lock_guard<std::mutex> g(mu);
-        answers.emplace_back(host, addr);
-        off_thread += !NetToolsMsg::on_message_thread();
+        return what.empty() ? list.size() : size_t(std::count(list.begin(), list.end(), what));
     }
-    size_t count_packets() { std::lock_guard<std::mutex> g(mu); return packets.size(); }
-    size_t count_timeouts(uint64_t t) {
-        std::lock_guard<std::mutex> g(mu);
-        return size_t(std::count(timeouts.begin(), timeouts.end(), t));
-    }
-    size_t count_answers() { std::lock_guard<std::mutex> g(mu); return answers.size(); }
+    size_t count_timeouts(uint64_t t) { return count(timeouts, std::to_string(t)); }
 
     std::mutex mu;
-    std::vector<std::string> packets;
-    std::vector<uint64_t> timeouts;
-    std::vector<std::pair<std::string, uint32_t>> answers;
+    std::vector<std::string> packets, timeouts, answers;
     int off_thread = 0;
     std::function<void(uint64_t)> on_timeout;
+
+private:
+    void note(std::vector<std::string>& list, const std::string& what) {
+        std::lock_guard<std::mutex> g(mu);
+        list.push_back(what);
+        off_thread += !NetToolsMsg::on_message_thread();
+    }
 };
 
 // A UDP socket connected to the peer, not yet in the table.
@@ -140,7 +135,7 @@ TEST(RuntimeLife, InitTwiceUninitReinitKeepsOneReceiveThread) {
     uint16_t port = 0;
     ASSERT_TRUE(learn_port(*sock, peer, &port));
     peer.send_to("x", 1, "127.0.0.1", port);
-    EXPECT_TRUE(wait_until([&] { return det->count_packets() == 1; }, 3000));
+    EXPECT_TRUE(wait_until([&] { return det->count(det->packets) == 1; }, 3000));
     EXPECT_EQ(0, zeph_net_tools_uninit());
     EXPECT_EQ(0, threads_named(kRecvThread));
     EXPECT_EQ(0u, g_net_tools_msg.table_size()); // the stop released the table
@@ -209,7 +204,7 @@ TEST_F(Runtime, DnsAnswersAfterAStopOrTheDetectionsEndReachNobody) {
     ended.reset();
     EXPECT_TRUE(ended_weak.expired());
     EXPECT_TRUE(wait_until([&] { return log.count("No detect found for") >= 2; }, 5000)) << log.dump();
-    EXPECT_EQ(0u, stopped->count_answers());
+    EXPECT_EQ(0u, stopped->count(stopped->answers));
     g_asyn_dns.stop_asyn_dns(stopped.get());
     EXPECT_EQ(0u, g_asyn_dns.size());
 }
@@ -231,7 +226,7 @@ TEST_F(Runtime, PacketsInOrderUntilFreedAndALateFreeLeavesTheEntryOfAReusedDescr
     peer.send_to("a", 1, "127.0.0.1", port);
     peer.send_to("bb", 2, "127.0.0.1", port);
     peer.send_to("ccc", 3, "127.0.0.1", port);
-    ASSERT_TRUE(wait_until([&] { return a->count_packets() >= 3; }, 3000)) << log.dump();
+    ASSERT_TRUE(wait_until([&] { return a->count(a->packets) >= 3; }, 3000)) << log.dump();
     sleep_ms(50);
     {
         std::lock_guard<std::mutex> g(a->mu);
@@ -243,7 +238,7 @@ TEST_F(Runtime, PacketsInOrderUntilFreedAndALateFreeLeavesTheEntryOfAReusedDescr
     ASSERT_TRUE(wait_until([&] { return g_net_tools_msg.table_size() == 0; }, 3000));
     peer.send_to("late", 4, "127.0.0.1", port);
     sleep_ms(100);
-    EXPECT_EQ(3u, a->count_packets());
+    EXPECT_EQ(3u, a->count(a->packets));
     EXPECT_EQ(1, sock_a.use_count()) << "the table let go of the socket";
     EXPECT_EQ(2, a_base.use_count()) << "and of the detection";
     sock_a.reset(); // the last holder closes the descriptor: its number is free again
@@ -267,9 +262,9 @@ TEST_F(Runtime, PacketsInOrderUntilFreedAndALateFreeLeavesTheEntryOfAReusedDescr
     ASSERT_EQ(0u, post_free_sockets(a.get(), &fd, 1));
     ASSERT_TRUE(learn_port(*sock_b, peer, &port));
     peer.send_to("b", 1, "127.0.0.1", port);
-    EXPECT_TRUE(wait_until([&] { return b->count_packets() == 1; }, 3000));
+    EXPECT_TRUE(wait_until([&] { return b->count(b->packets) == 1; }, 3000));
     EXPECT_EQ(1u, g_net_tools_msg.table_size());
-    EXPECT_EQ(3u, a->count_packets());
+    EXPECT_EQ(3u, a->count(a->packets));
     ASSERT_EQ(0u, post_free_sockets(b.get(), &fd, 1));
     EXPECT_TRUE(wait_until([&] { return g_net_tools_msg.table_size() == 0; }, 3000));
 }

@@ -251,14 +251,6 @@ TEST(DetectSocketTcp, TheConnectIsTheProbeDirectOrToTheProxy) {
     int err = 0, len = sizeof err;
     EXPECT_EQ(MORL_GetSockOpt(refused->get_fd(), MORL_SOL_SOCKET, MORL_SO_ERROR, &err, &len), 0);
     EXPECT_EQ(err, MORL_WSAECONNREFUSED);
-
-    // With a proxy address the connect goes to the proxy, not the destination.
-    auto proxied = made<DetectSocketTCP>("tcp");
-    proxied->set_dest_addr(kLoopback, zeph_test::closed_tcp_port());
-    proxied->set_proxy_addr(kLoopback, listener.port());
-    ASSERT_TRUE(proxied->create());
-    proxied->send_buf(1);
-    EXPECT_TRUE(listener.wait_accepts(2, kRecvWaitMs));
 }
 
 std::shared_ptr<DetectSocketTCP> bound_tcp(int start = -1) {

@@ -60,15 +60,7 @@ std::vector<Report> reports_of(const std::string& first_name) {
 }
 
 OptSiteInfo site(const std::string& name, const std::string& addr, uint16_t port, uint16_t category = 0) {
-    OptSiteInfo s;
-    s.name = name;
-    s.nodeName = "node-" + name;
-    s.addr = addr;
-    s.port = port;
-    s.category_delay = category;
-    s.delay = 7; // not read
-    s.discard = 7;
-    return s;
+    return OptSiteInfo{name, "node-" + name, addr, port, category, 7, 7}; // delay and discard are not read
 }
 
 // "name/category_delay" of each row.
