@@ -1,6 +1,4 @@
-// The media peer against plain TCP clients: what it echoes and what it
-// counts of a raw stream. The transport tests drive its misbehaviours (noise,
-// refusal pages) end to end.
+// The media peer against plain TCP clients: what it echoes and counts of a raw stream.
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -11,15 +9,15 @@
 
 #include <gtest/gtest.h>
 
-#include "inc/byte_io.h"
-#include "inc/stun_wire.h"
+#include "media_harness.h"
 #include "media_peer.h"
 #include "mediaSocket/PrivateHead.h"
 #include "peers.h"
 
 using zeph_peers::MediaPeer;
+using zeph_test::Bytes;
+using zeph_test::Framed;
 using zeph_test::wait_until;
-using Bytes = std::vector<uint8_t>;
 
 namespace {
 
@@ -40,13 +38,6 @@ struct Client {
     }
 };
 
-Bytes Packet(uint8_t pktType, uint8_t mediaType, uint32_t seq, size_t bodyLen, uint8_t fill = 0x5A)
-{
-    Bytes p(kPrivateHeadSize + bodyLen, fill);
-    BuildPrivateHead(pktType, mediaType, 7, seq, uint32_t(bodyLen), p.data());
-    return p;
-}
-
 void Append(Bytes& to, const Bytes& what) { to.insert(to.end(), what.begin(), what.end()); }
 
 } // namespace
@@ -61,20 +52,15 @@ TEST(MediaPeer, EchoesWholePacketsAndSkipsWhatIsNoPacket)
     // Packets of every size come back whole and in order however the stream
     // is cut; an unframed STUN request, a head longer than any packet and
     // stray bytes are skipped, never echoed.
-    Bytes stun(zeph::stun::kHeaderSize + 8, 0), bad = Packet(0, 1, 9, 0);
-    zeph::ByteWriter w(stun.data(), stun.size());
-    zeph::stun::Header h;
-    h.type = zeph::stun::kBindingRequest;
-    h.length = 8;
-    zeph::stun::write_header(w, h);
-    bad[12] = 0x0F; // head_Len 4000
-    bad[13] = 0xA0;
+    Bytes stun{0x00, 0x01, 0x00, 0x08, 0x21, 0x12, 0xA4, 0x42}, bad(kPrivateHeadSize);
+    stun.resize(stun.size() + 12 + 8); // transaction id, 8 bytes of attributes
+    BuildPrivateHead(0, 1, 7, 9, 4000 - kPrivateHeadSize, bad.data()); // head_Len 4000
     const Bytes junk = {'a', 'b', 'c', 0xFF, 0x03};
     std::mt19937 rng(12345);
     Bytes stream, expected;
     for (uint32_t i = 0; i < 40; ++i) {
         const size_t body = i == 0 ? 0 : i == 1 ? size_t(kMaxMediaBodySize) : rng() % 600;
-        const Bytes p = Packet(uint8_t(i % 5), uint8_t(i % 5), i + 1, body, uint8_t(i));
+        const Bytes p = Framed(i % 5, i % 5, Bytes(body, uint8_t(i)), 7, i + 1);
         if (i == 20) {
             Append(stream, stun);
             Append(stream, bad);
@@ -100,7 +86,7 @@ TEST(MediaPeer, StopsWhileEchoesBackUpToAClientThatReadsNothing)
     MediaPeer peer;
     ASSERT_TRUE(peer.start());
     Client c(peer.port());
-    const Bytes p = Packet(0, 0, 1, kMaxMediaBodySize);
+    const Bytes p = Framed(0, 0, Bytes(kMaxMediaBodySize, 0x5A));
     for (int wouldBlock = 0; wouldBlock < 20;) {
         if (::send(c.fd, p.data(), p.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
             ++wouldBlock;

@@ -1,5 +1,4 @@
-// The audio sort, alone and under a flood of invented SSRCs end to end, and
-// the caller's statistics record.
+// The audio sort, alone and under a flood of forged SSRCs; the caller's statistics record.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -198,9 +197,8 @@ long ResidentBytes()
     return resident * sysconf(_SC_PAGESIZE);
 }
 
-// The peer echoes a real audio stream sent over four channels and, before
-// each echoed packet, sends 20 packets of new SSRCs, two each with a gap, so
-// that the sort would hold one packet per forged SSRC: nearly 40 000 of them.
+// Before each echo of a real stream the peer sends 20 new SSRCs, two packets each with a gap:
+// unbounded, the sort would hold one packet per forged SSRC, nearly 40 000 of them.
 TEST(MediaSortFlood, ForgedSsrcsCostBoundedMemoryAndTheRealStreamArrivesInOrder)
 {
     constexpr uint32_t kFloodPerPacket = 20;

@@ -4,13 +4,15 @@
 
 #include <numeric>
 
+#include "media_harness.h"
 #include "mediaSocket/PrivateHead.h"
 #include "mediaSocket/RingBuffer.h"
 #include "zeph_nettools/media_socket.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using zeph_test::Bytes;
+using zeph_test::Framed;
 
 Bytes Count(size_t n, uint8_t first = 1)
 {
@@ -19,12 +21,6 @@ Bytes Count(size_t n, uint8_t first = 1)
     return v;
 }
 
-Bytes Packet(uint8_t pktType, uint8_t mediaType, uint32_t bodyLen)
-{
-    Bytes p(kPrivateHeadSize + bodyLen, 0x5A);
-    BuildPrivateHead(pktType, mediaType, 0, 0, bodyLen, p.data());
-    return p;
-}
 
 int32_t Put(RingBuffer& ring, const Bytes& b) { return ring.Write(b.data(), static_cast<int32_t>(b.size())); }
 
@@ -45,7 +41,7 @@ TEST(RingBuffer, FifoAcrossTheEndOfStorageAndWithout)
     // Without storage (its allocation failed) a ring stores and yields nothing.
     RingBuffer none(0);
     int32_t size = 16;
-    EXPECT_EQ(Put(none, Packet(0, 1, 4)) + none.Read(out.data(), 16) + none.Skip(9) + none.IsPrivateHead(), 0);
+    EXPECT_EQ(Put(none, Framed(0, 1, Bytes(4))) + none.Read(out.data(), 16) + none.Skip(9) + none.IsPrivateHead(), 0);
     EXPECT_EQ(none.SkipToPrivateHead(out.data(), &size), RingBuffer::kNoHead);
     EXPECT_EQ(none.ReadPacket(out.data(), 16) + size, MEDIA_SOCKET_ERRCODE_FAILED);
 }
@@ -62,7 +58,7 @@ TEST(RingBuffer, HuntForHeadAndReadPacket)
 
     // 100 bytes of noise, then a head: 64 of them captured, all dropped.
     ring.Clear();
-    const Bytes noise = Count(100), packet = Packet(128, 0, 8);
+    const Bytes noise = Count(100), packet = Framed(128, 0, Bytes(8, 0x5A));
     Put(ring, noise);
     Put(ring, packet);
     size = 64;
@@ -75,7 +71,7 @@ TEST(RingBuffer, HuntForHeadAndReadPacket)
 
     // head_Len 15 or 2049: the head is consumed and the next call finds the packet behind it.
     for (uint32_t body : {0xFFFFFFFFu, 2033u}) {
-        Bytes bad = Packet(0, 0, 0);
+        Bytes bad(kPrivateHeadSize);
         BuildPrivateHead(0, 0, 0, 0, body, bad.data());
         Put(ring, bad);
         Put(ring, packet);
@@ -84,7 +80,7 @@ TEST(RingBuffer, HuntForHeadAndReadPacket)
     }
     // The largest packet fits a destination of exactly its size; one byte
     // less fails with the body left behind.
-    const Bytes largest = Packet(0, 1, kMaxMediaBodySize);
+    const Bytes largest = Framed(0, 1, Bytes(kMaxMediaBodySize, 0x5A));
     Put(ring, largest);
     Put(ring, largest);
     EXPECT_EQ(ring.ReadPacket(out.data(), 2048), 2048);
