@@ -1,6 +1,5 @@
-// The media transport against hostile peers and bad input: unframeable
-// bodies, garbage floods, used-up descriptors, repeated connects, a refusal
-// mid-connect, and sessions that must not hold each other up.
+// The media transport against hostile peers and bad input: unframeable bodies, garbage floods,
+// used-up descriptors, repeated connects, a refusal mid-connect, sessions holding each other up.
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -51,8 +50,8 @@ TEST(MediaHostileInput, BodiesTheHeadCannotFrameAreRefusedAndSmuggleNothing)
               (Figures{2048, 16, 7, 0}));
 }
 
-// A server that floods garbage, or repeats its refusal page: every dropped
-// byte is told, but in a few events and log lines, not one per run.
+// Garbage or repeated refusal pages: every dropped byte is told, in a few events and lines, not one per run;
+// a refusal before any traffic is told with its status, and the packet behind it still arrives.
 TEST(MediaHostilePeer, GarbageAndRepeatedRefusalPagesAreReportedThinly)
 {
     BacklogListener garbage(1), refusals(1);
@@ -81,11 +80,16 @@ TEST(MediaHostilePeer, GarbageAndRepeatedRefusalPagesAreReportedThinly)
     std::string pages;
     while (pages.size() < 100000) pages += page;
     ASSERT_TRUE(send_all(refusals.connections()[0], pages.data(), pages.size()));
+    const Bytes behind = Framed(2, kVideo, Body(40, 1));
+    ASSERT_TRUE(send_all(refusals.connections()[0], behind.data(), behind.size()));
     ASSERT_TRUE(t.WaitEvent(kVideo, ZEPH_MEDIA_EVENT_REFUSED, 3000));
     // About fifty 2048-byte runs were examined, each holding the refusal.
     ASSERT_TRUE(wait_until([&] { return t.Stats(kVideo).dataLoss >= 40; }, 3000)) << t.Stats(kVideo).dataLoss;
     EXPECT_LE(t.EventCount(kVideo, ZEPH_MEDIA_EVENT_REFUSED), 2u);
+    EXPECT_EQ(t.EventCodeSum(kVideo, ZEPH_MEDIA_EVENT_REFUSED), 403u * t.EventCount(kVideo, ZEPH_MEDIA_EVENT_REFUSED));
     EXPECT_LE(MediaLog::Count({"CheckDirtyData reason: [403 forbidden]"}), 2);
+    EXPECT_TRUE(t.WaitBody(kVideo, Body(40, 1)));
+    EXPECT_EQ(t.Channel(kVideo, 0)->reCreateChannelCount.load(), 0);
 }
 
 TEST(MediaHostileInput, NoDescriptorsLeftFailsTheCreateAndKeepsNoSession)
@@ -93,8 +97,7 @@ TEST(MediaHostileInput, NoDescriptorsLeftFailsTheCreateAndKeepsNoSession)
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the address sanitizer's runtime needs descriptors of its own";
 #endif
-    // In a child process that runs this test afresh, so that no thread of an
-    // earlier test holds a lock across the fork; its descriptor limit stays there.
+    // A child that runs this test afresh: no earlier test's thread holds a lock across the fork.
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto body = [] {
         rlimit lim{64, 64};
@@ -110,8 +113,7 @@ TEST(MediaHostileInput, NoDescriptorsLeftFailsTheCreateAndKeepsNoSession)
                 return int(probe.size()) == n;
             }, 3000);
         };
-        // A session needs a descriptor (the receive thread's wake) besides
-        // its sockets: one free is not enough for one socket...
+        // A session needs a descriptor (the receive thread's wake) besides its sockets: one free is too few...
         ::close(held.back());
         held.pop_back();
         if (MORL_MediaCreateSocket(4121, kVideo, 1) != MEDIA_SOCKET_ERRCODE_CREATE_SOCKET) return 15;

@@ -1,5 +1,5 @@
 // Packets through the media transport: receive framing, rotation over channels,
-// the send ring under overload, the audio sort, refusals and the counters.
+// the send ring under overload, the audio sort and the counters.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -16,7 +16,6 @@ namespace {
 
 using namespace zeph_test;
 using zeph_peers::MediaPeer;
-using zeph_peers::MediaPeerBehaviour;
 using zeph_peers::MediaPeerMode;
 
 Bytes Cat(std::initializer_list<Bytes> parts)
@@ -313,23 +312,6 @@ TEST(MediaTransportRecv, AudioEchoedOutOfOrderOverFourChannelsComesOutSorted)
     size_t channelsUsed = 0;
     for (size_t c = 0; c < 4; ++c) channelsUsed += s.Channel(kAudio, c)->stats.recv.Get(PacketCounters::SuccessCount) > 0;
     EXPECT_GE(channelsUsed, 3u);
-}
-
-// A refusal page before any packet is told to the caller, and the packet still comes back.
-TEST(MediaTransportRefusal, ToldBeforeTraffic)
-{
-    MediaPeer peer;
-    ASSERT_TRUE(peer.start());
-    MediaPeerBehaviour refuse;
-    refuse.forbidden = MediaPeerBehaviour::Forbidden::BeforeEcho;
-    peer.setNextBehaviour(refuse);
-    MediaSession s(2151);
-    ASSERT_TRUE(s.Open(kVideo, peer.port()));
-    ASSERT_EQ(s.Send(kVideo, 2, Body(40, 1)), 0);
-    ASSERT_TRUE(s.WaitEvent(kVideo, ZEPH_MEDIA_EVENT_REFUSED));
-    EXPECT_EQ(s.EventCodeSum(kVideo, ZEPH_MEDIA_EVENT_REFUSED), 403u);
-    ASSERT_TRUE(s.WaitBody(kVideo, Body(40, 1)));
-    EXPECT_EQ(s.Channel(kVideo, 0)->reCreateChannelCount.load(), 0);
 }
 
 } // namespace
