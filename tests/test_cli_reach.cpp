@@ -1,5 +1,4 @@
-// zeph-nettools reach run as a process against peers on loopback: its
-// refusals, its JSON rows (parsed by python3's json module) and its table.
+// zeph-nettools reach run as a process against peers on loopback. Runs on the test's thread.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,22 +18,7 @@ std::string target(uint16_t port, const std::string& proto) {
 
 } // namespace
 
-TEST(CliReach, BadArgumentsExitTwoWithOneLineAndHelpExitsZero) {
-    std::vector<std::string> seventeen = {"reach"};
-    for (int i = 1; i <= 17; ++i) seventeen.push_back("127.0.0.1:" + std::to_string(i) + "/udp");
-    expect_usage_errors({
-        {"reach"}, {"reach", "127.0.0.1:80"}, {"reach", "127.0.0.1:0/udp"}, {"reach", "127.0.0.1:80/sctp"},
-        {"reach", "127.0.0.1:80/tcp:nps"}, {"reach", "127.0.0.1:80/udp:direct"}, {"reach", "127.0.0.1:80/udp:"},
-        {"reach", "127.0.0.1/icmp:stun"},
-        {"reach", "127.0.0.1:80/udp:ice"}, // no credentials
-        {"reach", "--ice-local", "nocolon", "--ice-remote", "a:b", "127.0.0.1:80/udp:ice"},
-        {"reach", "--ice-local", "a:b"}, {"reach", "bad\thost:80/udp"}, {"reach", "--frobnicate", "127.0.0.1:80/udp"},
-        seventeen,
-    });
-    expect_help("reach");
-}
-
-TEST(CliReach, JsonRowsCarryTheRecordAndTheTableTellsOpenFromClosed) {
+TEST(CliReach, JsonRowsCarryTheRecordTheTableTellsOpenFromClosedAndBadArgumentsExitTwo) {
     zeph_peers::StunResponder stun;
     ASSERT_TRUE(stun.start());
     TcpListener listener;
@@ -71,4 +55,15 @@ TEST(CliReach, JsonRowsCarryTheRecordAndTheTableTellsOpenFromClosed) {
     EXPECT_NE(t.out.find("open"), std::string::npos) << t.out;
     EXPECT_NE(t.out.find("closed"), std::string::npos) << t.out;
     EXPECT_TRUE(t.err.empty()) << t.what();
+
+    std::vector<std::string> seventeen = {"reach"};
+    for (int i = 1; i <= 17; ++i) seventeen.push_back(target(uint16_t(i), "udp"));
+    expect_usage_errors({
+        {"reach"}, {"reach", "127.0.0.1:80"}, {"reach", "127.0.0.1:0/udp"}, {"reach", "127.0.0.1:80/sctp"},
+        {"reach", "127.0.0.1:80/tcp:nps"}, {"reach", "127.0.0.1:80/udp:direct"}, {"reach", "127.0.0.1:80/udp:"},
+        {"reach", "127.0.0.1/icmp:stun"}, {"reach", "127.0.0.1:80/udp:ice"}, // no credentials
+        {"reach", "--ice-local", "nocolon", "--ice-remote", "a:b", "127.0.0.1:80/udp:ice"},
+        {"reach", "--ice-local", "a:b"}, {"reach", "bad\thost:80/udp"}, {"reach", "--frobnicate", "127.0.0.1:80/udp"},
+        seventeen});
+    expect_help("reach");
 }

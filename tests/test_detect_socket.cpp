@@ -96,7 +96,7 @@ TEST(DetectSocketCreate, EachTransportByItsKeyNeedsAnAddressAndPortAndClosesWith
     EXPECT_EQ(MORL_GetSockOpt(fd, MORL_SOL_SOCKET, MORL_SO_TYPE, &type, &len), -1) << "still open";
 }
 
-TEST(DetectSocketWire, StunBindingRequestAndItsAnswer) {
+TEST(DetectSocketWire, StunBindingRequestAndNpsProbeAndTheirAnswers) {
     UdpSocket peer;
     ASSERT_TRUE(peer.ok());
     auto sock = udp_probe(DETECT_PROTO_STUN, peer);
@@ -129,13 +129,9 @@ TEST(DetectSocketWire, StunBindingRequestAndItsAnswer) {
     unknown->send_buf(1);
     EXPECT_TRUE(capture(peer, kSilenceMs).empty());
     EXPECT_EQ(unknown->get_recv_seq(Bytes(20, 0xAB).data(), 20), 0u);
-}
 
-TEST(DetectSocketWire, NpsProbeCarriesThePrivateHeadAndZeros) {
-    UdpSocket peer;
-    ASSERT_TRUE(peer.ok());
-    auto sock = udp_probe(DETECT_PROTO_STUN_CUSTOM, peer);
-
+    // The NPS probe: the private head, then zeros.
+    sock = udp_probe(DETECT_PROTO_STUN_CUSTOM, peer);
     const int64_t before = sock->get_runtime_current();
     sock->send_buf(77);
     Bytes p = capture(peer);
@@ -158,8 +154,8 @@ TEST(DetectSocketWire, NpsProbeCarriesThePrivateHeadAndZeros) {
     EXPECT_FALSE(be16(&q[2]) == nonce && be32(&q[20]) == session)
         << "nonce and session are drawn afresh for each probe";
 
-    const Bytes got = answer_through(*sock, peer, q);
-    EXPECT_EQ(sock->get_recv_seq(got.data(), int32_t(got.size())), 78u);
+    const Bytes echoed = answer_through(*sock, peer, q);
+    EXPECT_EQ(sock->get_recv_seq(echoed.data(), int32_t(echoed.size())), 78u);
 }
 
 TEST(DetectSocketWire, IceCheckIsTheStunServicesPacketForTheAudioKeyAndNothingWithoutIt) {

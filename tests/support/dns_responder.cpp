@@ -36,9 +36,8 @@ bool read_question(const uint8_t* buf, size_t len, Question* q) {
     zeph::ByteReader r(buf, len);
     uint16_t qdcount = 0;
     if (!r.get_be16(q->id) || !r.get_be16(q->flags) || !r.get_be16(qdcount) || qdcount != 1 ||
-        !r.skip(kHeaderSize - 6)) {
+        !r.skip(kHeaderSize - 6))
         return false;
-    }
     for (;;) {
         uint8_t n = 0;
         if (!r.get_u8(n) || (n & kLabelPointerBits) != 0) return false;
@@ -80,9 +79,7 @@ std::string type_text(uint16_t type) {
 } // namespace
 
 DnsResponder::DnsResponder(const std::string& ip) : ip_(ip), sock_(ip, 0) {
-    if (sock_.ok()) {
-        thread_ = std::thread([this] { run(); });
-    }
+    if (sock_.ok()) thread_ = std::thread([this] { run(); });
 }
 
 DnsResponder::~DnsResponder() {
@@ -111,12 +108,9 @@ void DnsResponder::run() {
         if (n > 0) answer(buf, static_cast<size_t>(n), ip, port);
         const uint64_t now = now_ms();
         for (auto it = due_.begin(); it != due_.end();) {
-            if (it->at_ms <= now) {
-                sock_.send_to(it->packet.data(), it->packet.size(), it->ip, it->port);
-                it = due_.erase(it);
-            } else {
-                ++it;
-            }
+            if (it->at_ms > now) { ++it; continue; }
+            sock_.send_to(it->packet.data(), it->packet.size(), it->ip, it->port);
+            it = due_.erase(it);
         }
     }
 }
@@ -138,9 +132,7 @@ void DnsResponder::answer(const uint8_t* query, size_t len, const std::string& i
     std::vector<uint8_t> packet = write_answer(query, q, b.kind == Kind::NxDomain ? kRcodeNxDomain : 0,
                                                a ? static_cast<const void*>(&b.addr_be) : ipv6,
                                                static_cast<uint16_t>(a ? sizeof b.addr_be : aaaa ? kIpv6Size : 0));
-    if (!packet.empty()) {
-        due_.push_back(Due{now_ms() + static_cast<uint64_t>(b.delay_ms), std::move(packet), ip, port});
-    }
+    if (!packet.empty()) due_.push_back(Due{now_ms() + static_cast<uint64_t>(b.delay_ms), std::move(packet), ip, port});
 }
 
 } // namespace zeph_test
