@@ -317,24 +317,18 @@ TEST(MediaRecovery, LiteralLoopPeerThatStopsReadingGetsItsChannelReplacedAndNoSo
         ASSERT_TRUE(s.Open(kVideo, stuck.port()));
         ASSERT_EQ(stuck.AcceptAll(), 1u);
 
-        size_t accepted = 0, refused = 0;
         const bool replaced = wait_until(
             [&] {
                 for (int i = 0; i < 64; ++i) {
                     const int32_t rc = s.Send(kVideo, 2, Body(1200, uint8_t(i)));
-                    if (rc == 0) {
-                        ++accepted;
-                    } else {
-                        EXPECT_TRUE(rc == MEDIA_SOCKET_ERRCODE_WRITE_BUFFER || rc == MEDIA_SOCKET_ERRCODE_NOT_CONNECTED ||
-                                    rc == MEDIA_SOCKET_ERRCODE_NO_SOCKET)
-                            << rc;
-                        ++refused;
-                    }
+                    EXPECT_TRUE(rc == 0 || rc == MEDIA_SOCKET_ERRCODE_WRITE_BUFFER ||
+                                rc == MEDIA_SOCKET_ERRCODE_NOT_CONNECTED || rc == MEDIA_SOCKET_ERRCODE_NO_SOCKET)
+                        << rc;
                 }
                 return s.Channel(kVideo, 0)->reCreateChannelCount.load() == 1;
             },
             10000, 1);
-        ASSERT_TRUE(replaced) << accepted << " accepted, " << refused << " refused";
+        ASSERT_TRUE(replaced);
         const MediaStats stats = s.Stats(kVideo);
         EXPECT_GE(stats.sendErrCount + stats.sendLenErrorCount, 1u);
         EXPECT_EQ(MediaLog::Count({"MediaCreateChannelOfSockChan! session id: 3141", "eventId: 2",

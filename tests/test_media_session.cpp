@@ -230,28 +230,26 @@ TEST(MediaSessionConnect, ThroughHttpProxyAndRefusedAuthentication)
 {
     MediaPeer peer;
     ASSERT_TRUE(peer.start());
-    TinyProxy open;
-    ASSERT_TRUE(open.start({peer.port()}));
-    TinyProxy strict;
-    ASSERT_TRUE(strict.start({peer.port()}, "media", "secret"));
+    TinyProxy proxy;
+    ASSERT_TRUE(proxy.start({peer.port()}, "media", "secret"));
     ProxySetting restore;
 
-    ASSERT_EQ(zeph_settings_set_http_proxy("127.0.0.1", open.port(), nullptr, nullptr), 0);
-    MediaSession s(1151);
-    ASSERT_TRUE(s.Open(kAudio, peer.port(), 2));
-    for (uint32_t i = 0; i < 4; ++i) ASSERT_EQ(s.Send(kAudio, 2, Body(100, uint8_t(i)), i), 0);
-    ASSERT_TRUE(s.WaitReceived(kAudio, 4));
-    EXPECT_EQ(peer.accepted(), 2u);
-    EXPECT_NE(open.log_text().find(std::to_string(peer.port())), std::string::npos) << open.log_text();
-
-    // Without credentials: refused, and the channel is left connecting.
-    ASSERT_EQ(zeph_settings_set_http_proxy("127.0.0.1", strict.port(), nullptr, nullptr), 0);
+    // Without credentials: refused, the socket released, the channel left connecting.
+    ASSERT_EQ(zeph_settings_set_http_proxy("127.0.0.1", proxy.port(), nullptr, nullptr), 0);
     MediaSession t(1152);
     ASSERT_EQ(t.Create(kVideo, 1), 0);
     EXPECT_EQ(t.Connect(kVideo, peer.port()), MEDIA_SOCKET_ERRCODE_PROXY_AUTH);
     auto ch = t.Channel(kVideo, 0);
     EXPECT_TRUE(ch->connectRet == MEDIA_SOCKET_ERRCODE_PROXY_AUTH && ch->sock == -1 && ch->state == 1);
     EXPECT_EQ(FdOf(t, 4), -1);
+
+    ASSERT_EQ(zeph_settings_set_http_proxy("127.0.0.1", proxy.port(), "media", "secret"), 0);
+    MediaSession s(1151);
+    ASSERT_TRUE(s.Open(kAudio, peer.port(), 2));
+    for (uint32_t i = 0; i < 4; ++i) ASSERT_EQ(s.Send(kAudio, 2, Body(100, uint8_t(i)), i), 0);
+    ASSERT_TRUE(s.WaitReceived(kAudio, 4));
+    EXPECT_EQ(peer.accepted(), 2u);
+    EXPECT_NE(proxy.log_text().find(std::to_string(peer.port())), std::string::npos) << proxy.log_text();
 }
 
 TEST(MediaSessionClose, FromInsideReceiveCallbacks)

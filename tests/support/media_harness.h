@@ -1,7 +1,5 @@
-// Fixtures for tests of the media transport, run on the test's thread; the
-// callbacks record on the library's threads. The transport's callbacks carry
-// only a session id, so every MediaSession registers itself under its id;
-// each test uses ids of its own.
+// Fixtures for media transport tests, run on the test's thread; callbacks record on the
+// library's threads, found by session id (each test uses ids of its own).
 #pragma once
 
 #include <cstdint>
@@ -31,10 +29,10 @@ Bytes Framed(uint32_t pktType, uint32_t mediaType, const Bytes& body, uint32_t c
 Bytes RtpBody(uint16_t seq, uint32_t ssrc, size_t len = 40);
 uint16_t RtpSeqOf(const Bytes& body);
 
-// The transport's log lines, kept (up to a bound) from the first session on.
+// The transport's log lines, kept (up to a bound) from the first session on; matched
+// by lines holding every one of the fragments.
 struct MediaLog {
     static void Install();
-    // Lines holding every one of the fragments.
     static int Count(const std::vector<std::string>& fragments);
     static bool WaitFor(const std::vector<std::string>& fragments, int timeoutMs);
     static std::vector<std::string> Find(const std::vector<std::string>& fragments);
@@ -110,9 +108,8 @@ private:
 // The id of this process's thread of that name (cut to 15 characters); 0 if none.
 long ThreadId(const std::string& name);
 
-// A TCP listener on 127.0.0.1 that accepts nothing until told: with backlog
-// b, b + 1 connects complete and the rest time out. Once it stops listening,
-// new connects are refused while the accepted ones live on.
+// A TCP listener on 127.0.0.1 that accepts nothing until told: with backlog b, b + 1 connects
+// complete and the rest time out; once it stops listening, new connects are refused.
 class BacklogListener {
 public:
     explicit BacklogListener(int backlog, uint16_t port = 0);
