@@ -3,15 +3,14 @@
 // each plan test's servers on loopback addresses of its own.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <functional>
 #include <map>
-#include <thread>
 #include <vector>
 
 #include "detect_reports.h"
 #include "inc/net_detect.h"
 #include "peers.h"
+#include "quality_peers.h"
 #include "zeph_nettools/net_tools.h"
 #include "zeph_nettools/settings.h"
 
@@ -19,8 +18,7 @@ using namespace zeph_test;
 
 namespace {
 
-// The callback has no user pointer: one process-wide list, picked by serial
-// number. Never destroyed: library threads may still call in at exit.
+// One process-wide list, picked by serial number; never destroyed (library threads may call in at exit).
 DetectReports<NetDetectResult>& g_reports = *new DetectReports<NetDetectResult>;
 void on_result(NetDetectResult* r) { g_reports.add(*r); }
 
@@ -57,7 +55,7 @@ bool all_freed(int timeout_ms) {
         timeout_ms, 10);
 }
 
-// `ok` about r, with r's figures in the message when it fails.
+// `ok` about r, with r's figures in the message.
 ::testing::AssertionResult figures(const NetDetectResult& r, bool ok) {
     return (ok ? ::testing::AssertionSuccess() : ::testing::AssertionFailure())
            << "level " << r.level << ": qos " << r.qos << ", average " << r.average << ", max " << r.max << ", min "
@@ -76,8 +74,7 @@ void set_servers(const std::vector<std::string>& names) {
     ASSERT_EQ(zeph_set_net_detect_srvs(texts.data(), static_cast<int32_t>(texts.size())), 0);
 }
 
-// Plan `num`'s records by level once nothing more can arrive; each of the five
-// levels reported once, only level 3 saying whether a proxy was set.
+// Plan `num`'s records by level once all is freed: five levels once each, only 3 telling the proxy.
 std::map<uint32_t, NetDetectResult> plan_levels(uint32_t num, uint32_t level3_proxy = 0) {
     EXPECT_TRUE(all_freed(45000)) << "detection objects still alive";
     std::map<uint32_t, NetDetectResult> by_level;
@@ -149,20 +146,13 @@ TEST(SingleNetDetect, EachTransportAgainstItsPeer) {
 
     TcpListener listener;
     CoturnServer stun;
-    UdpSocket peer;
-    ASSERT_TRUE(listener.ok() && peer.ok() && stun.start());
-    std::thread responder([&] {
-        for (int k = 0; k < 6; ++k) {
-            uint8_t req[64], resp[20];
-            std::string ip;
-            uint16_t port = 0;
-            if (peer.recv(req, sizeof req, 3000, &ip, &port) < 20) return;
-            if (k == 2) continue; // this request goes unanswered
-            std::memcpy(resp, req, 20);
-            resp[0] = resp[1] = 0x01; // Binding Success Response
-            peer.send_to(resp, sizeof resp, ip, port);
-        }
+    // Answers the first six requests but the third with a Binding Success Response.
+    UdpStandIn peer("127.0.0.1", 0, [](std::vector<uint8_t>& p, const UdpStandIn::Got& g) {
+        const bool answer = p.size() >= 20 && g.index < 6 && g.index != 2;
+        p.resize(20), p[0] = p[1] = 0x01;
+        return answer;
     });
+    ASSERT_TRUE(listener.ok() && peer.ok() && stun.start());
     const bool icmp = zeph_peers::raw_icmp_permitted();
     const uint16_t closed = closed_tcp_port();
     LogCapture log;
@@ -180,7 +170,6 @@ TEST(SingleNetDetect, EachTransportAgainstItsPeer) {
     EXPECT_TRUE(wait_line(log, "[net_detect_base]leave_[127.0.0.1:" + std::to_string(closed) + "]", 5000));
     const uint64_t freed_after = now_ms() - record_time(0x5104, 1);
     EXPECT_TRUE(freed_after >= 1950 && freed_after < 3500) << freed_after;
-    responder.join();
     ASSERT_TRUE(all_freed(20000)) << "detection objects still alive";
 
     EXPECT_GE(listener.accepts(), 4);

@@ -89,6 +89,58 @@ Bytes icmp_datagram(uint16_t seq, uint16_t id = 0x1234) {
     return out;
 }
 
+// Fills the accept queue of a listener that never accepts (backlog 0), so
+// that the SYNs which follow are dropped: a destination that stays silent.
+struct SilentListener {
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    uint16_t port = 0; // stays 0 when the queue never filled
+    std::vector<int> fillers;
+    SilentListener() {
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof a;
+        if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&a), len) != 0 || ::listen(fd, 0) != 0 ||
+            ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
+            return;
+        for (int i = 0; i < 8; ++i) {
+            fillers.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+            ::connect(fillers.back(), reinterpret_cast<sockaddr*>(&a), sizeof a);
+            pollfd p{fillers.back(), POLLOUT, 0};
+            if (::poll(&p, 1, 300) <= 0) { // no answer any more: the queue is full
+                ::close(fillers.back());
+                fillers.pop_back();
+                port = ntohs(a.sin_port);
+                return;
+            }
+        }
+    }
+    ~SilentListener() {
+        for (int c : fillers) ::close(c);
+        if (fd >= 0) ::close(fd);
+    }
+};
+
+// An echo reply for (id, seq) from `from` to `to`, by a raw socket of the test's own.
+bool inject_echo_reply(uint32_t from, uint32_t to, uint16_t id, uint16_t seq) {
+    uint8_t pkt[zeph::icmp::kEchoRequestSize];
+    zeph::ByteWriter w(pkt, sizeof pkt);
+    zeph::icmp::write_echo_request(w, id, seq, 0);
+    pkt[0] = 0; // echo reply
+    pkt[2] = pkt[3] = 0;
+    w.patch_be16(2, zeph::icmp::internet_checksum(pkt, sizeof pkt));
+    const int fd = ::socket(AF_INET, SOCK_RAW, IPPROTO_ICMP);
+    sockaddr_in src{}, dst{};
+    src.sin_family = dst.sin_family = AF_INET;
+    src.sin_addr.s_addr = from;
+    dst.sin_addr.s_addr = to;
+    // Bound to the probe's destination, so that the reply comes from there.
+    const bool ok = fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&src), sizeof src) == 0 &&
+                    ::sendto(fd, pkt, sizeof pkt, 0, reinterpret_cast<sockaddr*>(&dst), sizeof dst) == sizeof pkt;
+    if (fd >= 0) ::close(fd);
+    return ok;
+}
+
 } // namespace
 
 TEST(ProbeWire, GoldenEchoRequestAndWhatCountsAsAnAnswer) {
@@ -108,9 +160,8 @@ TEST(ProbeWire, GoldenEchoRequestAndWhatCountsAsAnAnswer) {
     EXPECT_STREQ(hex, golden);
     EXPECT_EQ(pkt[44], 0xAA);
 
-    // What counts as an answer: the echo replies to our own id and sequence
-    // range, the STUN answers to one of the last ten requests. (Heads, lengths,
-    // cookies and wrapped sequences are the replayed corpus's job.)
+    // Answers: echo replies to our id and sequence range, STUN answers to one of the last
+    // ten requests. (Heads, lengths, cookies, wrapped sequences: the replayed corpus's job.)
     auto icmp = std::make_shared<PortDetectICMP>(kLoopback, 443, ZEPH_TRANS_ICMP);
     Access::set_icmp_ids(*icmp, 0x1234, 1000);
     auto echo = [&](const Bytes& d) { return icmp->is_icmp_response(load(*icmp, d)); };
@@ -170,8 +221,7 @@ TEST(UdpProbe, ScriptedPeerTimeoutsAnswersAndLifetime) {
     ASSERT_TRUE(peer.send_to(good.data(), good.size(), ip, port));
     EXPECT_EQ(wait_end(*probe, 1000), PROBE_REACHED);
 
-    // A probe dropped by its owner lives while its thread runs and goes as
-    // soon as the thread has seen the stop flag.
+    // A probe dropped by its owner lives while its thread runs, and goes once it sees the stop.
     std::weak_ptr<PortDetectUDP> weak = started<PortDetectUDP>(peer.port(), 0);
     MORL_SleepMs(100);
     auto alive = weak.lock();
@@ -183,9 +233,8 @@ TEST(UdpProbe, ScriptedPeerTimeoutsAnswersAndLifetime) {
     EXPECT_TRUE(wait_until([&] { return weak.expired(); }, 500));
 }
 
-// A closed port fails at once in both modes; through a proxy, the proxy's
-// answer to CONNECT decides, in net mode too. UDP stays direct with a proxy
-// set, and is timed in net mode only.
+// A closed port fails at once in both modes; through a proxy, its answer to CONNECT
+// decides, in net mode too. UDP stays direct with a proxy set, timed in net mode only.
 TEST(Probes, ClosedPortHttpProxyAndDirectUdp) {
     const uint16_t closed = closed_tcp_port();
     const uint64_t t0 = now_ms();
@@ -226,67 +275,7 @@ TEST(Probes, ClosedPortHttpProxyAndDirectUdp) {
     EXPECT_TRUE(net_mode->get_delay() > 0u && net_mode->get_delay() < 1000u) << net_mode->get_delay();
 }
 
-namespace {
-
-// A STUN answer to the request in req (20 bytes or more).
-Bytes answer_to(const uint8_t* req) { return stun_message(req + 8); }
-
-// Fills the accept queue of a listener that never accepts (backlog 0), so
-// that the SYNs which follow are dropped: a destination that stays silent.
-struct SilentListener {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    uint16_t port = 0; // stays 0 when the queue never filled
-    std::vector<int> fillers;
-    SilentListener() {
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof a;
-        if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&a), len) != 0 || ::listen(fd, 0) != 0 ||
-            ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
-            return;
-        for (int i = 0; i < 8; ++i) {
-            fillers.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-            ::connect(fillers.back(), reinterpret_cast<sockaddr*>(&a), sizeof a);
-            pollfd p{fillers.back(), POLLOUT, 0};
-            if (::poll(&p, 1, 300) <= 0) { // no answer any more: the queue is full
-                ::close(fillers.back());
-                fillers.pop_back();
-                port = ntohs(a.sin_port);
-                return;
-            }
-        }
-    }
-    ~SilentListener() {
-        for (int c : fillers) ::close(c);
-        if (fd >= 0) ::close(fd);
-    }
-};
-
-// An echo reply for (id, seq) from `from` to `to`, by a raw socket of the test's own.
-bool inject_echo_reply(uint32_t from, uint32_t to, uint16_t id, uint16_t seq) {
-    uint8_t pkt[zeph::icmp::kEchoRequestSize];
-    zeph::ByteWriter w(pkt, sizeof pkt);
-    zeph::icmp::write_echo_request(w, id, seq, 0);
-    pkt[0] = 0; // echo reply
-    pkt[2] = pkt[3] = 0;
-    w.patch_be16(2, zeph::icmp::internet_checksum(pkt, sizeof pkt));
-    const int fd = ::socket(AF_INET, SOCK_RAW, IPPROTO_ICMP);
-    sockaddr_in src{}, dst{};
-    src.sin_family = dst.sin_family = AF_INET;
-    src.sin_addr.s_addr = from;
-    dst.sin_addr.s_addr = to;
-    // Bound to the probe's destination, so that the reply comes from there.
-    const bool ok = fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&src), sizeof src) == 0 &&
-                    ::sendto(fd, pkt, sizeof pkt, 0, reinterpret_cast<sockaddr*>(&dst), sizeof dst) == sizeof pkt;
-    if (fd >= 0) ::close(fd);
-    return ok;
-}
-
-} // namespace
-
-// Clocks read months after their origin (a nanosecond counter scaled by
-// multiplying first overflows after 106 days).
+// Clocks read months after their origin (a nanosecond counter multiplied first overflows at 106 days).
 TEST(ProbeClock, ReadsRightMonthsAfterItsOrigin) {
     constexpr int64_t kAgoSeconds = 400 * 86400;
     int64_t now = 0, freq = 0;
@@ -313,10 +302,9 @@ TEST(ProbeClock, ReadsRightMonthsAfterItsOrigin) {
     EXPECT_EQ(counter_to_ms(5, 0), 0);
 }
 
-// The delay runs from the send call to the answer's arrival, not to the next
-// poll's end (judged against how long the responder really held each request;
-// a reading on the 10 ms poll grid is 6 ms or more high for each of 14, 33
-// and 24 ms); an answer behind 300 stray datagrams is still found in time.
+// The delay runs from the send call to the answer's arrival, not the next poll's end
+// (on the 10 ms poll grid 14, 33 and 24 ms held each read 6 ms or more high); an
+// answer behind 300 stray datagrams is still found in time.
 TEST(UdpProbe, AnswerIsTimedAtArrivalAndFoundBehindStrays) {
     UdpSocket peer;
     ASSERT_TRUE(peer.ok());
@@ -337,7 +325,7 @@ TEST(UdpProbe, AnswerIsTimedAtArrivalAndFoundBehindStrays) {
                 peer.send_to(stray.data(), stray.size(), ip, port);
                 if (i % 50 == 49) MORL_SleepMs(1); // paced, so that the probe's buffer keeps up
             }
-            const Bytes good = answer_to(req);
+            const Bytes good = stun_message(req + 8);
             if (k < kTimed)
                 held_ms[k] = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - got).count();
             peer.send_to(good.data(), good.size(), ip, port);
@@ -363,10 +351,9 @@ TEST(UdpProbe, AnswerIsTimedAtArrivalAndFoundBehindStrays) {
     EXPECT_LE(best, 4.0) << "every delay read high: " << delay[0] << ", " << delay[1] << ", " << delay[2];
 }
 
-// A destination that drops every SYN: three 1000 ms cycles from new local
-// ports, then a timeout (net mode: after 2000 ms). A handshake is timed from
-// the connect call to its end: under a millisecond, or the kernel's one-second
-// resend of a SYN dropped by a full queue.
+// A destination dropping every SYN: three 1000 ms cycles from new local ports, then a
+// timeout (net mode: at 2000 ms). A handshake is timed from connect to its end: under
+// a millisecond, or the kernel's one-second resend of a SYN a full queue dropped.
 TEST(TcpProbe, SilentDestinationCyclesAndHandshakeTiming) {
     SilentListener silent, full;
     TcpListener listener;
@@ -400,9 +387,9 @@ TEST(TcpProbe, SilentDestinationCyclesAndHandshakeTiming) {
     EXPECT_TRUE(log.contains("[net_tcp]leave_thread [127.0.0.1:" + std::to_string(silent.port) + "] timeout"));
 }
 
-// In a network namespace of its own where only the test answers echoes, the
-// receiver leaves by its 2000 ms limit, at once on a stop, and after six
-// replies (a duplicate and base + 6 count, base + 7 is refused).
+// In a network namespace where only the test answers echoes, the receiver leaves at its
+// 2000 ms limit, at once on a stop, and after six replies (a duplicate and base + 6
+// count, base + 7 is refused).
 TEST(ProbesInOwnNetns, IcmpReceiverExitsAndDuplicateReplies) {
     if (::geteuid() != 0 || ::unshare(CLONE_NEWNET) != 0 || std::system("ip link set lo up") != 0)
         GTEST_SKIP() << "needs root for a network namespace";
