@@ -1,6 +1,5 @@
-// `zeph-nettools quality` as a user runs it: against a zeph-quality-server
-// the test starts (127.0.73.x), with bad input, and with the fixed client
-// ports held by someone else.
+// `zeph-nettools quality` as a user runs it: against a zeph-quality-server on 127.0.73.x,
+// with bad input, and with the fixed client ports held by someone else.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -34,11 +33,10 @@ TEST(CliQuality, TableAndJsonAgainstOurServer) {
 
     zeph_test::ToolRun r = run_tool({"quality", ip, ip + ":64000,base=100,name=padded,token=abc"}, kRunMs);
     ASSERT_EQ(r.code(), 0) << r.what();
-    EXPECT_NE(r.out.find("quality of 2 site(s)"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("padded"), std::string::npos) << r.out;
     // The site without the 100 ms added is the better one.
-    EXPECT_NE(r.out.find("best: " + ip + ":64000"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find(ip + ":64000 *"), std::string::npos) << r.out;
+    for (const std::string& says : {std::string("quality of 2 site(s)"), std::string("padded"), "best: " + ip + ":64000",
+                                    ip + ":64000 *"})
+        EXPECT_NE(r.out.find(says), std::string::npos) << says << "\n" << r.out;
 
     r = run_tool({"quality", "--json", ip}, kRunMs);
     ASSERT_EQ(r.code(), 0) << r.what();
@@ -53,7 +51,6 @@ TEST(CliQuality, TableAndJsonAgainstOurServer) {
 }
 
 TEST(CliQuality, BadInputIsRefusedWithItsReason) {
-    const std::vector<std::string> eleven(11, "127.0.0.1");
     struct Case {
         std::vector<std::string> args;
         std::string says;
@@ -66,9 +63,8 @@ TEST(CliQuality, BadInputIsRefusedWithItsReason) {
         {{"quality", "127.0.0.1", "--para"}, "--para needs a value"},
         {{"quality", "--proxy", "127.0.0.1:3128", "127.0.0.1"}, "does not apply"},
     };
-    std::vector<std::string> too_many = {"quality"};
-    too_many.insert(too_many.end(), eleven.begin(), eleven.end());
-    cases.push_back({too_many, "at most 10 sites, got 11"});
+    cases.push_back({std::vector<std::string>(12, "127.0.0.1"), "at most 10 sites, got 11"});
+    cases.back().args[0] = "quality";
     for (const Case& c : cases) {
         const zeph_test::ToolRun r = run_tool(c.args, kRunMs);
         EXPECT_EQ(r.code(), 2) << c.args.back() << "\n" << r.what();

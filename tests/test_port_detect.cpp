@@ -1,7 +1,6 @@
-// Port detection over real peers on loopback: the three-port code, the
-// any-port results, the waits and the delayed free. Three-port groups are
-// read by their fixed ports (10002 UDP, 443 and 1124 TCP), so their peers use
-// loopback addresses of their own (127.0.0.2x).
+// Port detection over real peers on loopback: the three-port code, any-port results,
+// waits and the delayed free. Three-port peers sit on fixed ports (10002 UDP, 443 and
+// 1124 TCP), so on loopback addresses of their own (127.0.0.2x).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -21,8 +20,7 @@ using namespace zeph_test;
 
 namespace {
 
-// Each callback's record, copied, with the detection's serial number (all
-// three record types carry `num`). Never destroyed: library threads may call in at exit.
+// Each callback's record, copied, with its serial number; never destroyed (library threads may call in at exit).
 struct Record {
     uint32_t num;
     std::vector<uint8_t> bytes;
@@ -56,14 +54,13 @@ DetectReports<Record>::Report wait_call(uint32_t num) {
 
 PortDetectEntry entry(uint16_t port, uint8_t protocol, uint8_t reached = 0, const std::string& ip = "127.0.0.1") {
     PortDetectEntry e;
-    std::memset(&e, 0, sizeof e);
+    std::memset(&e, 0, sizeof e); // the whole union, text and all
     e.addr = ipv4_be(ip), e.port = port, e.protocol = protocol, e.reached = reached;
     return e;
 }
 
 PortDetectInfo make_info(const std::vector<std::vector<PortDetectEntry>>& groups, uint32_t type = 0) {
-    PortDetectInfo info;
-    std::memset(&info, 0, sizeof info);
+    PortDetectInfo info{};
     info.type = type;
     for (const auto& entries : groups) {
         PortDetectGroup& g = info.groups[info.group_num++];
@@ -110,13 +107,12 @@ TEST(PortDetectCodes, ThreePortTable) {
     }
 }
 
-// Every mode at once. Three-port: group 0 (443, 1124; 10002 silent) -> 0x102,
-// group 1 (all three) -> 0x202, the best; a silent port holds the result one
-// second after the first answer; all answered ends at once; none, after 3 s.
-// One-port reads the first destination; an unknown mode or no callback calls
-// nobody. Any-port gives open flags, or with `notify` the caller's record
-// (unprobed entries keep their mark), counts clamped to 7 groups of 4. All
-// freed 20 s after their end, not before.
+// Every mode at once. Three-port: group 0 (443, 1124; 10002 silent) 0x102, group 1 (all)
+// 0x202, the best; a silent port holds the result a second past the first answer, all
+// answered ends at once, none after 3 s. One-port reads the first destination; an
+// unknown mode or no callback calls nobody. Any-port gives open flags, or with `notify`
+// the caller's record (unprobed entries keep their mark), clamped to 7 groups of 4.
+// All freed 20 s after their end, not before.
 TEST(PortDetect, EachModeReportsOnceOnTimeThenIsFreed) {
     EXPECT_EQ(1, zeph_3port_detect(1, nullptr, on_result));
     EXPECT_EQ(1, zeph_any_port_detect(1, nullptr, on_any));

@@ -50,7 +50,6 @@ std::vector<UdpStandIn::Got> UdpStandIn::got() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_got;
 }
-
 size_t UdpStandIn::count() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_got.size();
@@ -126,9 +125,7 @@ HeldUdpPorts::HeldUdpPorts(uint16_t first, uint16_t count) : all(true) {
     }
 }
 
-HeldUdpPorts::~HeldUdpPorts() {
-    for (int fd : fds) close(fd);
-}
+HeldUdpPorts::~HeldUdpPorts() { for (int fd : fds) close(fd); }
 
 void HeldUdpPorts::release_last() {
     if (fds.empty()) return;

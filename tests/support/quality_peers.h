@@ -1,7 +1,5 @@
-// Peers of the quality detections, run by the test's own threads: our quality
-// server on an address of the test, a relay in front of it, a UDP stand-in
-// that keeps every datagram and answers what its callback makes of it, a
-// keeper of the detections' reports, and a holder of client ports.
+// Peers of the quality detections, on the test's own threads: our quality server, a relay
+// in front of it, a UDP stand-in, a keeper of the detections' reports, a holder of ports.
 #pragma once
 
 #include <atomic>
@@ -35,25 +33,19 @@ private:
     bool m_started = false;
 };
 
-// A UDP relay on `listen` in front of our server on server_ip (null when it
-// cannot start).
+// A UDP relay on `listen` in front of our server on server_ip (null when it cannot start).
 inline std::unique_ptr<zeph_relay::UdpRelay> relay_to_server(const std::string& listen, const std::string& server_ip,
                                                              zeph_relay::Impairment up = {},
                                                              zeph_relay::Impairment down = {}, uint64_t seed = 1) {
     zeph_relay::UdpRelayConfig cfg;
-    cfg.listen_ip = listen;
-    cfg.server_ip = server_ip;
-    cfg.server_port = kQualityServerPort;
-    cfg.to_server = up;
-    cfg.to_client = down;
-    cfg.seed = seed;
+    cfg.listen_ip = listen, cfg.server_ip = server_ip, cfg.server_port = kQualityServerPort;
+    cfg.to_server = up, cfg.to_client = down, cfg.seed = seed;
     auto relay = std::make_unique<zeph_relay::UdpRelay>(cfg);
     return relay->start() == 0 ? std::move(relay) : nullptr;
 }
 
-// A UDP socket bound to ip:port (0: a free port). Its thread keeps each
-// datagram and hands a copy to `answer`, which turns it into the reply in
-// place (true: send it back to the sender).
+// A UDP socket on ip:port (0: a free port). Its thread keeps each datagram and hands a
+// copy to `answer`, which turns it into the reply in place (true: send it back).
 class UdpStandIn {
 public:
     struct Got {
@@ -84,14 +76,12 @@ private:
     std::thread m_thread;
 };
 
-// What our server does to a data packet, without the pairs, with `status`
-// in the answer. False for any other packet.
+// What our server does to a data packet, without pairs, with `status`. False for any other.
 bool answer_quality_data(std::vector<uint8_t>& p, uint32_t status);
 // An auth answer carrying `result`. False for any other packet.
 bool answer_quality_auth(std::vector<uint8_t>& p, uint32_t result);
 
-// Reports of a detection: pass record_report as its callback; the test
-// thread reads them with reports(n, timeout_ms), which waits until n came.
+// A detection's reports: record_report is its callback; reports(n, timeout_ms) waits for n.
 struct Report {
     int32_t id, code, p2;
     std::vector<DetectQosResult> results;
@@ -101,8 +91,7 @@ void record_report(int32_t id, int32_t code, int32_t p2, std::vector<DetectQosRe
 std::vector<Report> reports(size_t n = 0, int timeout_ms = 0);
 void clear_reports();
 
-// UDP ports first..first+count-1 bound on any address while it lives (one
-// that another program holds is left out: it is taken all the same).
+// UDP ports first..first+count-1 held on any address (one another program holds is taken all the same).
 struct HeldUdpPorts {
     HeldUdpPorts(uint16_t first, uint16_t count);
     ~HeldUdpPorts();
