@@ -141,7 +141,6 @@ TEST(CliMedia, BadArgumentsExitTwoAndAnUnreachableServerExitsOne) {
         {"--server", ok, "--channels", "5"},
         {"--server", ok, "--rate", "1e3"},
         {"--server", ok, "--duration", "nan"},
-        {"--server", ok, "--session", "4294967296"},
         {"--server", ok, "--proxy-user", "u", "--proxy-pass", "p"},
         {"--server", ok, "--proxy", "127.0.0.1:3128,a:b", "--proxy-user", "u", "--proxy-pass", "p"},
         {"--server", ok, "--frobnicate"},

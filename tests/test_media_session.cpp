@@ -102,12 +102,9 @@ TEST(MediaSessionChannels, CountsRingsAndRepeatedCreates)
 
     // Fresh channels: open, distinct sockets, not connected, not polled.
     std::set<int32_t> socks;
-    for (uint32_t type : {kAudio, kVideo}) {
-        for (const auto& ch : s.Info(type)->sockMgr) {
-            EXPECT_TRUE(ch->sock >= 0 && ch->state == 0);
-            socks.insert(ch->sock);
-        }
-    }
+    for (uint32_t type : {kAudio, kVideo})
+        for (const auto& ch : s.Info(type)->sockMgr)
+            EXPECT_TRUE(ch->sock >= 0 && ch->state == 0 && socks.insert(ch->sock).second);
     EXPECT_EQ(socks.size(), 3u);
     for (size_t i = 0; i < 8; ++i) EXPECT_EQ(FdOf(s, i), -1) << i;
 

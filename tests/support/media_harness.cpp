@@ -54,7 +54,6 @@ long ThreadId(const std::string& name)
     return 0;
 }
 
-// ---- log ----------------------------------------------------------------------------
 
 namespace {
 
@@ -95,7 +94,6 @@ bool MediaLog::WaitFor(const std::vector<std::string>& fragments, int timeoutMs)
     return wait_until([&] { return Count(fragments) > 0; }, timeoutMs);
 }
 
-// ---- sessions ---------------------------------------------------------------------------
 
 struct MediaSession::State {
     mutable std::mutex mutex;
@@ -250,7 +248,6 @@ void MediaSession::EventCallback(uint32_t sessionId, uint32_t mediaType, MediaEv
     if (hook) hook(mediaType, event);
 }
 
-// ---- listener with a short queue ------------------------------------------------------------
 
 BacklogListener::BacklogListener(int backlog, uint16_t port)
 {
