@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -156,13 +157,11 @@ bool MediaSession::WaitReceived(uint32_t mediaType, size_t n, int timeoutMs) con
 
 bool MediaSession::WaitBody(uint32_t mediaType, const Bytes& body, int timeoutMs) const
 {
-    return wait_until(
-        [&] {
-            for (const auto& p : Received(mediaType))
-                if (p.body == body) return true;
-            return false;
-        },
-        timeoutMs);
+    const auto has = [&] {
+        const auto got = Received(mediaType);
+        return std::any_of(got.begin(), got.end(), [&](const MediaPacket& p) { return p.body == body; });
+    };
+    return wait_until(has, timeoutMs);
 }
 
 std::vector<MediaEventInfo> MediaSession::Events(uint32_t mediaType) const
