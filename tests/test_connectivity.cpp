@@ -188,11 +188,7 @@ TEST_F(Connectivity, EachUdpProbeFormIsAnsweredByItsOwnServer) {
     ASSERT_TRUE(coturn.start());
     QualityServerOn nps("127.0.65.1"); // our quality server answers the NPS probe
     ASSERT_TRUE(nps.ok());
-    StunIceInfo local{}, remote{};
-    strncpy(local.ufrag, "connL", sizeof local.ufrag - 1);
-    strncpy(local.password, "local-secret", sizeof local.password - 1);
-    strncpy(remote.ufrag, "connR", sizeof remote.ufrag - 1);
-    strncpy(remote.password, "remote-secret", sizeof remote.password - 1);
+    const StunIceInfo local{"connL", "local-secret"}, remote{"connR", "remote-secret"};
     ASSERT_EQ(0u, MORL_StunSetLocalIceInfo("stun_audio_conn", &local));
     ASSERT_EQ(0u, MORL_StunSetRemoteIceInfo("stun_audio_conn", &remote));
     // Answers only an ICE check (private head of type 129) whose USERNAME is "remote:local".

@@ -2,7 +2,6 @@
 // back. Runs on the test's thread.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -59,13 +58,6 @@ Bytes answer_through(DetectSocket& sock, UdpSocket& peer, const Bytes& answer) {
     wait_until([&] { return (n = MORL_Recv(sock.get_fd(), buf.data(), int(buf.size()), 0)) > 0; }, kRecvWaitMs);
     buf.resize(n > 0 ? size_t(n) : 0);
     return buf;
-}
-
-StunIceInfo ice_side(const char* ufrag, const char* password) {
-    StunIceInfo info{};
-    std::strncpy(info.ufrag, ufrag, sizeof info.ufrag - 1);
-    std::strncpy(info.password, password, sizeof info.password - 1);
-    return info;
 }
 
 TEST(DetectSocketCreate, EachTransportByItsKeyNeedsAnAddressAndPortAndClosesWithTheLastHolder) {
@@ -160,8 +152,7 @@ TEST(DetectSocketWire, StunBindingRequestAndNpsProbeAndTheirAnswers) {
 
 TEST(DetectSocketWire, IceCheckIsTheStunServicesPacketForTheAudioKeyAndNothingWithoutIt) {
     MORL_StunClearIceInfo("stun_audio_7");
-    const StunIceInfo local = ice_side("locU", "local-secret");
-    const StunIceInfo remote = ice_side("remUF", "remote-secret");
+    const StunIceInfo local{"locU", "local-secret"}, remote{"remUF", "remote-secret"};
     ASSERT_EQ(MORL_StunSetLocalIceInfo("stun_audio_7", &local), 0u);
     ASSERT_EQ(MORL_StunSetRemoteIceInfo("stun_audio_7", &remote), 0u);
     ASSERT_EQ(MORL_StunSetChannelId("stun_audio_7", 0x01020304), 0u);

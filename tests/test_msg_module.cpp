@@ -1,6 +1,5 @@
-// The named message module: order, copies, synchronous sends and the ways a
-// module stops. Callbacks run on the module's thread and report through the
-// file-scope probe below.
+// The named message module: order, copies, synchronous sends and stops.
+// Callbacks run on the module's thread and report through the probe below.
 #include <gtest/gtest.h>
 
 #include <atomic>
