@@ -199,9 +199,7 @@ TEST(UdpProbe, ScriptedPeerTimeoutsAnswersAndLifetime) {
     auto probe = started<PortDetectUDP>(peer.port(), 0, 600);
     EXPECT_EQ(wait_end(*probe, 3000), PROBE_TIMEOUT);
     EXPECT_TRUE(now_ms() - t0 >= 550u && now_ms() - t0 < 1500u) << now_ms() - t0;
-    EXPECT_EQ(peer.recv(req, sizeof req, 100), 20);
-    EXPECT_EQ(peer.recv(req, sizeof req, 100), 20);
-    EXPECT_EQ(peer.recv(req, sizeof req, 50), -1);
+    for (int want : {20, 20, -1}) EXPECT_EQ(peer.recv(req, sizeof req, 100), want);
     // A limit below the resend interval: no cycle, timeout at once, nothing sent.
     EXPECT_EQ(wait_end(*started<PortDetectUDP>(peer.port(), 0, 200), 500), PROBE_TIMEOUT);
     EXPECT_EQ(peer.recv(req, sizeof req, 100), -1);
@@ -399,9 +397,8 @@ TEST(ProbesInOwnNetns, IcmpReceiverExitsAndDuplicateReplies) {
     LogCapture log;
     const uint32_t silent_addr = ipv4_be("127.0.0.2"), stopped_addr = ipv4_be("127.0.0.3"),
                    answered_addr = ipv4_be("127.0.0.4");
-    auto silent = std::make_shared<PortDetectICMP>(silent_addr, 443, ZEPH_TRANS_ICMP);
-    auto stopped = std::make_shared<PortDetectICMP>(stopped_addr, 443, ZEPH_TRANS_ICMP);
-    auto answered = std::make_shared<PortDetectICMP>(answered_addr, 443, ZEPH_TRANS_ICMP);
+    auto icmp_to = [](uint32_t addr) { return std::make_shared<PortDetectICMP>(addr, 443, ZEPH_TRANS_ICMP); };
+    auto silent = icmp_to(silent_addr), stopped = icmp_to(stopped_addr), answered = icmp_to(answered_addr);
     Access::set_icmp_ids(*answered, 0x4242, 5000);
     const uint64_t t0 = now_ms();
     silent->start_probe(1);

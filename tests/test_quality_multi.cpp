@@ -59,11 +59,10 @@ int32_t score(const DetectPktStat& s, uint32_t delaybase = 0) {
     return DetectQosScore::get_instance()->get_qos_score(s, delaybase);
 }
 
-// ---- the rate budget at the server ---------------------------------------------------------
 
 struct BudgetCase {
     uint32_t sites;
-    uint8_t level;
+    uint8_t level; // what the site count leaves each
     size_t pkt_len;
 };
 
@@ -81,9 +80,7 @@ TEST_P(SiteBudget, EverySiteStreamsItsShareFromASocketOfItsOwn) {
     for (uint32_t i = 0; i < c.sites; ++i) sites.push_back(site(test_ip(c.sites), server.port(), int16_t(100 + i)));
     ASSERT_EQ(start(sites), 0u);
     const std::vector<Report> got = reports(1, kReportMs);
-    ASSERT_EQ(got.size(), 1u);
-    ASSERT_EQ(got[0].code, 0);
-    ASSERT_EQ(got[0].results.size(), c.sites);
+    ASSERT_TRUE(got.size() == 1 && got[0].code == 0 && got[0].results.size() == c.sites);
 
     std::map<uint16_t, std::vector<StandIn::Got>> ports;
     for (const StandIn::Got& g : server.got()) ports[g.from_port].push_back(g);
@@ -134,7 +131,6 @@ INSTANTIATE_TEST_SUITE_P(Counts, SiteBudget,
                              return std::to_string(i.param.sites) + "Sites";
                          });
 
-// ---- results against our server --------------------------------------------------------------
 
 // Silent sites score the limit without disturbing the live ones; a delaybase
 // lowers a site; the best is the first of the highest.
@@ -191,9 +187,7 @@ TEST(MultiSite, TheNearerSiteWinsWithTheWeightsSetBefore) {
     ASSERT_TRUE(far && near);
     ASSERT_EQ(start({site(far->listen_ip(), far->port(), 1), site(near->listen_ip(), near->port(), 2)}), 0u);
     const std::vector<Report> got = reports(1, kReportMs);
-    ASSERT_EQ(got.size(), 1u);
-    ASSERT_EQ(got[0].code, 0);
-    ASSERT_EQ(got[0].results.size(), 2u);
+    ASSERT_TRUE(got.size() == 1 && got[0].code == 0 && got[0].results.size() == 2);
     const DetectQosResult& f = got[0].results[0];
     const DetectQosResult& n = got[0].results[1];
     EXPECT_EQ(got[0].p2, 2);
@@ -205,7 +199,6 @@ TEST(MultiSite, TheNearerSiteWinsWithTheWeightsSetBefore) {
     EXPECT_GT(n.score, 7000) << "beyond what the default weights can give";
 }
 
-// ---- failures ---------------------------------------------------------------------------------
 
 // Refused starts: a code, no callback. A site without socket fails the report in its
 // turn while the earlier stream runs out. A refused token: told twice, stream stopped.
@@ -225,8 +218,7 @@ TEST(MultiSite, RefusalsAndFailures) {
     ASSERT_EQ(start({site(test_ip(30), server.port(), 1), site("", server.port(), 2)}), 0u);
     std::vector<Report> got = reports(1, kReportMs);
     ASSERT_EQ(got.size(), 1u);
-    EXPECT_EQ(got[0].code, DETECT_ERR_SITE_NO_SOCKET);
-    EXPECT_TRUE(got[0].results.empty());
+    EXPECT_TRUE(got[0].code == DETECT_ERR_SITE_NO_SOCKET && got[0].results.empty()) << got[0].code;
     EXPECT_LT(got[0].at_ms - t0, 1000u) << "the failure is told when the site's turn comes";
     // The first site's stream (two sites: level 4) goes on to its end.
     const size_t whole = q::level_row(4).pkts_per_sec * kStreamSeconds;
@@ -247,7 +239,6 @@ TEST(MultiSite, RefusalsAndFailures) {
     EXPECT_EQ(reports(3, 500).size(), 2u);
 }
 
-// ---- the score ---------------------------------------------------------------------------------
 
 TEST(QosScore, DefaultCurvesLimitAndTheTableCheck) {
     // One way 20 + 10 reads the delay curve at 30 (900), jitter 10 (850),
