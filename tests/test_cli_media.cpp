@@ -47,8 +47,7 @@ std::string server(const MediaPeer& peer) { return "127.0.0.1:" + std::to_string
 
 } // namespace
 
-// Full-size bodies on audio (four channels, sorted) and video come back
-// intact and in order, and the figures agree with the transport's and peer's.
+// Full-size audio (four channels, sorted) and video bodies come back intact; all figures agree.
 TEST(CliMedia, EchoPeerReturnsEveryPacketIntactAndTheFiguresAgree) {
     MediaPeer peer(MediaPeerMode::Echo);
     ASSERT_TRUE(peer.start());
@@ -80,9 +79,8 @@ TEST(CliMedia, EchoPeerReturnsEveryPacketIntactAndTheFiguresAgree) {
     EXPECT_EQ(peer.accepted(), 5u) << "four audio channels and one video channel";
 }
 
-// A sink sends nothing back: the tool says so and does not sit out its whole
-// wait for echoes. The packet type reaches the wire as given, and a 403 page
-// before any packet shows as event 4 with code 403 on its media type.
+// A sink: the tool does not sit out its wait for echoes, the packet type reaches the wire
+// as given, and a 403 page before any packet shows as event 4 with code 403.
 TEST(CliMedia, SinkPeerGetsEverythingAndARefusalShowsAsAnEvent) {
     MediaPeer peer(MediaPeerMode::Sink);
     ASSERT_TRUE(peer.start());

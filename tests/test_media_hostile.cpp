@@ -162,8 +162,7 @@ TEST(MediaHostilePeer, ConnectRetriedAfterAFailureAndRepeatedOnALiveChannel)
     EXPECT_EQ(s.Stats(kVideo).dataLoss, 0u);
 }
 
-// A channel past its repairs stays closed, out of the rotation; a refusal met
-// while the media type connects is repaired once the connect is over.
+// A channel past its repairs stays closed; a refusal met mid-connect is repaired after it.
 TEST(MediaHostilePeer, ChannelPastItsRepairsStaysClosedAndARefusalMidConnectIsRepairedAfter)
 {
     MediaPeer peer;

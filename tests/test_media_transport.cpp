@@ -1,5 +1,4 @@
-// Packets through the media transport: receive framing, rotation over channels,
-// the send ring under overload, the audio sort and the counters.
+// Packets through the media transport: framing, rotation, the send ring under overload, sort, counters.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -41,8 +40,7 @@ struct QuietChannel {
     int32_t Feed(const Bytes& bytes) { return object->PutRecvBuffer(sock, bytes.data(), int32_t(bytes.size())); }
 };
 
-// Queues a damaged packet and holds the send thread in the callback of the
-// flush it causes, so that packets queued meanwhile stay in the ring.
+// Holds the send thread in the callback of a damaged packet's flush: packets queued meanwhile stay.
 struct FirstFlushHold {
     struct State {
         std::atomic<bool> first{true};

@@ -29,8 +29,7 @@ Bytes Framed(uint32_t pktType, uint32_t mediaType, const Bytes& body, uint32_t c
 Bytes RtpBody(uint16_t seq, uint32_t ssrc, size_t len = 40);
 uint16_t RtpSeqOf(const Bytes& body);
 
-// The transport's log lines, kept (up to a bound) from the first session on; matched
-// by lines holding every one of the fragments.
+// The transport's log lines (bounded) from the first session on, matched by all fragments.
 struct MediaLog {
     static void Install();
     static int Count(const std::vector<std::string>& fragments);
