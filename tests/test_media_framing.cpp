@@ -10,17 +10,14 @@
 
 namespace {
 
-// The head test decides where the receive path resyncs; its edges.
-TEST(MediaFraming, HeadTestAcceptsMediaTypesAndTheKeepaliveOnly)
+// The head test decides where the receive path resyncs (media types and the keepalive only).
+TEST(MediaFraming, HeadTestAndHeadText)
 {
     EXPECT_TRUE(PrivateHeadTest(0xFF, 3, 9, 4) && PrivateHeadTest(0xFF, 3, 128, 0));
     EXPECT_FALSE(PrivateHeadTest(0xFF, 3, 10, 0) || PrivateHeadTest(0xFF, 3, 127, 0) ||
                  PrivateHeadTest(0xFF, 3, 129, 0) || PrivateHeadTest(0xFF, 3, 0, 5));
     EXPECT_FALSE(PrivateHeadTest(0xFE, 3, 0, 0) || PrivateHeadTest(0xFF, 2, 0, 0));
-}
 
-TEST(MediaFraming, HeadTextNamesEveryField)
-{
     std::vector<uint8_t> head(kPrivateHeadSize);
     BuildPrivateHead(0, 1, 7, 1, 200, head.data());
     EXPECT_EQ(GetHeadText(head.data()),

@@ -241,7 +241,6 @@ TEST(MediaRecovery, PeerThatPausesReadingHoldsBackOnlyItsMediaTypeAndLosesNothin
         sleep_ms(1);
     }
     ASSERT_NE(refusedSince, 0u) << "the peer's buffers never filled";
-    EXPECT_EQ(stuck.AcceptAll(), 1u) << "a full channel is not replaced";
 
     // Without the wake every audio packet would wait 5 ms for the thread's next look.
     struct Echoes {
