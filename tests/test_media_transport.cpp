@@ -67,7 +67,7 @@ struct FirstFlushHold {
     }
 };
 
-TEST(MediaTransportFraming, EveryCutOfTheStreamDeliversEachPacketOnceIntact)
+TEST(MediaTransportFraming, EveryCutDeliversEachPacketOnceAndDamageIsSkippedToTheNextHead)
 {
     QuietChannel q(2101);
     const Bytes b1 = Body(20, 1), b3 = Body(300, 3);
@@ -79,7 +79,7 @@ TEST(MediaTransportFraming, EveryCutOfTheStreamDeliversEachPacketOnceIntact)
         ASSERT_EQ(q.s.ReceivedCount(kVideo), 3 * ++triples) << "cut at " << cut;
     }
     for (uint8_t byte : stream) q.Feed({byte});
-    const auto got = q.s.Received(kVideo);
+    auto got = q.s.Received(kVideo);
     ASSERT_EQ(got.size(), 3 * ++triples);
     for (size_t i = 0; i < got.size(); i += 3) {
         EXPECT_TRUE(got[i].pktType == 2 && got[i].body == b1) << i;
@@ -97,44 +97,41 @@ TEST(MediaTransportFraming, EveryCutOfTheStreamDeliversEachPacketOnceIntact)
     q.Feed(Framed(2, kVideo, b1));
     ASSERT_EQ(q.s.ReceivedCount(kVideo), before + 2);
     EXPECT_EQ(q.s.Received(kVideo)[before].pktType, 4u);
-}
 
-TEST(MediaTransportFraming, BadLengthAndNoiseAreSkippedToTheNextHead)
-{
-    QuietChannel q(2102);
-    // head_Len 2049 ends this read; the good packet behind the damage waits.
+    // Damage is skipped to the next head: head_Len 2049 ends this read, the packet behind it waits.
+    QuietChannel r(2102);
     Bytes bad(kPrivateHeadSize);
     BuildPrivateHead(2, kVideo, 0, 1, 2033, bad.data());
     const Bytes g1 = Body(30, 1), g2 = Body(40, 2), g3 = Body(50, 3);
-    EXPECT_EQ(q.Feed(Cat({bad, Bytes(10, 0), Framed(3, kVideo, g1)})), MEDIA_SOCKET_ERRCODE_PACKET_LENGTH);
-    EXPECT_EQ((Figures{q.s.ReceivedCount(kVideo), q.s.Stats(kVideo).recv.ErrCount, q.s.Stats(kVideo).recv.SignalErrCount}),
+    EXPECT_EQ(r.Feed(Cat({bad, Bytes(10, 0), Framed(3, kVideo, g1)})), MEDIA_SOCKET_ERRCODE_PACKET_LENGTH);
+    EXPECT_EQ((Figures{r.s.ReceivedCount(kVideo), r.s.Stats(kVideo).recv.ErrCount, r.s.Stats(kVideo).recv.SignalErrCount}),
               (Figures{0, 1, 1}));
 
-    EXPECT_EQ(q.Feed(Framed(3, kVideo, g2)), 0);
-    auto got = q.s.Received(kVideo);
+    EXPECT_EQ(r.Feed(Framed(3, kVideo, g2)), 0);
+    got = r.s.Received(kVideo);
     ASSERT_EQ(got.size(), 2u);
     EXPECT_TRUE(got[0].body == g1 && got[1].body == g2);
-    EXPECT_EQ(q.s.Stats(kVideo).dataLoss, 1u);
-    ASSERT_EQ(q.s.EventCount(kVideo, ZEPH_MEDIA_EVENT_DIRTY_DATA), 1u);
-    EXPECT_EQ(q.s.Events(kVideo).back().errorCode, 10u) << "the dropped bytes";
+    EXPECT_EQ(r.s.Stats(kVideo).dataLoss, 1u);
+    ASSERT_EQ(r.s.EventCount(kVideo, ZEPH_MEDIA_EVENT_DIRTY_DATA), 1u);
+    EXPECT_EQ(r.s.Events(kVideo).back().errorCode, 10u) << "the dropped bytes";
 
     // Noise in front of a packet in one read: one run, one event, the packet.
     const Bytes noise(37, 'n');
-    EXPECT_EQ(q.Feed(Cat({noise, Framed(3, kVideo, g3)})), 0);
-    got = q.s.Received(kVideo);
+    EXPECT_EQ(r.Feed(Cat({noise, Framed(3, kVideo, g3)})), 0);
+    got = r.s.Received(kVideo);
     ASSERT_EQ(got.size(), 3u);
     EXPECT_EQ(got[2].body, g3);
-    EXPECT_EQ((Figures{q.s.Stats(kVideo).dataLoss, q.s.Channel(kVideo, 0)->stats.dataLoss.load()}), (Figures{2, 2}));
+    EXPECT_EQ((Figures{r.s.Stats(kVideo).dataLoss, r.s.Channel(kVideo, 0)->stats.dataLoss.load()}), (Figures{2, 2}));
     // Within a second of the last report the bytes wait, and are told later.
-    EXPECT_EQ(q.s.EventCount(kVideo, ZEPH_MEDIA_EVENT_DIRTY_DATA), 1u);
-    ASSERT_TRUE(wait_until([&] { return q.s.EventCount(kVideo, ZEPH_MEDIA_EVENT_DIRTY_DATA) == 2; }, 3000));
-    EXPECT_EQ(q.s.Events(kVideo).back().errorCode, 37u);
-    EXPECT_EQ(q.s.Channel(kVideo, 0)->reCreateChannelCount.load(), 0);
+    EXPECT_EQ(r.s.EventCount(kVideo, ZEPH_MEDIA_EVENT_DIRTY_DATA), 1u);
+    ASSERT_TRUE(wait_until([&] { return r.s.EventCount(kVideo, ZEPH_MEDIA_EVENT_DIRTY_DATA) == 2; }, 3000));
+    EXPECT_EQ(r.s.Events(kVideo).back().errorCode, 37u);
+    EXPECT_EQ(r.s.Channel(kVideo, 0)->reCreateChannelCount.load(), 0);
 
     // Bytes of a socket that is no channel's (one closed between poll and read).
-    q.sock += 1000;
-    EXPECT_EQ(q.Feed(Framed(3, kVideo, g1)), MEDIA_SOCKET_ERRCODE_NOT_FOUND_SOCKET);
-    EXPECT_EQ(q.s.ReceivedCount(kVideo), 3u);
+    r.sock += 1000;
+    EXPECT_EQ(r.Feed(Framed(3, kVideo, g1)), MEDIA_SOCKET_ERRCODE_NOT_FOUND_SOCKET);
+    EXPECT_EQ(r.s.ReceivedCount(kVideo), 3u);
 }
 
 TEST(MediaTransportSend, RotatesOverAudioChannels)
