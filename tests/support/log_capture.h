@@ -1,5 +1,4 @@
-// A capture of the library's log lines for tests; its sink is called on
-// library threads.
+// A capture of the library's log lines for tests; its sink is called on library threads.
 #pragma once
 
 #include <string>
@@ -14,9 +13,8 @@ struct LogLine {
     std::string message;
 };
 
-// Installs a log sink of level 3 (debug) that stores every line; restores the
-// default sink on destruction. One capture at a time per process. Lines that
-// library threads log after the capture ended are dropped safely.
+// A sink of max_level storing every line, the default sink again on destruction. One at a
+// time per process; lines logged after it ended are dropped safely.
 class LogCapture {
 public:
     explicit LogCapture(int max_level = 3);

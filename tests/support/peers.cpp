@@ -1,6 +1,5 @@
-// Test peers: coturn and tinyproxy as child processes, the listener that
-// listens from its construction on, a UDP socket and TCP client helpers. All
-// run on the test's thread but the listener, whose thread its base owns.
+// Test peers: coturn and tinyproxy as children, the listener, a UDP socket and TCP client
+// helpers. All run on the test's thread but the listener, whose thread its base owns.
 #include "peers.h"
 
 #include <fcntl.h>
@@ -19,11 +18,12 @@ namespace zeph_test {
 
 namespace {
 
-int poll_one(int fd, short events, int timeout_ms) {
+// Polls fd for events until the deadline (ms of now_ms()); > 0 when they came.
+int poll_until(int fd, short events, uint64_t deadline) {
     pollfd p{fd, events, 0};
     int r;
     do {
-        r = poll(&p, 1, timeout_ms);
+        r = poll(&p, 1, static_cast<int>(deadline > now_ms() ? deadline - now_ms() : 0));
     } while (r < 0 && errno == EINTR);
     return r;
 }
@@ -37,7 +37,6 @@ sockaddr_in make_addr(const std::string& ip, uint16_t port) {
 } // namespace
 
 uint16_t closed_tcp_port(const std::string& ip) { return zeph_peers::free_port(ip, SOCK_STREAM); }
-
 uint16_t closed_udp_port(const std::string& ip) { return zeph_peers::free_port(ip, SOCK_DGRAM); }
 
 
@@ -57,18 +56,12 @@ bool stun_answers(const uint8_t* req, size_t size, const std::string& ip, uint16
     return false;
 }
 
-// True when ip:port answers a Binding Request (type 1, length 0, magic cookie,
-// a random transaction id) in time.
-static bool stun_binding_ok(const std::string& ip, uint16_t port, int timeout_ms) {
-    uint8_t req[20] = {0x00, 0x01, 0x00, 0x00, 0x21, 0x12, 0xA4, 0x42};
-    for (int i = 8; i < 20; ++i) req[i] = static_cast<uint8_t>(std::rand());
-    return stun_answers(req, sizeof req, ip, port, timeout_ms);
-}
-
 bool CoturnServer::start(const std::string& ip, uint16_t port) {
     stop();
-    // With a port of our choosing another test may take it between our probe
-    // and coturn's bind: try a few ports before giving up.
+    // A Binding Request: type 1, length 0, magic cookie, a random transaction id.
+    uint8_t req[20] = {0x00, 0x01, 0x00, 0x00, 0x21, 0x12, 0xA4, 0x42};
+    for (int i = 8; i < 20; ++i) req[i] = static_cast<uint8_t>(std::rand());
+    // Another test may take a port of our choosing before coturn binds it: try a few.
     for (int attempt = 0; attempt < 3; ++attempt) {
         uint16_t p = port != 0 ? port : closed_udp_port(ip);
         std::vector<std::string> argv = {"turnserver", "-n", "--stun-only", "--listening-ip=" + ip,
@@ -78,9 +71,8 @@ bool CoturnServer::start(const std::string& ip, uint16_t port) {
         if (!proc_.start(argv)) return false;
         const uint64_t deadline = now_ms() + 5000;
         while (now_ms() < deadline && proc_.running()) {
-            if (stun_binding_ok(ip, p, 100)) {
-                ip_ = ip;
-                port_ = p;
+            if (stun_answers(req, sizeof req, ip, p, 100)) {
+                ip_ = ip, port_ = p;
                 return true;
             }
         }
@@ -104,17 +96,15 @@ bool TinyProxy::start(const std::vector<uint16_t>& connect_ports, const std::str
              << "PidFile \"" << dir_.file("tinyproxy.pid") << "\"\nLogFile \"" << dir_.file("tinyproxy.log") << "\"\n";
         for (uint16_t cp : connect_ports) conf << "ConnectPort " << cp << "\n";
         if (!basic_user.empty()) conf << "BasicAuth " << basic_user << " " << basic_pass << "\n";
-        if (!dir_.write("tinyproxy.conf", conf.str())) {
-            std::fprintf(stderr, "zeph_test: cannot write the tinyproxy config\n");
+        if (!dir_.write("tinyproxy.conf", conf.str()) || !proc_.start({"tinyproxy", "-d", "-c", dir_.file("tinyproxy.conf")})) {
+            std::fprintf(stderr, "zeph_test: cannot write the tinyproxy config or start it\n");
             return false;
         }
-        if (!proc_.start({"tinyproxy", "-d", "-c", dir_.file("tinyproxy.conf")})) return false;
         const uint64_t deadline = now_ms() + 5000;
         while (now_ms() < deadline && proc_.running()) {
-            int fd = tcp_connect("127.0.0.1", p, 200);
+            const int fd = tcp_connect("127.0.0.1", p, 200);
             if (fd >= 0) {
-                close(fd);
-                port_ = p;
+                close(fd), port_ = p;
                 return true;
             }
             sleep_ms(5);
@@ -152,8 +142,7 @@ bool UdpSocket::send_to(const void* data, size_t len, const std::string& ip, uin
 int UdpSocket::recv(void* buf, size_t cap, int timeout_ms, std::string* from_ip, uint16_t* from_port) {
     const uint64_t deadline = now_ms() + static_cast<uint64_t>(timeout_ms > 0 ? timeout_ms : 0);
     for (;;) {
-        int left = static_cast<int>(deadline > now_ms() ? deadline - now_ms() : 0);
-        if (poll_one(fd_, POLLIN, left) <= 0) return -1;
+        if (poll_until(fd_, POLLIN, deadline) <= 0) return -1;
         sockaddr_in from{};
         socklen_t len = sizeof from;
         ssize_t n = recvfrom(fd_, buf, cap, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&from), &len);
@@ -174,7 +163,7 @@ int tcp_connect(const std::string& ip, uint16_t port, int timeout_ms) {
     if (fd < 0) return -1;
     sockaddr_in to = make_addr(ip, port);
     int r = connect(fd, reinterpret_cast<const sockaddr*>(&to), sizeof to);
-    if (r != 0 && errno == EINPROGRESS && poll_one(fd, POLLOUT, timeout_ms) > 0) {
+    if (r != 0 && errno == EINPROGRESS && poll_until(fd, POLLOUT, now_ms() + static_cast<uint64_t>(timeout_ms)) > 0) {
         int err = 0;
         socklen_t len = sizeof err;
         getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
@@ -192,8 +181,7 @@ std::string recv_exact(int fd, size_t n, int timeout_ms) {
     std::string out;
     const uint64_t deadline = now_ms() + static_cast<uint64_t>(timeout_ms > 0 ? timeout_ms : 0);
     while (out.size() < n) {
-        int left = static_cast<int>(deadline > now_ms() ? deadline - now_ms() : 0);
-        if (poll_one(fd, POLLIN, left) <= 0) break;
+        if (poll_until(fd, POLLIN, deadline) <= 0) break;
         char buf[4096];
         ssize_t got = recv(fd, buf, std::min(sizeof buf, n - out.size()), MSG_DONTWAIT);
         if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) break;

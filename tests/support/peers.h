@@ -1,6 +1,5 @@
-// Test peers on loopback (coturn, tinyproxy, a TCP listener, a UDP socket, TCP
-// client helpers) with the waits, processes and log capture tests use beside
-// them. Peers stop in their destructors. Run on the test's thread.
+// Test peers on loopback (coturn, tinyproxy, TCP listener, UDP socket, TCP client helpers) with the
+// waits, processes and log capture used beside them. Peers stop in their destructors. Test's thread.
 #pragma once
 
 #include <netinet/in.h>
@@ -22,8 +21,7 @@ using zeph_peers::send_all;
 using zeph_tools::ipv4_be;
 using zeph_tools::ipv4_text;
 
-// True when ip:port answers the STUN request req (sent again every 50 ms)
-// with a Binding Success Response of the same transaction within timeout_ms.
+// True when ip:port answers STUN request req (resent every 50 ms) with a success of its transaction in time.
 bool stun_answers(const uint8_t* req, size_t size, const std::string& ip, uint16_t port, int timeout_ms);
 // A TCP port on ip where nothing listens (bound to 0, read back, closed).
 uint16_t closed_tcp_port(const std::string& ip = "127.0.0.1");
@@ -33,8 +31,7 @@ uint16_t closed_udp_port(const std::string& ip = "127.0.0.1");
 class CoturnServer {
 public:
     ~CoturnServer() { stop(); }
-    // Starts turnserver, STUN only, on ip:port (0: a free port) and waits until
-    // it answers; false, saying why, if it cannot.
+    // Starts turnserver, STUN only, on ip:port (0: a free port) until it answers; false, saying why.
     bool start(const std::string& ip = "127.0.0.1", uint16_t port = 0);
     void stop() { proc_.stop(); }
     uint16_t port() const { return port_; }
@@ -51,8 +48,7 @@ private:
 class TinyProxy {
 public:
     ~TinyProxy() { stop(); }
-    // Starts tinyproxy allowing CONNECT to connect_ports (all when empty),
-    // with Basic auth when basic_user is set; false, saying why, if it cannot.
+    // Starts tinyproxy allowing CONNECT to connect_ports (all when empty), Basic auth when a user is set.
     bool start(const std::vector<uint16_t>& connect_ports, const std::string& basic_user = "",
                const std::string& basic_pass = "");
     void stop() { proc_.stop(); }
@@ -65,9 +61,8 @@ private:
     uint16_t port_ = 0;
 };
 
-// The loopback peers' listener, listening from its construction on: Keep
-// (the default), Close, Echo or Sink what it accepts. Prints why and stays
-// !ok() when it cannot listen.
+// The loopback peers' listener, listening from construction: Keep (default), Close, Echo or Sink
+// what it accepts; !ok(), saying why, when it cannot listen.
 class TcpListener : public zeph_peers::TcpListener {
 public:
     explicit TcpListener(const std::string& ip = "127.0.0.1", uint16_t port = 0, Mode mode = Mode::Keep);
@@ -92,8 +87,7 @@ public:
     int fd() const { return fd_; }
     uint16_t port() const { return port_; }
     bool send_to(const void* data, size_t len, const std::string& ip, uint16_t port);
-    // Waits up to timeout_ms for one datagram. Returns its length, or -1 on
-    // time-out or error. from_ip/from_port may be null.
+    // Waits up to timeout_ms for one datagram: its length, or -1. from_ip/from_port may be null.
     int recv(void* buf, size_t cap, int timeout_ms, std::string* from_ip = nullptr, uint16_t* from_port = nullptr);
 
 private:

@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 
 #include "waits.h"
 
@@ -55,9 +55,7 @@ bool TempDir::write(const std::string& name, const std::string& text) const {
 
 std::string TempDir::read(const std::string& name) const {
     std::ifstream in(file(name), std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 
@@ -65,13 +63,11 @@ bool Process::start(const std::vector<std::string>& argv) {
     stop();
     error_.clear();
     if (argv.empty() || !dir_.ok()) return fail(&error_, "cannot start a process: no program or no temporary folder");
-    // The child dies with this process, so that an aborted test leaves no
-    // server holding its fixed port: setpriv sets that, then becomes the program.
+    // setpriv makes the child die with us (no server of an aborted test keeps its port), then execs it.
     static const std::vector<std::string> kDieWithParent = {"/usr/bin/setpriv", "--pdeathsig", "KILL", "--"};
     std::vector<char*> args;
-    if (::access(kDieWithParent[0].c_str(), X_OK) == 0) {
+    if (::access(kDieWithParent[0].c_str(), X_OK) == 0)
         for (const std::string& a : kDieWithParent) args.push_back(const_cast<char*>(a.c_str()));
-    }
     for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
 
@@ -81,13 +77,11 @@ bool Process::start(const std::vector<std::string>& argv) {
     std::string out = dir_.file("stdout"), err = dir_.file("stderr");
     posix_spawn_file_actions_addopen(&fa, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_addopen(&fa, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = -1;
-    int rc = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ);
+    const int rc = posix_spawnp(&pid_, args[0], &fa, nullptr, args.data(), environ);
     posix_spawn_file_actions_destroy(&fa);
-    if (rc != 0) return fail(&error_, "cannot start " + argv[0] + ": " + std::strerror(rc));
-    pid_ = pid;
     status_ = -1;
-    return true;
+    if (rc != 0) pid_ = -1;
+    return rc == 0 || fail(&error_, "cannot start " + argv[0] + ": " + std::strerror(rc));
 }
 
 bool Process::running() {
@@ -105,18 +99,12 @@ bool Process::running() {
 int Process::stop(int timeout_ms) {
     if (!running()) return status_;
     kill(pid_, SIGTERM);
-    const uint64_t deadline = now_ms() + static_cast<uint64_t>(timeout_ms);
-    while (running()) {
-        if (now_ms() >= deadline) {
-            kill(pid_, SIGKILL);
-            int st = 0;
-            while (waitpid(pid_, &st, 0) < 0 && errno == EINTR) {
-            }
-            status_ = st;
-            pid_ = -1;
-            break;
+    if (!wait_until([&] { return !running(); }, timeout_ms)) {
+        kill(pid_, SIGKILL);
+        int st = 0;
+        while (waitpid(pid_, &st, 0) < 0 && errno == EINTR) {
         }
-        sleep_ms(2);
+        status_ = st, pid_ = -1;
     }
     return status_;
 }

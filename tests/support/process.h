@@ -1,6 +1,5 @@
-// Temporary folders and child processes (coturn, tinyproxy, our own tools)
-// for tests and benchmarks. A Process belongs to the thread that made it;
-// its destructor stops the child by its PID.
+// Temporary folders and child processes for tests and benchmarks. A Process belongs to the
+// thread that made it; its destructor stops the child by its PID.
 #pragma once
 
 #include <sys/types.h>
@@ -41,14 +40,11 @@ public:
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    // argv[0] is looked up in PATH when it has no '/'. False (and a message
-    // in error()) when the program could not be started. A program that
-    // starts and exits at once shows in running().
+    // argv[0] is looked up in PATH when it has no '/'. False, with error(), when it cannot start.
     bool start(const std::vector<std::string>& argv);
     // True while the child has not exited (reaps it when it has).
     bool running();
-    // Stops the child by its PID. Returns the wait status from waitpid, or
-    // -1 when nothing was running. Idempotent.
+    // Stops the child by its PID; its wait status, or -1 when nothing ran. Idempotent.
     int stop(int timeout_ms = 3000);
 
     pid_t pid() const { return pid_; }

@@ -47,10 +47,11 @@ ToolRun run_tool(const std::vector<std::string>& args, int timeout_ms) {
     return r;
 }
 
+constexpr int kRefusalRunMs = 5000; // a refused or --help run ends at once
+
 void expect_usage_errors(const std::vector<std::vector<std::string>>& refused) {
-    constexpr int kRunMs = 5000;
     for (const auto& args : refused) {
-        const ToolRun r = run_tool(args, kRunMs);
+        const ToolRun r = run_tool(args, kRefusalRunMs);
         std::string cmd;
         for (const auto& a : args) cmd += " " + a;
         EXPECT_EQ(r.code(), 2) << cmd << "\n" << r.what();
@@ -60,8 +61,7 @@ void expect_usage_errors(const std::vector<std::vector<std::string>>& refused) {
 }
 
 void expect_help(const std::string& subcommand) {
-    constexpr int kRunMs = 5000;
-    const ToolRun r = run_tool({subcommand, "--help"}, kRunMs);
+    const ToolRun r = run_tool({subcommand, "--help"}, kRefusalRunMs);
     EXPECT_EQ(r.code(), 0) << subcommand << "\n" << r.what();
     EXPECT_EQ(r.out.rfind("usage: zeph-nettools " + subcommand, 0), 0u) << r.out;
 }

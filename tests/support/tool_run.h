@@ -22,18 +22,15 @@ struct ToolRun {
     std::string what() const;
 };
 
-// Runs zeph-nettools with `args` until it exits or `timeout_ms` pass, noting
-// when stdout last grew.
+// Runs zeph-nettools with `args` until it exits or `timeout_ms` pass, noting when stdout last grew.
 ToolRun run_tool(const std::vector<std::string>& args, int timeout_ms);
 
-// Each run of `refused` exits 2 with one line on stderr and nothing on
-// stdout; `subcommand --help` exits 0 with its usage on stdout.
+// Each run of `refused` exits 2 with one stderr line, no stdout; `SUB --help` exits 0 with its usage.
 void expect_usage_errors(const std::vector<std::vector<std::string>>& refused);
 void expect_help(const std::string& subcommand);
 
-// Every stdout line parsed as JSON and flattened to "LINE:path.to.key" ->
-// value as JSON text ("1", "\"udp\"", "null"). Empty, with a test failure,
-// when a line does not parse.
+// Each stdout line as JSON, flattened to "LINE:path.to.key" -> JSON text ("1", "\"udp\"");
+// empty, with a test failure, when a line does not parse.
 std::map<std::string, std::string> parse_json_lines(const std::string& text);
 
 // m[key], or "<missing key>".

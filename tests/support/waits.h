@@ -1,6 +1,4 @@
-// Waits with a deadline for tests, benchmarks and test peers: a condition
-// polled until it holds, and a monotonic clock in milliseconds. Runs on the
-// caller's thread.
+// Waits with a deadline for tests, benchmarks and peers, and a monotonic clock. Caller's thread.
 #pragma once
 
 #include <cstdint>
@@ -8,8 +6,7 @@
 
 namespace zeph_test {
 
-// Polls pred every step_ms until it is true or timeout_ms have passed.
-// Returns the last value of pred.
+// Polls pred every step_ms until it holds or timeout_ms passed; the last value of pred.
 bool wait_until(const std::function<bool()>& pred, int timeout_ms, int step_ms = 2);
 
 // Milliseconds of a monotonic clock.
