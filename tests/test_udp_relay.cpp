@@ -76,10 +76,8 @@ struct Rig {
         relay = std::make_unique<UdpRelay>(cfg);
         std::string error;
         EXPECT_EQ(relay->start(&error), 0) << error;
-        for (int fd : {client.fd(), server.fd()}) {
-            int one = 1;
-            setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &one, sizeof one);
-        }
+        const int one = 1;
+        for (int fd : {client.fd(), server.fd()}) setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &one, sizeof one);
     }
 
     // Sends `count` probes every `spacing_us`, echoed back, until `quiet_ms` pass quietly.
@@ -177,8 +175,7 @@ TEST(UdpRelay, DelaysSpreadAndLossMatchTheConfigurationPerDirection) {
     EXPECT_TRUE(up.median > 20 - 0.7 && up.median < 20 + 2.0) << up.median;
     // Uniform +-5 ms: IQR 5 (none gives 0, doubled 10).
     EXPECT_TRUE(up.iqr() > 3.8 && up.iqr() < 7.5) << up.iqr();
-    EXPECT_GE(down.min, 10 - 0.2);
-    EXPECT_TRUE(down.median > 10 - 0.5 && down.median < 10 + 2.0) << down.median;
+    EXPECT_TRUE(down.min >= 10 - 0.2 && down.median > 10 - 0.5 && down.median < 10 + 2.0) << down.min << " " << down.median;
     // Without jitter the spread is scheduling noise (1-2 ms under a sanitizer); +-5 ms would give 5.
     EXPECT_LT(down.iqr(), 2.5) << "no jitter was configured towards the client";
 }

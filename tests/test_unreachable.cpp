@@ -39,8 +39,7 @@ MORL_SOCKET nonblocking_socket(int type) {
 }
 
 int so_error(MORL_SOCKET s) {
-    int err = -1;
-    int len = sizeof err;
+    int err = -1, len = sizeof err;
     return MORL_GetSockOpt(s, MORL_SOL_SOCKET, MORL_SO_ERROR, &err, &len) == 0 ? err : -1;
 }
 
@@ -56,8 +55,7 @@ int in_set(MORL_SOCKET s, bool write_set, int wait_ms = 0) {
 
 // A waiting caller sees a failed connect: not writable, in the error set, ERR|HUP polled, SO_ERROR = wsa.
 void expect_failed_connect(MORL_SOCKET s, int wsa) {
-    EXPECT_EQ(in_set(s, true, 30), 0);
-    EXPECT_EQ(in_set(s, false), 1);
+    EXPECT_TRUE(in_set(s, true, 30) == 0 && in_set(s, false) == 1) << "writable, or not in the error set";
     MORL_PollFd pfd{s, MORL_POLLWRNORM, 0};
     MORL_Poll(&pfd, 1, 30);
     EXPECT_EQ(pfd.revents & (MORL_POLLWRNORM | MORL_POLLERR | MORL_POLLHUP), MORL_POLLERR | MORL_POLLHUP);
@@ -88,18 +86,15 @@ TEST(OfflineMachine, NothingConnectsAndNoDetectionReachesAnything) {
     MORL_SOCKET s = nonblocking_socket(MORL_SOCK_STREAM);
     ASSERT_GE(s, 0);
     MORL_SockAddrIn dst = to("127.0.0.1", 443);
-    EXPECT_EQ(MORL_Connect(s, &dst, sizeof dst), -1);
-    EXPECT_EQ(MORL_GetLastSocketErr(), MORL_WSAENETUNREACH);
+    EXPECT_TRUE(MORL_Connect(s, &dst, sizeof dst) == -1 && MORL_GetLastSocketErr() == MORL_WSAENETUNREACH);
     expect_failed_connect(s, MORL_WSAENETUNREACH);
-    // Still so on a second look: reading SO_ERROR does not clear it.
-    EXPECT_EQ(so_error(s), MORL_WSAENETUNREACH);
+    EXPECT_EQ(so_error(s), MORL_WSAENETUNREACH) << "reading SO_ERROR cleared it";
     ASSERT_EQ(MORL_CloseSocket(s), 0);
 
     // The number comes again for the next socket, which owes nothing to the old one.
     MORL_SOCKET again = nonblocking_socket(MORL_SOCK_STREAM);
     ASSERT_EQ(again, s);
-    EXPECT_EQ(so_error(again), 0);
-    EXPECT_EQ(in_set(again, false), 0);
+    EXPECT_TRUE(so_error(again) == 0 && in_set(again, false) == 0);
     MORL_CloseSocket(again);
 
     // Port detection: TCP, UDP and ICMP to this machine's own address.
@@ -142,15 +137,13 @@ TEST(ZeroAddress, IsRefusedAndNeverProbesThisMachine) {
     MORL_SOCKET s = nonblocking_socket(MORL_SOCK_STREAM);
     ASSERT_GE(s, 0);
     MORL_SockAddrIn any = to("0.0.0.0", local.port());
-    EXPECT_EQ(MORL_Connect(s, &any, sizeof any), -1);
-    EXPECT_EQ(MORL_GetLastSocketErr(), MORL_WSAEADDRNOTAVAIL);
+    EXPECT_TRUE(MORL_Connect(s, &any, sizeof any) == -1 && MORL_GetLastSocketErr() == MORL_WSAEADDRNOTAVAIL);
     expect_failed_connect(s, MORL_WSAEADDRNOTAVAIL);
     MORL_CloseSocket(s);
 
     MORL_SOCKET u = nonblocking_socket(MORL_SOCK_DGRAM);
     ASSERT_GE(u, 0);
-    EXPECT_EQ(MORL_Sendto(u, "x", 1, 0, &any, sizeof any), -1);
-    EXPECT_EQ(MORL_GetLastSocketErr(), MORL_WSAEADDRNOTAVAIL);
+    EXPECT_TRUE(MORL_Sendto(u, "x", 1, 0, &any, sizeof any) == -1 && MORL_GetLastSocketErr() == MORL_WSAEADDRNOTAVAIL);
     MORL_CloseSocket(u);
     EXPECT_FALSE(local.wait_accepts(1, 100));
 }
