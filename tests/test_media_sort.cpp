@@ -50,7 +50,7 @@ struct Sorter {
     }
 };
 
-TEST(MediaSort, EachStreamOpensWithItsFirstPacketAndClosesGapsInOrder)
+TEST(MediaSort, EachStreamOpensClosesGapsInOrderAndSevenHeldForceTheLowestOut)
 {
     Sorter s;
     s.Push({10});
@@ -75,17 +75,14 @@ TEST(MediaSort, EachStreamOpensWithItsFirstPacketAndClosesGapsInOrder)
     const Bytes shortBody = RtpBody(9, 3, 12);
     s.Push(shortBody);
     EXPECT_EQ(s.out.back(), shortBody);
-}
 
-TEST(MediaSort, SevenHeldForceTheLowestOutAlsoAcrossTheWrap)
-{
-    Sorter s;
-    s.Push({10, 12, 13, 14, 15, 16, 17}); // 11 never comes
-    EXPECT_TRUE(s.out.empty()) << "six held is not yet enough";
-    s.Push({18});
-    EXPECT_EQ(s.Seqs(), (std::vector<int>{12}));
-    s.Push({19});
-    EXPECT_EQ(s.Seqs(), (std::vector<int>{12, 13, 14, 15, 16, 17, 18, 19}));
+    Sorter h; // seven held force the lowest out
+    h.Push({10, 12, 13, 14, 15, 16, 17}); // 11 never comes
+    EXPECT_TRUE(h.out.empty()) << "six held is not yet enough";
+    h.Push({18});
+    EXPECT_EQ(h.Seqs(), (std::vector<int>{12}));
+    h.Push({19});
+    EXPECT_EQ(h.Seqs(), (std::vector<int>{12, 13, 14, 15, 16, 17, 18, 19}));
 
     // A copy of a held number is dropped; a late one comes out when forced.
     Sorter d;
@@ -104,7 +101,7 @@ TEST(MediaSort, SevenHeldForceTheLowestOutAlsoAcrossTheWrap)
     EXPECT_EQ(w.Seqs(), (std::vector<int>{65533, 65534, 65535, 0, 1, 2, 3, 4, 5, 6, 7, 8}));
 }
 
-TEST(MediaSort, AFullTableEvictsTheLeastRecentStreamAndDeliversWhatItHeld)
+TEST(MediaSort, AFullTableEvictsTheLeastRecentStreamButNeitherARunningNorAJustOpenedOne)
 {
     constexpr uint32_t kOld = 0xA0000000, kRecent = 0xB0000000;
     Sorter s;
@@ -127,18 +124,15 @@ TEST(MediaSort, AFullTableEvictsTheLeastRecentStreamAndDeliversWhatItHeld)
     EXPECT_EQ(s.Seqs(kOld), (std::vector<int>{12, 13, 15}));
     s.Push({21}, kRecent);
     EXPECT_EQ(s.Seqs(kRecent), (std::vector<int>{21, 22, 23})) << "kRecent kept its state";
-}
 
-TEST(MediaSort, FloodsOfNewSsrcsPushOutNeitherARunningNorAJustOpenedStream)
-{
     constexpr uint32_t kReal = 0x5EA1, kNew = 0x5EA2;
-    Sorter s;
-    s.Push({100, 101}, kReal);
-    s.Push({103}, kReal); // held behind 102
-    for (uint32_t i = 0; i < 10 * kMaxSortStreams; ++i) s.Push({7}, 0xF0000000 + i);
-    EXPECT_EQ(s.buffers.size(), kMaxSortStreams);
-    s.Push({102}, kReal);
-    EXPECT_EQ(s.Seqs(), (std::vector<int>{101, 102, 103})) << "the flood itself delivers nothing";
+    Sorter f; // a flood of new SSRCs pushes out no running stream
+    f.Push({100, 101}, kReal);
+    f.Push({103}, kReal); // held behind 102
+    for (uint32_t i = 0; i < 10 * kMaxSortStreams; ++i) f.Push({7}, 0xF0000000 + i);
+    EXPECT_EQ(f.buffers.size(), kMaxSortStreams);
+    f.Push({102}, kReal);
+    EXPECT_EQ(f.Seqs(), (std::vector<int>{101, 102, 103})) << "the flood itself delivers nothing";
 
     // A table full of running streams; new SSRCs open between a new stream's first two packets.
     Sorter t;
@@ -148,8 +142,6 @@ TEST(MediaSort, FloodsOfNewSsrcsPushOutNeitherARunningNorAJustOpenedStream)
     t.Push({501}, kNew);
     EXPECT_EQ(t.Seqs(kNew), (std::vector<int>{501}));
 }
-
-// ---- a forged-SSRC flood against a real session --------------------------------
 
 constexpr uint32_t kRealSsrc = 0x5EA15EA1;
 
