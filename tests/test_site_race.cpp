@@ -1,5 +1,8 @@
 // The nearest-site race through its export against relays of known delay and
 // loss and recording sites. Runs on the test's thread; callbacks on the message thread.
+#include <poll.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <atomic>
 #include <map>
@@ -17,7 +20,6 @@
 #include "log_capture.h"
 #include "peers.h"
 #include "process.h"
-#include "quality_peers.h"
 #include "tool_run.h"
 #include "udp_relay.h"
 #include "zeph_nettools/net_tools.h"
@@ -41,7 +43,7 @@ struct Seen {
     uint32_t p2; // 0: the first answer, 1: the table
     std::vector<OptSiteInfo> rows;
 };
-using RaceReport = DetectReports<Seen>::Report;
+using Report = DetectReports<Seen>::Report;
 DetectReports<Seen> g_reports;
 
 void on_race(int32_t id, int32_t p1, uint32_t p2, const std::vector<OptSiteInfo>& rows) {
@@ -51,7 +53,7 @@ void on_race(int32_t id, int32_t p1, uint32_t p2, const std::vector<OptSiteInfo>
 }
 
 // The reports of the race whose sites begin with `first_name`.
-std::vector<RaceReport> reports_of(const std::string& first_name) {
+std::vector<Report> reports_of(const std::string& first_name) {
     return g_reports.all([&](const Seen& r) {
         return r.rows.empty() ? r.p2 == 1 && first_name.empty() : r.rows[0].name.rfind(first_name, 0) == 0;
     });
@@ -70,7 +72,7 @@ std::string rows_text(const std::vector<OptSiteInfo>& rows) {
 
 struct Race {
     uint64_t started_ms = 0;
-    std::vector<RaceReport> best, table;
+    std::vector<Report> best, table;
 };
 
 // Starts a race and waits for its table (the last report).
@@ -81,11 +83,12 @@ Race run_race(const std::vector<OptSiteInfo>& sites, const std::string& first_na
     EXPECT_TRUE(wait_until([&] { return !reports_of(first_name).empty() && reports_of(first_name).back().value.p2 == 1; },
                            kRaceDeadlineMs));
     sleep_ms(100); // nothing may follow the table
-    for (RaceReport& r : reports_of(first_name)) (r.value.p2 == 0 ? race.best : race.table).push_back(r);
+    for (Report& r : reports_of(first_name)) (r.value.p2 == 0 ? race.best : race.table).push_back(r);
     return race;
 }
 
-// UDP sites that record each probe and echo it unless silent.
+// UDP sites that record each probe and echo it unless silent. One thread polls
+// them all, so answers of all sites leave together.
 class Sites {
 public:
     struct Probe {
@@ -95,21 +98,52 @@ public:
         size_t len;
     };
     Sites(const std::string& ip, size_t n, const std::vector<bool>& silent = {}) {
-        const UdpStandIn::Answer echo = [](std::vector<uint8_t>&, const UdpStandIn::Got&) { return true; };
-        for (size_t i = 0; i < n; ++i)
-            m_peers.push_back(std::make_unique<UdpStandIn>(ip, 0, i < silent.size() && silent[i] ? nullptr : echo));
+        for (size_t i = 0; i < n; ++i) {
+            m_socks.push_back(std::make_unique<UdpSocket>(ip, 0));
+            m_silent.push_back(i < silent.size() && silent[i]);
+        }
+        m_probes.resize(n);
+        m_thread = std::thread([this] { run(); });
     }
-    uint16_t port(size_t i) const { return m_peers[i]->port(); }
-    std::vector<Probe> probes(size_t i) const {
-        std::vector<Probe> out;
-        for (const UdpStandIn::Got& g : m_peers[i]->got())
-            out.push_back(Probe{g.at_ms, q::get_seq(g.bytes.data(), g.bytes.size()),
-                                q::get_session(g.bytes.data(), g.bytes.size(), false), g.bytes.size()});
-        return out;
+    ~Sites() {
+        m_stop = true;
+        m_thread.join();
+    }
+    uint16_t port(size_t i) const { return m_socks[i]->port(); }
+    std::vector<Probe> probes(size_t i) {
+        std::lock_guard<std::mutex> g(m_mu);
+        return m_probes[i];
     }
 
 private:
-    std::vector<std::unique_ptr<UdpStandIn>> m_peers;
+    void run() {
+        std::vector<pollfd> fds;
+        for (auto& s : m_socks) fds.push_back(pollfd{s->fd(), POLLIN, 0});
+        uint8_t buf[2048];
+        while (!m_stop) {
+            if (poll(fds.data(), fds.size(), 5) <= 0) continue;
+            for (size_t i = 0; i < fds.size(); ++i) {
+                if ((fds[i].revents & POLLIN) == 0) continue;
+                sockaddr_storage from{};
+                socklen_t flen = sizeof from;
+                const ssize_t n = recvfrom(fds[i].fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &flen);
+                if (n <= 0) continue;
+                const size_t len = static_cast<size_t>(n);
+                {
+                    std::lock_guard<std::mutex> g(m_mu);
+                    m_probes[i].push_back(
+                        Probe{now_ms(), q::get_seq(buf, len), q::get_session(buf, len, false), len});
+                }
+                if (!m_silent[i]) sendto(fds[i].fd, buf, len, 0, reinterpret_cast<sockaddr*>(&from), flen);
+            }
+        }
+    }
+    std::vector<std::unique_ptr<UdpSocket>> m_socks;
+    std::vector<bool> m_silent;
+    std::mutex m_mu;
+    std::vector<std::vector<Probe>> m_probes;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
 };
 
 std::unique_ptr<zeph_relay::UdpRelay> relay_to(const std::string& listen, const std::string& server_ip,
@@ -174,7 +208,7 @@ TEST_F(SiteRace, NearestQualityServerIsNamedFirstAndTableTellsEachDelayAndDiscar
     EXPECT_GE(race.table[0].at_ms - race.started_ms, 950u);
 
     // Equal hold-backs keep the caller's order; every server answered all 32.
-    const RaceReport& t = race.table[0];
+    const Report& t = race.table[0];
     EXPECT_EQ("qs-far/0 qs-near/0 qs-mid/0 qs-loss-30/0 qs-loss-60/0 qs-late/0", rows_text(t.value.rows));
     for (size_t i = 0; i < 3; ++i) EXPECT_EQ(0, t.value.rows[i].discard) << i;
     // First-answer delays: the relays' round trips, in their order.
@@ -232,7 +266,7 @@ TEST_F(SiteRace, CategoriesSendBurstsOfThirtyTwoHoldBackClippedTo300SmallFirstOn
     // Rows ascending by hold-back (stable among equals); a held-back site's
     // delay counts from its own category's sending.
     ASSERT_EQ(1u, race.table.size());
-    const RaceReport& t = race.table[0];
+    const Report& t = race.table[0];
     EXPECT_EQ("cat-a/120 cat-c/120 cat-b/300", rows_text(t.value.rows));
     for (const OptSiteInfo& r : t.value.rows) {
         EXPECT_GE(r.delay, 1) << r.name;
@@ -323,7 +357,7 @@ TEST_F(SiteRace, RacesSideBySideEachReportOnceAndEmptyListsEndWithAnEmptyTable) 
     sleep_ms(200);
     EXPECT_EQ(4u, g_reports.count(is_table));
     std::map<std::string, int> best, tables;
-    for (const RaceReport& r : g_reports.all()) {
+    for (const Report& r : g_reports.all()) {
         EXPECT_TRUE(r.on_message_thread);
         const std::string who = r.value.rows.empty() ? "" : r.value.rows[0].name.substr(0, 2);
         (r.value.p2 == 0 ? best : tables)[who]++;
