@@ -66,14 +66,13 @@ auto& g_logLines = *new std::vector<std::string>();
 
 void MediaLog::Install()
 {
-    static const bool once = [] {
+    static std::once_flag once;
+    std::call_once(once, [] {
         MORL_MediaSetLogCallback([](const char* line) {
             std::lock_guard<std::mutex> lock(g_logMutex);
             if (g_logLines.size() < kMaxLogLines) g_logLines.emplace_back(line);
         });
-        return true;
-    }();
-    (void)once;
+    });
 }
 
 std::vector<std::string> MediaLog::Find(const std::vector<std::string>& fragments)
