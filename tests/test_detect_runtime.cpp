@@ -72,10 +72,8 @@ private:
 // A UDP socket connected to the peer, not yet in the table.
 std::shared_ptr<DetectSocket> open_udp(const UdpSocket& peer) {
     std::shared_ptr<DetectSocket> sock = SocketFactory<DetectSocket>::instance().get_socket(DETECT_SOCKET_KEY_UDP);
-    if (!sock) return sock;
-    sock->set_dest_addr(host_order("127.0.0.1"), peer.port());
-    if (!sock->create()) return nullptr;
-    return sock;
+    if (sock) sock->set_dest_addr(host_order("127.0.0.1"), peer.port());
+    return sock && sock->create() ? sock : nullptr;
 }
 
 // Enters the socket in the table as a detection does: kept pointers and a create message.

@@ -25,8 +25,7 @@ constexpr int kWaitMs = 5000;
 struct Probe {
     std::mutex mu;
     std::condition_variable cv;
-    std::vector<uint32_t> values; // first word of each record, in delivery order
-    std::vector<uint32_t> seqs;
+    std::vector<uint32_t> values, seqs; // first word and seq of each record, in delivery order
     bool gate_open = true;
     std::atomic<int> in_gate{0};
 
@@ -42,10 +41,7 @@ struct Probe {
         gate_open = true;
         cv.notify_all();
     }
-    size_t count() {
-        std::lock_guard<std::mutex> lk(mu);
-        return values.size();
-    }
+    size_t count() { std::lock_guard<std::mutex> lk(mu); return values.size(); }
 };
 Probe g_probe;
 

@@ -36,12 +36,6 @@ DetectReports<NetDetectResult> g_reports;
 void on_record(NetDetectResult* r) { g_reports.add(*r); }
 using Got = DetectReports<NetDetectResult>::Report;
 
-std::map<uint32_t, Got> by_level(const std::vector<Got>& all) {
-    std::map<uint32_t, Got> m;
-    for (const Got& g : all) m.emplace(g.value.level, g);
-    return m;
-}
-
 uint32_t seq_of(const UdpStandIn::Got& g) {
     const std::vector<uint8_t>& p = g.bytes;
     return p.size() < 20 ? 0 : uint32_t(p[16]) << 24 | uint32_t(p[17]) << 16 | uint32_t(p[18]) << 8 | p[19];
@@ -93,7 +87,8 @@ protected:
         t0_ = now_ms();
         EXPECT_EQ(0, zeph_simple_qos_detect(num, on_record, context));
         EXPECT_TRUE(g_reports.wait_for(6, kAllDoneMs)) << log_.dump();
-        const auto levels = by_level(g_reports.all());
+        std::map<uint32_t, Got> levels;
+        for (const Got& g : g_reports.all()) levels.emplace(g.value.level, g);
         EXPECT_EQ(6u, levels.size()) << "each place reported once";
         return levels;
     }
