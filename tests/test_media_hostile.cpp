@@ -57,8 +57,7 @@ TEST(MediaHostilePeer, GarbageAndRepeatedRefusalPagesAreReportedThinly)
     BacklogListener garbage(1), refusals(1);
     MediaSession s(4111), t(4112);
     for (auto [session, server] : {std::pair{&s, &garbage}, std::pair{&t, &refusals}}) {
-        ASSERT_EQ(session->Create(kVideo, 1), 0);
-        ASSERT_EQ(session->Connect(kVideo, server->port()), 0);
+        ASSERT_TRUE(session->Open(kVideo, server->port()));
         ASSERT_EQ(server->AcceptAll(), 1u);
     }
     constexpr size_t kRuns = 2000;

@@ -138,10 +138,8 @@ size_t SocketsTo(uint16_t port)
         const int fd = std::atoi(entry.path().filename().c_str());
         sockaddr_in peer{};
         socklen_t len = sizeof peer;
-        if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &len) == 0 && peer.sin_family == AF_INET &&
-            ntohs(peer.sin_port) == port && ntohl(peer.sin_addr.s_addr) == INADDR_LOOPBACK) {
-            ++n;
-        }
+        n += ::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &len) == 0 && peer.sin_family == AF_INET &&
+             ntohs(peer.sin_port) == port && ntohl(peer.sin_addr.s_addr) == INADDR_LOOPBACK;
     }
     return n;
 }

@@ -267,10 +267,7 @@ TEST(MediaSessionClose, FromInsideReceiveCallbacks)
     MediaPeer peer;
     ASSERT_TRUE(peer.start());
     MediaSession s(1161);
-    ASSERT_EQ(s.Create(kAudio, 1), 0);
-    ASSERT_EQ(s.Create(kVideo, 1), 0);
-    ASSERT_EQ(s.Connect(kAudio, peer.port()), 0);
-    ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
+    ASSERT_TRUE(s.Open(kAudio, peer.port()) && s.Open(kVideo, peer.port()));
 
     std::atomic<int32_t> audioClosed{1}, videoClosed{1}; // 1 until the callback closed
     s.OnReceive([&](const MediaPacket& p) {

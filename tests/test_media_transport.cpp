@@ -165,10 +165,7 @@ TEST(MediaTransportSend, HeadsCountersAndTheClosingReport)
     ASSERT_TRUE(peer.start());
     TcpListener raw(TcpListener::Mode::Sink);
     MediaSession s(2121);
-    ASSERT_EQ(s.Create(kVideo, 1), 0);
-    ASSERT_EQ(s.Create(kData, 1), 0);
-    ASSERT_EQ(s.Connect(kVideo, peer.port()), 0);
-    ASSERT_EQ(s.Connect(kData, raw.port()), 0);
+    ASSERT_TRUE(s.Open(kVideo, peer.port()) && s.Open(kData, raw.port()));
 
     // 8 and 128 draw from one sequence counter; 7 is carried but unknown.
     const std::vector<uint32_t> types{0, 0, 8, 128, 8, 7, 1, 2, 3, 4};
