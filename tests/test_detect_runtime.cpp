@@ -142,10 +142,8 @@ TEST(RuntimeLife, InitTwiceUninitReinitKeepsOneReceiveThread) {
 TEST_F(Runtime, TimerFiresOnceStoppedNeverStaleArmingDropped) {
     auto det = std::make_shared<TinyDetect>();
     std::weak_ptr<DetectBase> weak = det;
-    MORL_TimerHandle once = MORL_CreateRelTimerM(NetToolsTimerSave::timeout, MORL_TIMER_OWNED, "once");
-    MORL_TimerHandle stopped = MORL_CreateRelTimerM(NetToolsTimerSave::timeout, MORL_TIMER_OWNED, "stopped");
-    MORL_TimerHandle driver = MORL_CreateRelTimerM(NetToolsTimerSave::timeout, MORL_TIMER_OWNED, "driver");
-    MORL_TimerHandle rearmed = MORL_CreateRelTimerM(NetToolsTimerSave::timeout, MORL_TIMER_OWNED, "rearmed");
+    auto timer = [](const char* name) { return MORL_CreateRelTimerM(NetToolsTimerSave::timeout, MORL_TIMER_OWNED, name); };
+    const MORL_TimerHandle once = timer("once"), stopped = timer("stopped"), driver = timer("driver"), rearmed = timer("rearmed");
     ASSERT_NE(0u, once);
     // Set before any expiry can arrive; the message thread reads it.
     std::atomic<uint64_t> driver_done{0};

@@ -88,7 +88,7 @@ TEST(DetectSocketCreate, EachTransportByItsKeyNeedsAnAddressAndPortAndClosesWith
     EXPECT_EQ(MORL_GetSockOpt(fd, MORL_SOL_SOCKET, MORL_SO_TYPE, &type, &len), -1) << "still open";
 }
 
-TEST(DetectSocketWire, StunBindingRequestAndNpsProbeAndTheirAnswers) {
+TEST(DetectSocketWire, EachUdpProbeFormOnTheWireAndItsAnswer) {
     UdpSocket peer;
     ASSERT_TRUE(peer.ok());
     auto sock = udp_probe(DETECT_PROTO_STUN, peer);
@@ -148,33 +148,30 @@ TEST(DetectSocketWire, StunBindingRequestAndNpsProbeAndTheirAnswers) {
 
     const Bytes echoed = answer_through(*sock, peer, q);
     EXPECT_EQ(sock->get_recv_seq(echoed.data(), int32_t(echoed.size())), 78u);
-}
 
-TEST(DetectSocketWire, IceCheckIsTheStunServicesPacketForTheAudioKeyAndNothingWithoutIt) {
+    // The ICE check: the STUN service's packet for the audio key, nothing without it.
     MORL_StunClearIceInfo("stun_audio_7");
     const StunIceInfo local{"locU", "local-secret"}, remote{"remUF", "remote-secret"};
     ASSERT_EQ(MORL_StunSetLocalIceInfo("stun_audio_7", &local), 0u);
     ASSERT_EQ(MORL_StunSetRemoteIceInfo("stun_audio_7", &remote), 0u);
     ASSERT_EQ(MORL_StunSetChannelId("stun_audio_7", 0x01020304), 0u);
 
-    UdpSocket peer;
-    ASSERT_TRUE(peer.ok());
-    auto sock = udp_probe(DETECT_PROTO_ICE, peer);
+    sock = udp_probe(DETECT_PROTO_ICE, peer);
     sock->send_buf(5);
-    const Bytes p = capture(peer);
+    const Bytes ice = capture(peer);
     MORL_StunClearIceInfo("stun_audio_7");
     // No ICE information under any audio key: the build fails, nothing leaves.
     sock->send_buf(6);
     EXPECT_TRUE(capture(peer, kSilenceMs).empty());
-    ASSERT_GE(p.size(), 16u + 20u);
-    ASSERT_LE(p.size(), 287u);
+    ASSERT_GE(ice.size(), 16u + 20u);
+    ASSERT_LE(ice.size(), 287u);
 
     // The private head in front: tag, version, type, media, channel, seq 0, length.
-    EXPECT_EQ(Bytes(p.begin(), p.begin() + 12), Bytes({0xFF, 3, 129, 1, 1, 2, 3, 4, 0, 0, 0, 0}));
-    EXPECT_EQ(be16(&p[12]), p.size());
+    EXPECT_EQ(Bytes(ice.begin(), ice.begin() + 12), Bytes({0xFF, 3, 129, 1, 1, 2, 3, 4, 0, 0, 0, 0}));
+    EXPECT_EQ(be16(&ice[12]), ice.size());
 
     // The request behind it: USERNAME "remote:local" first, FINGERPRINT last.
-    const Bytes m(p.begin() + 16, p.end());
+    const Bytes m(ice.begin() + 16, ice.end());
     ASSERT_EQ(be16(&m[0]), 0x0001);
     ASSERT_EQ(be16(&m[2]) + 20u, m.size());
     const std::string user = "remUF:locU";
@@ -214,7 +211,7 @@ int16_t poll_write(MORL_SOCKET fd, int wait_ms) {
     return MORL_Poll(&p, 1, wait_ms) > 0 ? p.revents : 0;
 }
 
-TEST(DetectSocketTcp, TheConnectIsTheProbeDirectOrToTheProxy) {
+TEST(DetectSocketTcp, TheConnectIsTheProbeAndARefusalStaysAnError) {
     zeph_test::TcpListener listener;
     ASSERT_TRUE(listener.ok());
     auto reached = made<DetectSocketTCP>("tcp");

@@ -31,8 +31,7 @@ struct Answer {
     uint32_t result;
     std::string host;
     int32_t count;
-    uint32_t addr;
-    uint32_t ttl;
+    uint32_t addr, ttl;
     uint64_t req_id;
     std::string thread;
     int stop_result; // of RAVN_NETB_DnsStop called inside the callback, when asked

@@ -72,9 +72,7 @@ std::vector<uint8_t> write_answer(const uint8_t* query, const Question& q, uint1
     return out;
 }
 
-std::string type_text(uint16_t type) {
-    return type == kTypeA ? "A" : type == kTypeAaaa ? "AAAA" : std::to_string(type);
-}
+std::string type_text(uint16_t type) { return type == kTypeA ? "A" : type == kTypeAaaa ? "AAAA" : std::to_string(type); }
 
 } // namespace
 

@@ -47,12 +47,7 @@ public:
     static constexpr uint32_t kTtl = 300;
 
 private:
-    struct Due {
-        uint64_t at_ms;
-        std::vector<uint8_t> packet;
-        std::string ip;
-        uint16_t port;
-    };
+    struct Due { uint64_t at_ms; std::vector<uint8_t> packet; std::string ip; uint16_t port; };
     void run();
     void answer(const uint8_t* query, size_t len, const std::string& ip, uint16_t port);
 
