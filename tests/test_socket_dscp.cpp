@@ -23,10 +23,7 @@ int tos_of(int fd) {
 // destination with a zero port or address still marks the socket.
 TEST(SocketDscp, EachLevelSetsItsByteOnTcpAndUdpSockets) {
     zeph_test::TcpListener listener;
-    struct Fd {
-        int fd;
-        ~Fd() { close(fd); }
-    } c{zeph_test::tcp_connect("127.0.0.1", listener.port())};
+    struct Fd { int fd; ~Fd() { close(fd); } } c{zeph_test::tcp_connect("127.0.0.1", listener.port())};
     ASSERT_GE(c.fd, 0);
     const struct {
         uint32_t level;
