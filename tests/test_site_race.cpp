@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -91,7 +92,8 @@ Race run_race(const std::vector<OptSiteInfo>& sites, const std::string& first_na
 // them all, so answers of all sites leave together.
 class Sites {
 public:
-    struct Probe { uint64_t at_ms; uint32_t seq, session; size_t len; };
+    // answered_us: the peer's steady clock right after its answer left, 0 if none.
+    struct Probe { uint64_t at_ms; uint32_t seq, session; size_t len; uint64_t answered_us; };
     Sites(const std::string& ip, size_t n, const std::vector<bool>& silent = {}) {
         for (size_t i = 0; i < n; ++i) {
             m_socks.push_back(std::make_unique<UdpSocket>(ip, 0));
@@ -124,11 +126,13 @@ private:
                 const ssize_t n = recvfrom(fds[i].fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &flen);
                 if (n <= 0) continue;
                 const size_t len = static_cast<size_t>(n);
-                {
-                    std::lock_guard<std::mutex> g(m_mu);
-                    m_probes[i].push_back(Probe{now_ms(), q::get_seq(buf, len), q::get_session(buf, len, false), len});
-                }
-                if (!m_silent[i]) sendto(fds[i].fd, buf, len, 0, reinterpret_cast<sockaddr*>(&from), flen);
+                Probe probe{now_ms(), q::get_seq(buf, len), q::get_session(buf, len, false), len, 0};
+                if (!m_silent[i] && sendto(fds[i].fd, buf, len, 0, reinterpret_cast<sockaddr*>(&from), flen) > 0)
+                    probe.answered_us = uint64_t(std::chrono::duration_cast<std::chrono::microseconds>(
+                                                     std::chrono::steady_clock::now().time_since_epoch())
+                                                     .count());
+                std::lock_guard<std::mutex> g(m_mu);
+                m_probes[i].push_back(probe);
             }
         }
     }
@@ -309,11 +313,12 @@ TEST_F(SiteRace, UnresolvedAndEmptySitesLeaveTheRace) {
 }
 
 // 33 sites answering at once: 32 race. Delays are timed at each answer's
-// arrival, so a late turn in the hand-over does not make a site look farther.
+// arrival, so a late turn in the hand-over does not make a site look farther:
+// each site's delay differs from the others' by what the peer's own clock
+// saw between their first answers, within the delays' millisecond steps.
 TEST_F(SiteRace, ThirtyTwoSitesRaceAndAnswersArrivingTogetherGiveTogetherDelays) {
     constexpr size_t kSites = 33;
-    // True first-answer delays differ by the echo of 32 probes at most.
-    constexpr int kSpreadMs = 8;
+    constexpr double kToleranceMs = 3;
     Sites peers(test_ip(70), kSites);
     std::vector<OptSiteInfo> sites;
     for (size_t i = 0; i < kSites; ++i) sites.push_back(site("many-" + std::to_string(i), test_ip(70), peers.port(i)));
@@ -321,17 +326,21 @@ TEST_F(SiteRace, ThirtyTwoSitesRaceAndAnswersArrivingTogetherGiveTogetherDelays)
     ASSERT_EQ(1u, race.table.size());
     ASSERT_EQ(32u, race.table[0].value.rows.size());
     EXPECT_EQ(1u, race.best.size());
-    int lo = kNoAnswer;
-    int hi = 0;
+    // Delay less the peer's time of the first answer: the same for every site.
+    double lo = 1e9, hi = -1e9;
+    std::string table;
     for (const OptSiteInfo& r : race.table[0].value.rows) {
         EXPECT_EQ(0, r.discard) << r.name;
-        EXPECT_EQ(kProbes, peers.probes(std::stoul(r.name.substr(5))).size()) << r.name;
+        const std::vector<Sites::Probe> got = peers.probes(std::stoul(r.name.substr(5)));
+        ASSERT_EQ(kProbes, got.size()) << r.name;
         ASSERT_NE(kNoAnswer, r.delay) << r.name;
-        lo = std::min<int>(lo, r.delay);
-        hi = std::max<int>(hi, r.delay);
+        const double offset = r.delay - double(got[0].answered_us) / 1000.0;
+        lo = std::min(lo, offset);
+        hi = std::max(hi, offset);
+        table += r.name + ":" + std::to_string(r.delay) + "ms ";
     }
     EXPECT_EQ(0u, peers.probes(32).size());
-    EXPECT_LE(hi - lo, kSpreadMs) << "first-answer delays from " << lo << " to " << hi << " ms";
+    EXPECT_LE(hi - lo, kToleranceMs) << table;
 }
 
 TEST_F(SiteRace, RacesSideBySideEachReportOnceAndEmptyListsEndWithAnEmptyTable) {
