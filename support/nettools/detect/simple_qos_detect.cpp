@@ -328,9 +328,13 @@ void DetectSimpleQos::send_buf(size_t index) {
     if (!t.socket || t.sent >= kProbes) return;
     const uint32_t seq = static_cast<uint32_t>(t.sent) + 1;
     NT_LOGD("fd(%d)seq(%d)", static_cast<int>(t.socket->get_fd()), static_cast<int>(seq));
+    // Read before the send: the answer can arrive, stamped by the kernel,
+    // before the send call returns, and a send time after the arrival would
+    // make an answered probe count as lost.
+    const uint32_t sent_at = now32();
     t.socket->send_buf(seq);
     SimpleQosProbe& p = t.probes[static_cast<size_t>(t.sent)];
-    p.send_time = now32();
+    p.send_time = sent_at;
     p.seq = seq;
     p.is_sent = 1;
     ++t.sent;
