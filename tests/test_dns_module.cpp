@@ -84,8 +84,8 @@ protected:
 };
 
 TEST_F(DnsModule, EachRequestGetsOneAnswerWithItsNameOnTheResolverThread) {
-    dns_.add("a.zeph.test", DnsResponder::address("10.1.2.3"));
-    dns_.add("late.zeph.test", DnsResponder::address("10.9.9.9", 600));
+    dns_.add("a.zeph.test", DnsResponder::address("127.1.2.3"));
+    dns_.add("late.zeph.test", DnsResponder::address("127.9.9.9", 600));
     dns_.add("gone.zeph.test", DnsResponder::nxdomain());
     dns_.add("six.zeph.test", DnsResponder::aaaa_only());
 
@@ -105,8 +105,8 @@ TEST_F(DnsModule, EachRequestGetsOneAnswerWithItsNameOnTheResolverThread) {
     for (const Answer& a : got) seen[a.req_id] = text(a.host, a.result, a.count, a.addr, a.thread, a.ttl);
     // A failure still gives a readable, zeroed record.
     EXPECT_EQ(seen, (std::map<uint64_t, std::string>{
-                        {16, text("late.zeph.test", RAVN_DNS_OK, 1, ipv4_be("10.9.9.9"), "zeph_dns")},
-                        {17, text("a.zeph.test", RAVN_DNS_OK, 1, ipv4_be("10.1.2.3"), "zeph_dns")},
+                        {16, text("late.zeph.test", RAVN_DNS_OK, 1, ipv4_be("127.9.9.9"), "zeph_dns")},
+                        {17, text("a.zeph.test", RAVN_DNS_OK, 1, ipv4_be("127.1.2.3"), "zeph_dns")},
                         {18, text("gone.zeph.test", RAVN_DNS_ERR_NOT_FOUND, 0, 0, "zeph_dns")},
                         {19, text("six.zeph.test", RAVN_DNS_ERR_NO_ADDRESS, 0, 0, "zeph_dns")}}));
 }
@@ -114,22 +114,22 @@ TEST_F(DnsModule, EachRequestGetsOneAnswerWithItsNameOnTheResolverThread) {
 TEST_F(DnsModule, LiteralWithoutAQuestionBadServerTextRefusedChangedServersServeNewLookups) {
     DnsResponder second("127.0.0.2");
     ASSERT_TRUE(second.ok());
-    dns_.add("first.zeph.test", DnsResponder::address("10.0.0.1", 500));
-    second.add("second.zeph.test", DnsResponder::address("10.0.0.2"));
+    dns_.add("first.zeph.test", DnsResponder::address("127.0.10.1", 500));
+    second.add("second.zeph.test", DnsResponder::address("127.0.10.2"));
     for (const char* bad : {"127.0.0.1:0", "127.0.0.1:65536", "127.0.0.1,", "localhost:53", " 127.0.0.1",
                             "127.0.0.1,127.0.0.2,127.0.0.3,127.0.0.4,127.0.0.5,127.0.0.6,127.0.0.7,127.0.0.8,127.0.0.9"}) {
         EXPECT_EQ(zeph_settings_set_dns_servers(bad), -1) << bad;
     }
-    EXPECT_EQ(resolve("192.0.2.7", 1), RAVN_DNS_OK);
+    EXPECT_EQ(resolve("127.0.2.7", 1), RAVN_DNS_OK);
     ASSERT_TRUE(wait_until([] { return answer_count() == 1; }, kWaitMs));
-    EXPECT_EQ(answers()[0].host + " " + answers()[0].thread, "192.0.2.7 zeph_dns");
+    EXPECT_EQ(answers()[0].host + " " + answers()[0].thread, "127.0.2.7 zeph_dns");
     EXPECT_EQ(resolve("first.zeph.test", 2), RAVN_DNS_OK);
     ASSERT_TRUE(wait_until([&] { return !dns_.questions().empty(); }, kWaitMs));
     EXPECT_EQ(dns_.questions(), std::vector<std::string>{"first.zeph.test/A"}) << "the refused texts left it in place";
     ASSERT_EQ(zeph_settings_set_dns_servers(second.server().c_str()), 0);
     EXPECT_EQ(resolve("second.zeph.test", 3), RAVN_DNS_OK);
     ASSERT_TRUE(wait_until([] { return answer_count() == 3; }, kWaitMs));
-    const char* want[] = {"", "192.0.2.7", "10.0.0.1", "10.0.0.2"};
+    const char* want[] = {"", "127.0.2.7", "127.0.10.1", "127.0.10.2"};
     for (const Answer& a : answers()) {
         EXPECT_EQ(a.result, RAVN_DNS_OK) << a.host;
         EXPECT_EQ(a.addr, ipv4_be(want[a.req_id])) << a.host;
@@ -169,7 +169,7 @@ TEST_F(DnsModule, StopAnswersEveryPendingRequestOnceThenStartsAgain) {
 
     // A later request starts it again; a stop from inside a callback is refused.
     g_stop_inside = true;
-    dns_.add("a.zeph.test", DnsResponder::address("10.1.2.3"));
+    dns_.add("a.zeph.test", DnsResponder::address("127.1.2.3"));
     EXPECT_EQ(resolve("a.zeph.test", 1000), RAVN_DNS_OK);
     ASSERT_TRUE(wait_until([] { return answer_count() == RAVN_DNS_MAX_PENDING + 1; }, kWaitMs));
     got = answers();
