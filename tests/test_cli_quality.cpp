@@ -1,11 +1,13 @@
-// `zeph-nettools quality` as a user runs it: against a zeph-quality-server on 127.0.73.x,
-// with bad input, and with the fixed client ports held by someone else.
+// `zeph-nettools quality` as a user runs it: against a zeph-quality-server on 127.0.73.x
+// (on a terminal), with bad input, and with the fixed client ports held by someone else.
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <string>
 #include <vector>
 
 #include "peers.h"
+#include "process.h"
 #include "quality_peers.h"
 #include "tool_run.h"
 
@@ -26,20 +28,43 @@ struct QualityServer {
     }
 };
 
+// zeph-nettools with stderr on a terminal (the pty of util-linux script) and stdout
+// in a file: `out` is stdout, `err` what reached the terminal.
+zeph_test::ToolRun run_on_terminal(const std::vector<std::string>& args) {
+    zeph_test::ToolRun r;
+    zeph_test::Process p;
+    std::string cmd = "'" + zeph_test::tool_path("zeph-nettools") + "'";
+    for (const std::string& a : args) cmd += " '" + a + "'";
+    cmd += " >'" + p.dir().file("tool_stdout") + "'";
+    if (!p.start({"script", "-qec", cmd, "/dev/null"})) return r;
+    r.exited = zeph_test::wait_until([&] { return !p.running(); }, kRunMs, 10);
+    r.status = p.stop();
+    r.out = p.dir().read("tool_stdout"), r.err = p.stdout_text();
+    return r;
+}
+
+// On a terminal a bar on stderr follows the stream, then the table on stdout; beside
+// JSON nothing reaches the terminal.
 TEST(CliQuality, TableAndJsonAgainstOurServer) {
     const std::string ip = "127.0.73.10";
     QualityServer server;
     ASSERT_TRUE(server.start(ip)) << server.proc.stderr_text();
 
-    zeph_test::ToolRun r = run_tool({"quality", ip, ip + ":64000,base=100,name=padded,token=abc"}, kRunMs);
+    zeph_test::ToolRun r = run_on_terminal({"quality", ip, ip + ":64000,base=100,name=padded,token=abc"});
+    if (!r.exited && r.status < 0) GTEST_SKIP() << "no util-linux script to give the tool a terminal";
     ASSERT_EQ(r.code(), 0) << r.what();
     // The site without the 100 ms added is the better one.
     for (const std::string& says : {std::string("quality of 2 site(s)"), std::string("padded"), "best: " + ip + ":64000",
                                     ip + ":64000 *"})
         EXPECT_NE(r.out.find(says), std::string::npos) << says << "\n" << r.out;
+    // A bar partly filled, then full.
+    EXPECT_TRUE(std::regex_search(r.err, std::regex("\\[#+\\.+\\] +[0-9]+ %  streaming to 2 site\\(s\\)")) &&
+                r.err.find("[####################] 100 %") != std::string::npos)
+        << r.err;
 
-    r = run_tool({"quality", "--json", ip}, kRunMs);
+    r = run_on_terminal({"quality", "--json", ip});
     ASSERT_EQ(r.code(), 0) << r.what();
+    EXPECT_EQ(r.err, "");
     const auto j = zeph_test::parse_json_lines(r.out);
     EXPECT_EQ(at(j, "0:site"), "\"" + ip + ":64000\"");
     EXPECT_EQ(at(j, "0:best"), "1");

@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -53,7 +54,8 @@ const char kMonitorHelp[] =
     "  --stun        the site is a plain STUN server\n"
     "  --token T, --param P   send the site's token and parameter with every\n"
     "                packet (servers that check them)\n"
-    "  --json        one JSON object per report, then {\"summary\": ...}\n"
+    "  --json        one JSON object per report, then {\"summary\": ...}; no\n"
+    "                progress bar (shown on stderr when it is a terminal)\n"
     "  -v, -vv       the library's log lines on stderr\n"
     "\n"
     "Exit status: 0 done or stopped, 1 the detection could not start or a\n"
@@ -317,7 +319,9 @@ int cmd_monitor(int argc, char** argv) {
     bool missing = false;
     auto last = t0;
     {
-        Progress progress("monitor " + site_text);
+        // A bar over the whole run on a terminal; nothing beside JSON.
+        std::optional<Progress> progress;
+        if (!opt.json) progress.emplace("monitor " + site_text, std::chrono::seconds(time_len));
         while (totals.reports < rounds && !g_stop.load()) {
             std::pair<Clock::time_point, DetectQosResult> r;
             if (!next_report(r, last + std::chrono::seconds(kRoundSeconds + kReportSlackS))) {

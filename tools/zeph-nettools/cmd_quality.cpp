@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
+#include <optional>
 
 #include "commands.h"
 #include "json.h"
@@ -45,12 +46,14 @@ const char kQualityHelp[] =
     "\n"
     "The client binds one UDP port per site from 64100 up; when those are taken\n"
     "(another quality run), it says so. Figures: delays and jitters in ms, loss\n"
-    "in thousandths (per mille); '-' where nothing came back.\n"
+    "in thousandths (per mille); '-' where nothing came back. On a terminal a bar\n"
+    "on stderr follows the stream (none with --json).\n"
     "\n"
     "Exit status: 0 done, 1 the detection could not start, failed or did not\n"
     "report in time, 2 bad arguments.\n";
 
 constexpr size_t kMaxSites = 10;
+constexpr int kStreamSeconds = 3; // each site's stream
 constexpr uint32_t kMaxDelaybase = 60000;
 constexpr size_t kMaxToken = 64;
 constexpr size_t kMaxPara = 128;
@@ -264,7 +267,11 @@ int run_quality(const std::string& cmd, const std::vector<QualitySite>& sites, b
         out("quality of " + std::to_string(sites.size()) + " site(s): a 3 s stream to each, at once\n");
     Report r;
     {
-        Progress progress("streaming to " + std::to_string(sites.size()) + " site(s), 3 s, then scoring");
+        // A bar over the stream on a terminal; nothing beside JSON.
+        std::optional<Progress> progress;
+        if (!json)
+            progress.emplace("streaming to " + std::to_string(sites.size()) + " site(s), then scoring",
+                             std::chrono::seconds(kStreamSeconds));
         if (!next_report(r, t0 + std::chrono::seconds(kReportDeadlineS)))
             return run_error(cmd, "no result within " + std::to_string(kReportDeadlineS) + " s");
     }

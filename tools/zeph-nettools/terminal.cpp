@@ -1,4 +1,4 @@
-// The one writer of stdout and stderr, and the progress spinner's thread.
+// The one writer of stdout and stderr, and the progress line's thread.
 #include "terminal.h"
 
 #include <unistd.h>
@@ -49,6 +49,31 @@ void write_locked(FILE* f, const std::string& text) {
     std::fflush(f);
 }
 
+constexpr int kBarWidth = 20;
+constexpr int kPercent = 100;
+
+// One frame of the progress line: the spinner, or the bar when `span` is set.
+void progress_frame(char* line, size_t size, unsigned tick, const std::string& label, Clock::duration elapsed,
+                    Clock::duration span) {
+    static const char kSpin[] = "|/-\\";
+    const double seconds = std::chrono::duration<double>(elapsed).count();
+    if (span <= Clock::duration::zero()) {
+        std::snprintf(line, size, "\r%c %s  %.1f s\033[K", kSpin[tick % 4], label.c_str(), seconds);
+        return;
+    }
+    const double whole = std::chrono::duration<double>(span).count();
+    const double part = seconds >= whole ? 1.0 : seconds / whole;
+    const int filled = static_cast<int>(part * kBarWidth);
+    char bar[kBarWidth + 1];
+    for (int i = 0; i < kBarWidth; ++i) bar[i] = i < filled ? '#' : '.';
+    bar[kBarWidth] = '\0';
+    if (seconds >= whole)
+        std::snprintf(line, size, "\r[%s] %3d %%  %s  %.1f s\033[K", bar, kPercent, label.c_str(), seconds);
+    else
+        std::snprintf(line, size, "\r[%s] %3d %%  %s  %.1f/%.1f s\033[K", bar, static_cast<int>(part * kPercent),
+                      label.c_str(), seconds, whole);
+}
+
 } // namespace
 
 void out(const std::string& text) { write_locked(stdout, text); }
@@ -56,6 +81,7 @@ void err(const std::string& text) { write_locked(stderr, text); }
 
 struct Progress::State {
     std::string label;
+    Clock::duration span = Clock::duration::zero();
     Clock::time_point t0 = Clock::now();
     std::mutex mu;
     std::condition_variable cv;
@@ -63,19 +89,18 @@ struct Progress::State {
     std::thread thread;
 };
 
-Progress::Progress(std::string label) {
+Progress::Progress(std::string label, Clock::duration span) {
     if (!isatty(STDERR_FILENO)) return;
     m_state = new State;
     m_state->label = std::move(label);
+    m_state->span = span;
     State* s = m_state;
     try {
         m_state->thread = std::thread([s] {
-            static const char kSpin[] = "|/-\\";
             std::unique_lock<std::mutex> lock(s->mu);
             for (unsigned tick = 0; !s->stop; ++tick) {
                 char line[160];
-                std::snprintf(line, sizeof line, "\r%c %s  %.1f s\033[K", kSpin[tick % 4], s->label.c_str(),
-                              seconds_since(s->t0, Clock::now()));
+                progress_frame(line, sizeof line, tick, s->label, Clock::now() - s->t0, s->span);
                 {
                     Terminal& t = terminal();
                     std::lock_guard<std::mutex> tl(t.mu);
@@ -87,7 +112,7 @@ Progress::Progress(std::string label) {
             }
         });
     } catch (const std::system_error&) {
-        // No spinner then; the run itself does not depend on it.
+        // No progress line then; the run itself does not depend on it.
         delete m_state;
         m_state = nullptr;
     }

@@ -1,5 +1,5 @@
 // What zeph-nettools writes: stdout and stderr each in one piece, the
-// progress spinner on stderr, the error lines and the exit codes. out() and
+// progress spinner or bar on stderr, the error lines and the exit codes. out() and
 // err() may be called on any thread (library log lines arrive on library
 // threads); the spinner runs on a thread of its own, owned by Progress.
 #pragma once
@@ -31,10 +31,13 @@ void out(const std::string& text);
 void err(const std::string& text);
 
 // Shows "<spinner> label  1.2 s" on stderr while alive, only when stderr is
-// a terminal. The destructor stops and joins the spinner's thread.
+// a terminal. With a `span` (the known length of what is waited for), a bar
+// that fills over it instead: "[#####.....]  50 %  label  1.5/3.0 s"; once
+// the span is over it stays full and the time runs on ("100 %  label
+// 3.4 s"). The destructor stops and joins the drawing thread.
 class Progress {
 public:
-    explicit Progress(std::string label);
+    explicit Progress(std::string label, Clock::duration span = Clock::duration::zero());
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
