@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "dns/ravn_dns.h"
 #include "dns_responder.h"
 #include "inc/detect_socket.h"
 #include "inc/net_tools_msg.h"
@@ -111,6 +112,8 @@ protected:
 };
 
 constexpr const char* kRecvThread = "detect_recv";
+constexpr const char* kMsgThread = "net_tools_detec"; // the module's name, cut to 15
+constexpr const char* kDnsThread = "zeph_dns";
 
 } // namespace
 
@@ -119,8 +122,15 @@ TEST(RuntimeLife, InitTwiceUninitReinitKeepsOneReceiveThread) {
     ASSERT_EQ(0, zeph_net_tools_init());
     ASSERT_EQ(0, zeph_net_tools_init());
     EXPECT_EQ(1, threads_named(kRecvThread));
+    EXPECT_EQ(1, threads_named(kMsgThread));
+    // A look-up starts the resolver thread; the stop ends it with the others.
+    ASSERT_EQ(0u, RAVN_NETB_DnsGetIpByAsynResolve(
+                      "127.0.0.1", 0, 0, [](uint32_t, const char*, const RAVN_DnsAddrRecord*, int32_t, uint32_t, uint64_t) {},
+                      1, 0));
+    EXPECT_TRUE(wait_until([] { return threads_named(kDnsThread) == 1; }, 3000));
     EXPECT_EQ(0, zeph_net_tools_uninit());
-    EXPECT_EQ(0, threads_named(kRecvThread)); // joined, not left running
+    for (const char* name : {kRecvThread, kMsgThread, kDnsThread})
+        EXPECT_EQ(0, threads_named(name)) << name; // joined, not left running
     EXPECT_EQ(0, zeph_net_tools_uninit());
     ASSERT_EQ(0, zeph_net_tools_init());
     EXPECT_EQ(1, threads_named(kRecvThread));

@@ -2,6 +2,7 @@
 #include "zeph_nettools/net_tools.h"
 
 #include "commonlib/zeph_commonlib.h"
+#include "dns/ravn_dns.h"
 #include "inc/net_tools_log.h"
 #include "inc/net_tools_msg.h"
 #include "net_tools_util/net_tools_util.h"
@@ -42,11 +43,15 @@ ZEPH_API int32_t zeph_net_tools_init(void) {
 }
 
 // Stops the runtime again; safe without an init, and from inside a
-// detection's result callback.
+// detection's result callback. The resolver thread serves only the
+// runtime's name look-ups: it ends too (its pending requests are answered
+// as stopped, and the stopped runtime drops those answers), and the next
+// look-up starts it again.
 ZEPH_API int32_t zeph_net_tools_uninit(void) {
     NT_LOGI("enter");
     zeph_http_tunnel_uninit();
     g_net_tools_msg.finish();
+    RAVN_NETB_DnsStop();
     return 0;
 }
 
