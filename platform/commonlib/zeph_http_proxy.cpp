@@ -19,6 +19,8 @@ namespace {
 constexpr int kProxyTimeoutMs = 3000;
 // An answer header longer than this is not a proxy talking to us.
 constexpr size_t kMaxAnswerHeader = 8192;
+// The name of each connect-through-proxy thread.
+constexpr char kProxyThreadName[] = "zeph_proxy";
 
 int64_t now_ms()
 {
@@ -337,6 +339,7 @@ int zeph_http_proxy_connect_asyn(MORL_SOCKET sock, const char* ip, uint16_t port
         // One short-lived thread per request; it owns only copies, so it
         // needs nothing from the caller but the socket number.
         std::thread([sock, target, port, callback] {
+            MORL_PthreadSetName(kProxyThreadName);
             zeph_commonlib::ProxySetting proxy = zeph_commonlib::proxy_setting();
             int result = -1;
             if (proxy.configured && connect_to_proxy(sock, proxy) == 0) {
