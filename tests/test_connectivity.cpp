@@ -1,6 +1,7 @@
 // The connectivity detection through its two exports against real peers on
 // loopback. Runs on the test's thread; the callbacks come on the message thread.
 #include <atomic>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -72,6 +73,24 @@ bool runtime_idle(int timeout_ms = 3000) {
 }
 
 uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
+
+// Whether the independent STUN decoder finds USERNAME, MESSAGE-INTEGRITY and
+// FINGERPRINT, in that order, with a digest and a checksum that hold.
+bool stun_check_holds(const uint8_t* msg, size_t len) {
+    std::string cmd = "python3 " ZEPH_SOURCE_DIR "/tests/stun_decode.py ";
+    char hex[3];
+    for (size_t i = 0; i < len; ++i) cmd += (std::snprintf(hex, sizeof hex, "%02x", msg[i]), hex);
+    std::string verdict;
+    if (FILE* pipe = popen(cmd.c_str(), "r")) {
+        char line[1024];
+        while (std::fgets(line, sizeof line, pipe) != nullptr) verdict += line;
+        pclose(pipe);
+    }
+    for (const char* word : {"attrs=USERNAME,MESSAGE-INTEGRITY,FINGERPRINT ", "errors=0 ", "fingerprint=1 ",
+                             "integrity=1 "})
+        if (verdict.find(word) == std::string::npos) return false;
+    return true;
+}
 
 class Connectivity : public ::testing::Test {
 protected:
@@ -191,12 +210,15 @@ TEST_F(Connectivity, EachUdpProbeFormIsAnsweredByItsOwnServer) {
     const StunIceInfo local{"connL", "local-secret"}, remote{"connR", "remote-secret"};
     ASSERT_EQ(0u, MORL_StunSetLocalIceInfo("stun_audio_conn", &local));
     ASSERT_EQ(0u, MORL_StunSetRemoteIceInfo("stun_audio_conn", &remote));
-    // Answers only an ICE check (private head of type 129) whose USERNAME is "remote:local".
+    // Answers only an ICE check (private head of type 129 and the whole length)
+    // whose USERNAME is "remote:local" and whose MESSAGE-INTEGRITY and
+    // FINGERPRINT hold.
     UdpStandIn ice("127.0.0.1", 0, [](std::vector<uint8_t>& p, const UdpStandIn::Got&) {
-        constexpr size_t kUser = 16 + 24; // head, STUN header, attribute header
+        constexpr size_t kHead = 16, kUser = kHead + 24; // head, STUN header, attribute header
         const std::string user = "connR:connL";
-        if (p.size() < kUser + user.size() || p[0] != 0xFF || p[2] != 129 ||
-            std::string(p.begin() + kUser, p.begin() + kUser + user.size()) != user)
+        if (p.size() < kUser + user.size() || p[0] != 0xFF || p[2] != 129 || (p[12] << 8 | p[13]) != int(p.size()) ||
+            std::string(p.begin() + kUser, p.begin() + kUser + user.size()) != user ||
+            !stun_check_holds(p.data() + kHead, p.size() - kHead))
             return false;
         p[16] = p[17] = 0x01; // a Binding Success behind the same head
         return true;
