@@ -161,15 +161,19 @@ TEST(LongTime, StunFormRunsAtLevelZeroAgainstAStunServer) {
     }
 }
 
-// `zeph-nettools monitor`: a JSON object per report; on SIGINT a summary and a clean exit at once.
-TEST(LongTime, MonitorPrintsReportsUntilInterrupted) {
+// `zeph-nettools monitor`: a JSON object per report; on SIGINT a summary and a clean exit at
+// once. Beside it a run of 20 s (the next free client ports) ends by itself after two
+// reports, one from each socket, about a round apart.
+TEST(LongTime, MonitorPrintsReportsUntilInterruptedOrDone) {
     const std::string ip = test_ip(4);
     zeph_test::QualityServerOn server(ip);
     ASSERT_TRUE(server.ok());
-    zeph_test::Process tool;
+    zeph_test::Process tool, done;
     ASSERT_TRUE(tool.start({zeph_test::tool_path("zeph-nettools"), "monitor", ip, "--minutes", "2", "--level", "2",
                             "--json"}))
         << tool.error();
+    ASSERT_TRUE(done.start({zeph_test::tool_path("zeph-nettools"), "monitor", ip, "--minutes", "0.34", "--json"}))
+        << done.error();
     ASSERT_TRUE(wait_until([&] { return tool.stdout_text().find("\"report\"") != std::string::npos; }, 20000))
         << tool.stdout_text() << tool.stderr_text();
     ASSERT_EQ(kill(tool.pid(), SIGINT), 0);
@@ -184,6 +188,16 @@ TEST(LongTime, MonitorPrintsReportsUntilInterrupted) {
     for (const char* key : {"0:report", "0:index", "0:a_s_loss", "1:summary.reports", "1:summary.stopped"})
         row += zeph_test::at(j, key) + " ";
     EXPECT_EQ(row, "1 0 0 1 true ") << out;
+
+    ASSERT_TRUE(wait_until([&] { return !done.running(); }, 2 * kRoundMs + 20000)) << done.stdout_text();
+    EXPECT_EQ(done.stop(), 0) << done.stderr_text();
+    const std::map<std::string, std::string> d = zeph_test::parse_json_lines(done.stdout_text());
+    row.clear();
+    for (const char* key : {"0:index", "1:index", "2:summary.reports", "2:summary.stopped", "3:report"})
+        row += zeph_test::at(d, key) + " ";
+    EXPECT_EQ(row, "0 1 2 false <missing 3:report> ") << done.stdout_text();
+    const double gap = std::stod(zeph_test::at(d, "1:t")) - std::stod(zeph_test::at(d, "0:t"));
+    EXPECT_TRUE(gap * 1000 >= kGapMinMs && gap * 1000 <= kGapMaxMs) << gap;
 }
 
 } // namespace

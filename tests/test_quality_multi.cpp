@@ -204,13 +204,15 @@ TEST(MultiSite, TheNearerSiteWinsWithTheWeightsSetBefore) {
 // turn while the earlier stream runs out. A refused token: told twice, stream stopped.
 TEST(MultiSite, RefusalsAndFailures) {
     const std::string ip = test_ip(32);
-    DetectSiteInfo no_para = site(ip, kServerPort, 1);
+    DetectSiteInfo no_para = site(ip, kServerPort, 1), long_token = site(ip, kServerPort, 2);
     no_para.auth_para.clear();
+    long_token.auth_token.assign(65, 't');
     EXPECT_EQ(start(std::vector<DetectSiteInfo>(11, site(ip, kServerPort, 1))), uint32_t(DETECT_ERR_SITES_REFUSED));
     EXPECT_EQ(zeph_detect_start_mult_site_client({site(ip, kServerPort, 1)}, nullptr),
               uint32_t(DETECT_ERR_BAD_ARGUMENT));
     EXPECT_EQ(start({site(ip, 0, 1)}), uint32_t(DETECT_ERR_BAD_ARGUMENT));
     EXPECT_EQ(start({site(ip, kServerPort, 1), no_para}), uint32_t(DETECT_ERR_SITES_REFUSED)) << "beside a good one";
+    EXPECT_EQ(start({long_token}), uint32_t(DETECT_ERR_SITES_REFUSED));
 
     StandIn server(test_ip(30), q::kStatusOk);
     ASSERT_TRUE(server.ok());
