@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -145,11 +146,12 @@ private:
 };
 
 std::unique_ptr<zeph_relay::UdpRelay> relay_to(const std::string& listen, const std::string& server_ip,
-                                               double delay_ms, double loss_back = 0, uint64_t seed = 1) {
+                                               double delay_ms, double loss_back = 0, uint64_t seed = 1,
+                                               uint16_t server_port = kQualityPort) {
     zeph_relay::UdpRelayConfig cfg;
     cfg.listen_ip = listen;
     cfg.server_ip = server_ip;
-    cfg.server_port = kQualityPort;
+    cfg.server_port = server_port;
     cfg.to_server.delay_ms = delay_ms;
     cfg.to_client.delay_ms = delay_ms;
     cfg.to_client.loss = loss_back;
@@ -158,6 +160,36 @@ std::unique_ptr<zeph_relay::UdpRelay> relay_to(const std::string& listen, const 
     if (relay->start() != 0) return nullptr;
     return relay;
 }
+
+// A log sink that stores every line and holds its thread once, for hold_ms, on
+// the first line ending in `hold_on`: a host whose sink is slow.
+struct SlowSink {
+    std::string hold_on;
+    int hold_ms = 0;
+    std::atomic<bool> held{false};
+    std::mutex mu;
+    std::vector<LogLine> lines;
+
+    static void log(void* user, int level, const char* module, const char* function, const char* file, int line,
+                    const char* message) {
+        auto* self = static_cast<SlowSink*>(user);
+        const std::string m = message;
+        {
+            std::lock_guard<std::mutex> g(self->mu);
+            self->lines.push_back(LogLine{level, module, function, file, line, m});
+        }
+        const size_t n = self->hold_on.size();
+        if (m.size() >= n && m.compare(m.size() - n, n, self->hold_on) == 0 && !self->held.exchange(true))
+            std::this_thread::sleep_for(std::chrono::milliseconds(self->hold_ms));
+    }
+    std::vector<LogLine> with(const std::string& text) {
+        std::lock_guard<std::mutex> g(mu);
+        std::vector<LogLine> out;
+        for (const LogLine& l : lines)
+            if (l.message.find(text) != std::string::npos) out.push_back(l);
+        return out;
+    }
+};
 
 class SiteRace : public ::testing::Test {
 protected:
@@ -233,6 +265,46 @@ TEST_F(SiteRace, NearestQualityServerIsNamedFirstAndTableTellsEachDelayAndDiscar
     ASSERT_TRUE(wait_until([&] { return slow->stats().to_client_forwarded == kProbes; }, 5000));
     sleep_ms(100);
     EXPECT_EQ(2u, reports_of("qs-").size());
+}
+
+// The table's timer is armed again once the first burst is out, so a message
+// thread held up before that (here by the host's slow log sink) leaves room
+// for answers later than a second after the burst: each is dropped with a
+// warning and counts for nothing in its site's row.
+TEST_F(SiteRace, AnswerLaterThanASecondAfterTheBurstIsDroppedWithAWarning) {
+    constexpr int kHoldMs = 400;
+    constexpr uint16_t kHeldBack = 37;
+    Sites peers(test_ip(30), 2);
+    // A round trip of 1100 ms: past the second, before the held-up table.
+    auto slow = relay_to(test_ip(31), test_ip(30), 550, 0, 1, peers.port(0));
+    ASSERT_TRUE(slow);
+    static SlowSink& sink = *new SlowSink; // a library thread may still call it after the test
+    // The held-back group's timer is armed right after the first burst.
+    sink.hold_on = "delay(" + std::to_string(kHeldBack) + ")";
+    sink.hold_ms = kHoldMs;
+    zeph_settings_set_log_sink(SlowSink::log, &sink, ZEPH_LOG_DEBUG);
+    Race race = run_race({site("span-slow", test_ip(31), slow->port()),
+                          site("span-held", test_ip(30), peers.port(1), kHeldBack)},
+                         "span-");
+    zeph_settings_set_log_sink(nullptr, nullptr, ZEPH_LOG_WARNING);
+    ASSERT_TRUE(sink.held);
+    ASSERT_EQ(1u, race.table.size());
+    const std::vector<OptSiteInfo>& rows = race.table[0].value.rows;
+    EXPECT_EQ("span-slow/0 span-held/37", rows_text(rows));
+    EXPECT_EQ(std::make_pair(kNoAnswer, uint16_t(100)), std::make_pair(rows[0].delay, rows[0].discard));
+    EXPECT_EQ(0, rows[1].discard);
+    ASSERT_EQ(1u, race.best.size());
+    EXPECT_EQ("span-held", race.best[0].value.rows.at(0).name);
+
+    const std::vector<LogLine> late = sink.with("recv timeout span(");
+    ASSERT_FALSE(late.empty());
+    EXPECT_LE(late.size(), std::min<uint64_t>(kProbes, slow->stats().to_client_forwarded));
+    for (const LogLine& l : late) {
+        unsigned span = 0, current = 0;
+        EXPECT_TRUE(sscanf(l.message.c_str(), "recv timeout span(%u)current(%u)", &span, &current) == 2 &&
+                    span >= 1000 && current != 0 && l.level == ZEPH_LOG_WARNING)
+            << "[" << l.level << "] " << l.message;
+    }
 }
 
 // Equal hold-backs go together, a session per site; 400 is clipped to 300; a first category of 5 is not waited for.
