@@ -159,7 +159,10 @@ TEST_F(Connectivity, LiteralUdpTargetIsReportedOpenRightAfterItsAnswerAndIcmpAsR
     sleep_ms(400);
     EXPECT_EQ(1u, reports_of(11));
 
-    if (!zeph_peers::raw_icmp_permitted()) return; // an echo needs root or CAP_NET_RAW
+    if (!zeph_peers::raw_icmp_permitted()) {
+        std::printf("ICMP target not probed: an echo needs root or CAP_NET_RAW\n");
+        return;
+    }
     ASSERT_EQ(0, zeph_single_port_detect(91, "127.0.0.1", kIcmpPort, ZEPH_TRANS_ICMP, on_result));
     ASSERT_TRUE(wait_report(91, rep));
     EXPECT_EQ("1", opens(rep.value));
