@@ -1,12 +1,16 @@
 // The quality exchanger and the plain client against our server through the relay, and
-// a stand-in where silence or refusal matters; each test has its 127.0.61.x. (Wire
-// bytes, and a silent site's worst values, are checked at the multi-site export.)
+// a stand-in where the wire, silence or refusal matters; each test has its 127.0.61.x.
+// (A silent site's worst values are checked at the multi-site export.)
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "bwdetect/detect_cli_pkt.h"
 #include "bwdetect/detect_client.h"
+#include "log_capture.h"
 #include "peers.h"
 #include "quality_peers.h"
 
@@ -103,6 +107,69 @@ INSTANTIATE_TEST_SUITE_P(Paths, StreamThroughRelay,
                          });
 
 
+// Each level's wire form, written out here: packets per second and per burst, packet
+// length, ms from one burst to the next.
+struct LevelWire {
+    uint32_t per_second, per_burst;
+    size_t len;
+    uint32_t interval;
+};
+constexpr LevelWire kLevelWire[] = {{25, 1, 1400, 40}, {50, 1, 327, 20},   {100, 1, 655, 10}, {200, 1, 983, 5},
+                                    {200, 1, 1310, 5}, {400, 2, 1310, 5}, {800, 4, 1310, 5}};
+
+// Streams of all seven levels at once, each captured by a server of its own: every
+// packet is the image but for sequence number and time, at the level's length with
+// pkt_len telling what follows the head and region; numbers 0..N-1 at the level's
+// rate, then the last number three more times.
+TEST(QualityExchanger, EachLevelsStreamOnTheWire) {
+    std::vector<std::unique_ptr<FakeServer>> servers;
+    std::vector<std::unique_ptr<Stream>> streams;
+    const FakeServer::Answer answer = [](std::vector<uint8_t>& p, const FakeServer::Got&) {
+        return zeph_test::answer_quality_data(p, q::kStatusOk);
+    };
+    for (int level = 0; level <= q::kMaxLevel; ++level) {
+        servers.push_back(std::make_unique<FakeServer>(test_ip(40 + level), kServerPort, answer));
+        ASSERT_TRUE(servers.back()->ok());
+        streams.push_back(std::make_unique<Stream>(test_ip(40 + level), kServerPort, level));
+    }
+    for (auto& s : streams) ASSERT_TRUE(s->start());
+    for (int level = 0; level <= q::kMaxLevel; ++level) {
+        SCOPED_TRACE("level " + std::to_string(level));
+        const LevelWire& want = kLevelWire[level];
+        Stream& s = *streams[level];
+        ASSERT_TRUE(s.done());
+        const DetectPktStat st = s.ex->get_stat();
+        EXPECT_EQ(st.avg_s_loss_rate + st.avg_r_loss_rate, 0);
+
+        const std::vector<FakeServer::Got> got = servers[level]->got();
+        const uint32_t n = want.per_second * kStreamSeconds;
+        ASSERT_EQ(got.size(), n + 3);
+        std::vector<uint8_t> image(s.image, s.image + want.len);
+        q::set_len(image.data(), image.size(), false, uint16_t(want.len - q::kHeadRegionSize));
+        for (size_t i = 0; i < got.size(); ++i) {
+            std::vector<uint8_t> p = got[i].bytes;
+            ASSERT_EQ(p.size(), want.len) << "packet " << i;
+            EXPECT_EQ(q::get_seq(p.data(), p.size()), std::min<uint32_t>(uint32_t(i), n - 1));
+            q::set_seq(p.data(), p.size(), 0);
+            q::set_time(p.data(), p.size(), q::get_time(image.data(), image.size(), false));
+            ASSERT_EQ(p, image) << "packet " << i;
+        }
+        // From the first burst to the last: the stream's seconds less one interval.
+        const uint64_t span = got[n - 1].at_ms - got[0].at_ms;
+        const uint64_t planned = uint64_t(kStreamSeconds) * 1000 - want.interval;
+        EXPECT_GE(span + 20, planned);
+        EXPECT_LE(span, planned + 300);
+        // A burst's packets leave together: by the sender's own times, hardly any burst
+        // (a preempted sender) spans more than a millisecond.
+        uint32_t spread = 0;
+        for (uint32_t b = 0; b + want.per_burst <= n; b += want.per_burst) {
+            const auto at = [&](uint32_t i) { return q::get_time(got[i].bytes.data(), got[i].bytes.size(), false); };
+            spread += at(b + want.per_burst - 1) - at(b) > 1;
+        }
+        EXPECT_LE(spread * 20, n / want.per_burst) << spread << " bursts spread out";
+    }
+}
+
 // A server that refuses the token half a second in: the stream stops at once, in
 // state 3, and nothing more goes out.
 TEST(QualityExchanger, RefusedTokenStopsBothThreads) {
@@ -158,6 +225,7 @@ TEST(QualityClient, RefusedOrUnansweredHandshakeSendsNoStream) {
     ASSERT_TRUE(refusing.ok() && silent.ok());
     auto refused = client();
     auto unanswered = client();
+    zeph_test::LogCapture logs;
     const uint64_t t0 = now_ms();
     ASSERT_EQ(refused->start_client(ip.c_str(), kServerPort, DETECT_FIRST_CLIENT_PORT), 0);
     ASSERT_EQ(unanswered->start_client(test_ip(35).c_str(), kServerPort, DETECT_FIRST_CLIENT_PORT), 0);
@@ -174,6 +242,8 @@ TEST(QualityClient, RefusedOrUnansweredHandshakeSendsNoStream) {
     EXPECT_EQ(unanswered->get_state(), DETECT_STATE_CONNECTING);
     EXPECT_EQ(refusing.count(), 1u);
     EXPECT_TRUE(zeph_test::reports().empty());
+    // Both end the handshake with 27, each for its own reason.
+    EXPECT_TRUE(logs.contains("auth is failed state=6") && logs.contains("connect timeout state=1")) << logs.dump();
 }
 
 TEST(QualityClient, ArgumentsAndTheBindWalk) {

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -192,30 +193,42 @@ TEST_F(QualityServerTest, EachClientGetsOnlyItsOwnPairsInATableOfBoundedSize) {
     EXPECT_EQ(Exchange(a, Packet(1, 12, 1)).at(kPairCount), 0) << "the first was dropped long ago";
 }
 
-TEST(QualityServerProgram, AnswersReportsAndStopsOnSigterm) {
-    zeph_test::Process server;
-    ASSERT_TRUE(server.start({zeph_test::tool_path("zeph-quality-server"), "--addr", "127.0.64.20", "--json",
-                              "--every", "1"}))
-        << server.error();
-    ASSERT_TRUE(zeph_test::wait_until([&] { return server.stdout_text().find("listening") != std::string::npos; },
-                                      kAnswerWaitMs))
-        << server.stderr_text();
-    EXPECT_NE(server.stdout_text().find("\"addr\":\"127.0.64.20\",\"port\":64000"), std::string::npos);
+// Several clients at once, a line for each, and a clean stop on either signal.
+TEST(QualityServerProgram, AnswersClientsReportsAndStopsOnSigtermOrSigint) {
+    constexpr uint32_t kClients = 4, kFirstSession = 0xABCD;
+    for (const int sig : {SIGTERM, SIGINT}) {
+        SCOPED_TRACE(sig == SIGTERM ? "SIGTERM" : "SIGINT");
+        zeph_test::Process server;
+        ASSERT_TRUE(server.start({zeph_test::tool_path("zeph-quality-server"), "--addr", "127.0.64.20", "--json",
+                                  "--every", "1"}))
+            << server.error();
+        ASSERT_TRUE(zeph_test::wait_until(
+            [&] { return server.stdout_text().find("listening") != std::string::npos; }, kAnswerWaitMs))
+            << server.stderr_text();
+        EXPECT_NE(server.stdout_text().find("\"addr\":\"127.0.64.20\",\"port\":64000"), std::string::npos);
 
-    UdpSocket client;
-    const std::vector<uint8_t> p = Packet(1, 0, 0xABCD);
-    ASSERT_TRUE(client.send_to(p.data(), p.size(), "127.0.64.20", kPort));
-    std::vector<uint8_t> r(2048);
-    ASSERT_EQ(client.recv(r.data(), r.size(), kAnswerWaitMs), int(p.size()));
+        UdpSocket clients[kClients];
+        for (uint32_t k = 0; k < kClients; ++k) {
+            const std::vector<uint8_t> p = Packet(1, 0, kFirstSession + k);
+            ASSERT_TRUE(clients[k].send_to(p.data(), p.size(), "127.0.64.20", kPort));
+        }
+        std::vector<uint8_t> r(2048);
+        for (UdpSocket& c : clients) ASSERT_EQ(c.recv(r.data(), r.size(), kAnswerWaitMs), int(kLevel1Len));
 
-    const int status = server.stop();
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << server.stderr_text();
-    const std::string out = server.stdout_text();
-    EXPECT_NE(out.find("\"event\":\"client\",\"addr\":\"127.0.0.1\",\"port\":" + std::to_string(client.port()) +
-                       ",\"session\":43981,\"packets\":1"),
-              std::string::npos)
-        << out;
-    EXPECT_NE(out.find("\"event\":\"stopped\""), std::string::npos) << out;
+        ASSERT_EQ(kill(server.pid(), sig), 0);
+        ASSERT_TRUE(zeph_test::wait_until([&] { return !server.running(); }, kAnswerWaitMs));
+        const int status = server.stop();
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << server.stderr_text();
+        const std::string out = server.stdout_text();
+        for (uint32_t k = 0; k < kClients; ++k) {
+            EXPECT_NE(out.find("\"event\":\"client\",\"addr\":\"127.0.0.1\",\"port\":" +
+                               std::to_string(clients[k].port()) + ",\"session\":" +
+                               std::to_string(kFirstSession + k) + ",\"packets\":1"),
+                      std::string::npos)
+                << out;
+        }
+        EXPECT_NE(out.find("\"event\":\"stopped\",\"clients\":4"), std::string::npos) << out;
+    }
 }
 
 TEST(QualityServerProgram, OptionsHelpVersionAndRefusals) {
@@ -226,6 +239,7 @@ TEST(QualityServerProgram, OptionsHelpVersionAndRefusals) {
     };
     const Case cases[] = {
         {{"--help"}, 0, "usage: zeph-quality-server"},
+        {{"--version"}, 0, "zeph-quality-server "},
         {{"--addr", "localhost"}, 2, "dotted IPv4"},
         // Not an address of this machine: nothing is sent anywhere.
         {{"--addr", "192.0.2.1"}, 1, "cannot answer on 192.0.2.1:64000"},
