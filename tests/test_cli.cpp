@@ -139,9 +139,11 @@ TEST(Cli, DemoCompletesAndTheProcessLeavesRightAfterItsLastLine) {
     ASSERT_TRUE(r.exited && r.code() == 0) << r.what();
     auto j = parse_json_lines(r.out);
     std::map<std::string, int> kinds;
-    std::string quality_best;
+    std::string quality_best, race; // the site race: its first answer, then its rows
     for (size_t i = 0; i < r.lines(); ++i) {
         kinds[at(j, std::to_string(i) + ":kind")]++;
+        if (at(j, std::to_string(i) + ":phase") == "\"sites\"")
+            race += at(j, std::to_string(i) + ":event") + at(j, std::to_string(i) + ":site") + " ";
         if (at(j, std::to_string(i) + ":phase") == "\"quality\"" && j.count(std::to_string(i) + ":best_index"))
             quality_best = at(j, std::to_string(i) + ":best");
     }
@@ -149,6 +151,11 @@ TEST(Cli, DemoCompletesAndTheProcessLeavesRightAfterItsLastLine) {
     // The quality run against the server the demo started: the direct site beats the impaired relay.
     EXPECT_TRUE(quality_best == "\"direct\"" || r.err.find("skipped the quality run") != std::string::npos) << r.out;
     EXPECT_GE(kinds["\"net\""], 3) << r.out;
+    // The nearest of the race is the server the demo probes directly; rows by hold-back, in order among equals.
+    EXPECT_TRUE(race == "\"first\"\"direct\" \"site\"\"direct\" \"site\"\"relay +10ms\" \"site\"\"relay +30ms\" "
+                        "\"site\"\"relay +5ms @50\" " ||
+                r.err.find("skipped the site race") != std::string::npos)
+        << r.out;
     // As root three-port and the plan run too, unless their fixed ports are held (then a skip says so).
     const bool root = geteuid() == 0;
     EXPECT_TRUE(!root || r.err.find("skipped the three-port") != std::string::npos || kinds["\"three_port\""] == 1) << r.out;
