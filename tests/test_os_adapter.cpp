@@ -213,6 +213,41 @@ TEST(OsSocket, ConnectionLifeInWindowsTerms) {
     EXPECT_TRUE(MORL_Inet_Ntop(MORL_AF_INET, &wide, text, 15) == nullptr && text[0] == 0) << text;
 }
 
+// A datagram longer than the buffer fails the read with 10040, as on Windows,
+// and is gone; a stream hands over what fits and keeps the rest.
+TEST(OsSocket, DatagramLongerThanTheBufferFailsTheRead) {
+    MORL_SOCKET u = MORL_Socket(MORL_AF_INET, MORL_SOCK_DGRAM, MORL_IPPROTO_UDP);
+    MORL_SockAddrIn self{};
+    self.sin_family = MORL_AF_INET;
+    self.sin_addr = MORL_InetAddr("127.0.0.1");
+    int len = sizeof self;
+    ASSERT_TRUE(MORL_Bind(u, &self, sizeof self) == 0 && MORL_GetSockName(u, &self, &len) == 0);
+    ASSERT_TRUE(MORL_Sendto(u, "123456", 6, 0, &self, sizeof self) == 6 &&
+                MORL_Sendto(u, "1234", 4, 0, &self, sizeof self) == 4);
+    char buf[4];
+    MORL_SockAddrIn from{};
+    len = sizeof from;
+    MORL_PollFd pfd{u, MORL_POLLIN, 0};
+    ASSERT_EQ(MORL_Poll(&pfd, 1, 2000), 1);
+    EXPECT_EQ(MORL_Recvfrom(u, buf, sizeof buf, 0, &from, &len), -1);
+    EXPECT_EQ(MORL_GetLastSocketErr(), MORL_WSAEMSGSIZE);
+    ASSERT_EQ(MORL_Poll(&pfd, 1, 2000), 1);
+    EXPECT_EQ(MORL_Recvfrom(u, buf, sizeof buf, 0, &from, &len), 4);
+    EXPECT_EQ(from.sin_port, self.sin_port);
+    MORL_CloseSocket(u);
+
+    zeph_test::TcpListener srv;
+    MORL_SOCKET c = tcp_socket();
+    ASSERT_EQ(connect_outcome(c, srv.port()), 0);
+    ASSERT_TRUE(srv.wait_accepts(1, 2000));
+    ASSERT_EQ(MORL_Send(srv.connection_fd(0), "abcdef", 6, 0), 6);
+    pfd.fd = c;
+    ASSERT_EQ(MORL_Poll(&pfd, 1, 2000), 1);
+    EXPECT_EQ(MORL_Recvfrom(c, buf, sizeof buf, 0, nullptr, nullptr), 4);
+    EXPECT_EQ(MORL_Recvfrom(c, buf, sizeof buf, 0, nullptr, nullptr), 2);
+    MORL_CloseSocket(c);
+}
+
 // The scheduler's state letter of a thread of this process ('S' asleep).
 char thread_state(long tid) {
     std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");

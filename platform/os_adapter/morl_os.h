@@ -148,6 +148,7 @@ int MORL_Send(MORL_SOCKET s, const void* buf, int len, int flags);
 // A destination of 0.0.0.0 is refused with 10049, as on Windows.
 int MORL_Sendto(MORL_SOCKET s, const void* buf, int len, int flags, const MORL_SockAddrIn* to, int tolen);
 int MORL_Recv(MORL_SOCKET s, void* buf, int len, int flags);
+// A datagram longer than `len` fails the read with 10040, as on Windows.
 int MORL_Recvfrom(MORL_SOCKET s, void* buf, int len, int flags, MORL_SockAddrIn* from, int* fromlen);
 int MORL_GetSockOpt(MORL_SOCKET s, int level, int optname, void* optval, int* optlen);
 int MORL_SetSockOpt(MORL_SOCKET s, int level, int optname, const void* optval, int optlen);

@@ -422,15 +422,36 @@ int MORL_Sendto(MORL_SOCKET s, const void* buf, int len, int flags, const MORL_S
 // A datagram longer than the buffer is cut to the buffer and its length
 // returned (Linux behaviour); Windows would fail the read with 10040 and
 // lose the datagram just the same.
+namespace {
+// One read. A datagram longer than the buffer fails it with 10040 and is
+// gone, as on Windows; Linux would hand over its first bytes as if they were
+// the whole datagram. A stream never reports that.
+ssize_t receive(MORL_SOCKET s, void* buf, int len, int flags, sockaddr_storage* ss, socklen_t* sl) {
+    iovec iov{buf, static_cast<size_t>(len)};
+    msghdr mh{};
+    mh.msg_name = ss;
+    mh.msg_namelen = ss != nullptr ? sizeof(*ss) : 0;
+    mh.msg_iov = &iov;
+    mh.msg_iovlen = 1;
+    const ssize_t n = ::recvmsg(s, &mh, to_linux_msg_flags(flags));
+    if (n < 0) {
+        return fail_errno();
+    }
+    if ((mh.msg_flags & MSG_TRUNC) != 0) {
+        return fail(MORL_WSAEMSGSIZE);
+    }
+    if (sl != nullptr) {
+        *sl = mh.msg_namelen;
+    }
+    return n;
+}
+} // namespace
+
 int MORL_Recv(MORL_SOCKET s, void* buf, int len, int flags) {
     if (len < 0 || (buf == nullptr && len > 0)) {
         return fail(MORL_WSAEFAULT);
     }
-    ssize_t n = ::recv(s, buf, static_cast<size_t>(len), to_linux_msg_flags(flags));
-    if (n < 0) {
-        return fail_errno();
-    }
-    return static_cast<int>(n);
+    return static_cast<int>(receive(s, buf, len, flags, nullptr, nullptr));
 }
 
 int MORL_Recvfrom(MORL_SOCKET s, void* buf, int len, int flags, MORL_SockAddrIn* from, int* fromlen) {
@@ -441,12 +462,11 @@ int MORL_Recvfrom(MORL_SOCKET s, void* buf, int len, int flags, MORL_SockAddrIn*
         return fail(MORL_WSAEFAULT);
     }
     sockaddr_storage ss;
-    socklen_t sl = sizeof(ss);
     std::memset(&ss, 0, sizeof(ss));
-    ssize_t n = ::recvfrom(s, buf, static_cast<size_t>(len), to_linux_msg_flags(flags),
-                           reinterpret_cast<sockaddr*>(&ss), &sl);
+    socklen_t sl = 0;
+    const ssize_t n = receive(s, buf, len, flags, &ss, &sl);
     if (n < 0) {
-        return fail_errno();
+        return -1;
     }
     if (from != nullptr) {
         // A connected stream socket reports no source; leave the record zeroed.
