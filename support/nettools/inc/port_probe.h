@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 
+#include "inc/log_thinner.h"
 #include "os_adapter/morl_os.h"
 #include "zeph_nettools/net_tools.h"
 
@@ -125,6 +126,9 @@ protected:
     int32_t m_sock_proto = 0;
     std::atomic<uint32_t> m_result{PROBE_IDLE};
     uint8_t m_buf[1024] = {};
+    // Lines about datagrams that are not this probe's answer: a peer that
+    // floods the probe gets the first few written, then one in thousands.
+    zeph::LogThinner m_stray_lines;
     int64_t m_start_time = 0;
     int64_t m_freq_time = 0;
     // When the probe left (probe clock, microseconds): the last connect call

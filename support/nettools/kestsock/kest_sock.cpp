@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <new>
 
+#include "inc/log_thinner.h"
 #include "inc/net_tools_log.h"
 #include "kestsock/kest_head.h"
 #include "os_adapter/morl_os.h"
@@ -24,25 +25,10 @@ constexpr size_t kAddrSize = sizeof(MORL_SockAddrIn);
 constexpr size_t kPortOffset = offsetof(MORL_SockAddrIn, sin_port);
 
 // A peer that floods the socket with foreign datagrams, or a non-blocking
-// caller that polls an empty one, would otherwise write a log line per call:
-// each kind of failure is logged in full for its first lines, then once in
-// every few thousand.
-class LogThinner {
-public:
-    bool take() {
-        const uint32_t n = m_count.fetch_add(1, std::memory_order_relaxed);
-        return n < kFullLines || (n - kFullLines) % kThinEvery == 0;
-    }
-
-private:
-    static constexpr uint32_t kFullLines = 16;
-    static constexpr uint32_t kThinEvery = 4096;
-    std::atomic<uint32_t> m_count{0};
-};
-
-LogThinner g_read_failures;
-LogThinner g_short_datagrams;
-LogThinner g_foreign_datagrams;
+// caller that polls an empty one, would otherwise write a log line per call.
+zeph::LogThinner g_read_failures;
+zeph::LogThinner g_short_datagrams;
+zeph::LogThinner g_foreign_datagrams;
 
 // The head's port is the real port of the peer: it replaces the tunnel port
 // that the socket layer reported.

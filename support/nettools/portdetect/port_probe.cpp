@@ -332,7 +332,7 @@ bool PortDetectUDP::is_stun_response(int length) {
     // A datagram shorter than a STUN header can't be an answer; it is
     // refused with its length, the way the ICMP check refuses short packets.
     if (length < static_cast<int>(zeph::stun::kHeaderSize)) {
-        NT_LOGE("[udp_detect] pkt_len is small(%d)", length);
+        if (m_stray_lines.take()) NT_LOGE("[udp_detect] pkt_len is small(%d)", length);
         return false;
     }
     const size_t len = static_cast<size_t>(length) < sizeof m_buf ? static_cast<size_t>(length) : sizeof m_buf;
@@ -341,18 +341,20 @@ bool PortDetectUDP::is_stun_response(int length) {
     if (!zeph::stun::read_header(r, head)) return false;
 
     if (head.type != zeph::stun::kBindingSuccess) {
-        NT_LOGE("[udp_detect] BindResponse failed:%X!=%X", head.type, zeph::stun::kBindingSuccess);
+        if (m_stray_lines.take())
+            NT_LOGE("[udp_detect] BindResponse failed:%X!=%X", head.type, zeph::stun::kBindingSuccess);
         return false;
     }
     if (head.cookie != zeph::stun::kMagicCookie) {
-        NT_LOGE("[udp_detect] Cookie failed:%X!=%X", head.cookie, zeph::stun::kMagicCookie);
+        if (m_stray_lines.take())
+            NT_LOGE("[udp_detect] Cookie failed:%X!=%X", head.cookie, zeph::stun::kMagicCookie);
         return false;
     }
     // An answer to any of the last 10 requests counts.
     for (uint32_t i = 0; i < m_trans_sent && i < 10; ++i) {
         if (std::memcmp(head.txid, m_trans_ids[i], zeph::stun::kTxIdSize) == 0) return true;
     }
-    NT_LOGE("[udp_detect] TransactionID failed");
+    if (m_stray_lines.take()) NT_LOGE("[udp_detect] TransactionID failed");
     return false;
 }
 
@@ -698,15 +700,15 @@ bool PortDetectICMP::is_icmp_response(int length) {
     size_t len = length < 0 ? 0 : static_cast<size_t>(length);
     if (len > sizeof m_buf) len = sizeof m_buf;
     if (!zeph::icmp::read_echo_head(m_buf, len, head)) {
-        NT_LOGE("[icmp_detect] pkt_len is small(%d)", length);
+        if (m_stray_lines.take()) NT_LOGE("[icmp_detect] pkt_len is small(%d)", length);
         return false;
     }
     if (head.type != zeph::icmp::kEchoReply) {
-        NT_LOGE("[icmp_detect] pkt_type is invalid(%d)", head.type);
+        if (m_stray_lines.take()) NT_LOGE("[icmp_detect] pkt_type is invalid(%d)", head.type);
         return false;
     }
     if (head.id != m_req_id) {
-        NT_LOGE("[icmp_detect] req_id is invalid(%d!=%d)", head.id, m_req_id);
+        if (m_stray_lines.take()) NT_LOGE("[icmp_detect] req_id is invalid(%d!=%d)", head.id, m_req_id);
         return false;
     }
     // A plain comparison: sequence numbers that wrapped past 65535 on the
@@ -714,7 +716,7 @@ bool PortDetectICMP::is_icmp_response(int length) {
     const uint32_t seq = head.seq;
     const uint32_t base = m_seq_base;
     if (seq < base || seq > base + kIcmpEchoes) {
-        NT_LOGE("[icmp_detect] seq_no is invalid(%d!=%d)", head.seq, m_seq_base);
+        if (m_stray_lines.take()) NT_LOGE("[icmp_detect] seq_no is invalid(%d!=%d)", head.seq, m_seq_base);
         return false;
     }
     NT_LOGI("[icmp_detect] icmp success (reqid=%d, seq=%d)", head.id, head.seq);
