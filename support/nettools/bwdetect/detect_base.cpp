@@ -40,9 +40,6 @@ constexpr int64_t kNoClockMs = 0xFFFFFFFF;
 // What a failing codec write is reported with, as a failed secure copy.
 constexpr int kCopyRefused = 1;
 
-// The low 32 bits of a pointer, as the log lines show holders.
-uint32_t ptr_bits(const void* p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p)); }
-
 } // namespace
 
 DetectBase::DetectBase() {
@@ -300,7 +297,7 @@ void DetectBase::close_socket(MORL_SOCKET* sockptr) {
         NT_LOGI("sockptr(%x)", 0u);
         return;
     }
-    NT_LOGI("sockptr(%x)sock(%d)", ptr_bits(sockptr), *sockptr);
+    NT_LOGI("sockptr(%x)sock(%d)", nt_log_addr(sockptr), *sockptr);
     MORL_CloseSocket(*sockptr);
     *sockptr = kClosedSocket;
     delete sockptr;
@@ -335,7 +332,7 @@ DetectSockPtr DetectBase::create_socket() {
     const int buffer = static_cast<int>(kSocketBufferBytes);
     MORL_SetSockOpt(sock, MORL_SOL_SOCKET, MORL_SO_RCVBUF, &buffer, sizeof buffer);
     MORL_SetSockOpt(sock, MORL_SOL_SOCKET, MORL_SO_SNDBUF, &buffer, sizeof buffer);
-    NT_LOGI("sockptr(%x)sock(%d)", ptr_bits(holder), sock);
+    NT_LOGI("sockptr(%x)sock(%d)", nt_log_addr(holder), sock);
     return ptr;
 }
 

@@ -41,8 +41,8 @@ constexpr uint32_t kMaxPort = 65535;
 
 int32_t DetectClientBase::start_client(const char* ip, uint16_t srv_port, uint16_t cli_port) {
     if (m_callback == nullptr || ip == nullptr || srv_port == 0 || cli_port == 0) {
-        NT_LOGE("fun_callback(%x), ip(%x), srv_port(%d), cli_port(%d)", m_callback ? 1u : 0u, ip ? 1u : 0u, srv_port,
-                cli_port);
+        NT_LOGE("fun_callback(%x), ip(%x), srv_port(%d), cli_port(%d)", nt_log_addr(m_callback), nt_log_addr(ip),
+                srv_port, cli_port);
         return DETECT_ERR_BAD_ARGUMENT;
     }
     m_sock = init_socket(ip, srv_port, cli_port);
@@ -134,7 +134,7 @@ int32_t DetectClientBase::process_recv_end_pkt(const uint8_t* pkt, size_t len) {
 
 DetectClient::DetectClient(DetectBwNotify callback) {
     m_callback = callback;
-    NT_LOGI("level=%d len=%d call_back=%x", m_level, m_pkt_len, callback ? 1u : 0u);
+    NT_LOGI("level=%d len=%d call_back=%x", m_level, m_pkt_len, nt_log_addr(callback));
 }
 
 int32_t DetectClient::start_send_thread() {

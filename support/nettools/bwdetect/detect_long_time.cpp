@@ -91,7 +91,8 @@ int32_t DetectSiteLongTime::set_config(const DetectBwConfig* config) {
         set_pkt_type(m_pkt_buf, sizeof m_pkt_buf, q::kTypeData);
     }
     m_is_auth = config->is_auth;
-    NT_LOGI("level=%d len=%d time_len=%d is_auth=%d call_back=%x", m_level, m_pkt_len, m_time_len, m_is_auth, 1u);
+    NT_LOGI("level=%d len=%d time_len=%d is_auth=%d call_back=%x", m_level, m_pkt_len, m_time_len, m_is_auth,
+            nt_log_addr(m_callback));
     return 0;
 }
 

@@ -25,8 +25,6 @@ constexpr uint32_t kStatRounds = 300;
 constexpr uint32_t kCloseDelayMs = 10;
 constexpr size_t kAddrText = 16;
 
-uint32_t ptr_bits(const void* p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p)); }
-
 
 } // namespace
 
@@ -85,7 +83,7 @@ int32_t DetectClientMultiSite::start_client(const std::vector<DetectSiteInfo>& s
     const DetectMultiSitePlan plan = detect_multi_site_plan(m_site_num);
     m_level = plan.level;
     m_pkt_len = plan.pkt_len;
-    NT_LOGI("level=%d len=%d m_site_num=%d call_back=%x", m_level, m_pkt_len, m_site_num, ptr_bits(&callback));
+    NT_LOGI("level=%d len=%d m_site_num=%d call_back=%x", m_level, m_pkt_len, m_site_num, nt_log_addr(callback));
 
     init_send_buf(m_pkt_buf, sizeof m_pkt_buf);
     set_pkt_type(m_pkt_buf, sizeof m_pkt_buf, q::kTypeAuth);

@@ -19,8 +19,6 @@ constexpr uint32_t kByteBits = 8;
 constexpr uint32_t kByteMask = 0xFF;
 constexpr size_t kAddrTextSize = 32;
 
-uint32_t ptr_bits(const void* p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p)); }
-
 // Dotted text of a host-order address, highest byte first.
 std::string host_ip_text(uint32_t ip) {
     char text[kAddrTextSize] = {};
@@ -109,7 +107,7 @@ void DetectSocket::destory(MORL_SOCKET* holder) {
         NT_LOGE("sockptr(%x)", 0u);
         return;
     }
-    NT_LOGI("sockptr(%x)fd(%d)", ptr_bits(holder), *holder);
+    NT_LOGI("sockptr(%x)fd(%d)", nt_log_addr(holder), *holder);
     MORL_CloseSocket(*holder);
     *holder = MORL_INVALID_SOCKET;
     delete holder;
