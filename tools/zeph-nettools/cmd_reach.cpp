@@ -180,7 +180,9 @@ void print_reach(const ConnectivityResult& r, const std::vector<ReachTarget>& ta
     std::snprintf(head, sizeof head, "reachability #%u: %zu target(s), result after %.2f s\n", r.num, r.sites.size(),
                   elapsed_s);
     std::string s = head;
-    s += "  " + pad("target", 34) + pad("probe", 7) + pad("state", 8) + "delay\n";
+    // The record's delay runs from the opening of the target's socket to the
+    // report, for open and closed targets alike: it is not a round trip.
+    s += "  " + pad("target", 34) + pad("probe", 7) + pad("state", 8) + "reported after\n";
     for (size_t i = 0; i < r.sites.size(); ++i) {
         const ConnectivitySite& row = r.sites[i];
         std::string t = i < targets.size() ? targets[i].text : row.addr;
