@@ -334,6 +334,96 @@ TEST(MediaRecovery, LiteralLoopPeerThatStopsReadingGetsItsChannelReplacedAndNoSo
     MediaSocket::SetLiteralLoops(false);
 }
 
+// Numbers of the whole audio packets read from `fds` until `want` have come or the time is up.
+std::multiset<uint32_t> ReadNumbers(const std::vector<int>& fds, size_t want, int timeoutMs)
+{
+    std::vector<Bytes> wires(fds.size());
+    std::multiset<uint32_t> numbers;
+    const uint64_t deadline = now_ms() + uint64_t(timeoutMs);
+    while (numbers.size() < want && now_ms() < deadline) {
+        std::vector<pollfd> polled;
+        for (int fd : fds) polled.push_back(pollfd{fd, POLLIN, 0});
+        if (::poll(polled.data(), polled.size(), 20) <= 0) continue;
+        numbers.clear();
+        for (size_t i = 0; i < fds.size(); ++i) {
+            uint8_t buf[4096];
+            const ssize_t n = (polled[i].revents & POLLIN) ? ::recv(fds[i], buf, sizeof buf, MSG_DONTWAIT) : 0;
+            if (n > 0) wires[i].insert(wires[i].end(), buf, buf + n);
+            for (uint32_t number : NumbersOnTheWire(wires[i], kAudio)) numbers.insert(number);
+        }
+    }
+    return numbers;
+}
+
+// A channel whose repair cannot connect holds back neither the session's receiving (the
+// receive thread found the loss) nor its sending (the send thread found the channel down):
+// the other media type keeps flowing while the connect waits, and the channel's own media
+// type goes on over its other channels without losing an accepted packet.
+TEST(MediaRecovery, ChannelRepairThatHangsHoldsBackNoOtherTraffic)
+{
+    BacklogListener audioServer(3);
+    MediaPeer echo;
+    ASSERT_TRUE(echo.start());
+    MediaSession s(3151);
+    ASSERT_EQ(s.Create(kAudio, 4), 0);
+    ASSERT_EQ(s.Connect(kAudio, audioServer.port()), 0);
+    ASSERT_EQ(audioServer.AcceptAll(), 4u);
+    ASSERT_TRUE(s.Open(kVideo, echo.port()));
+    // The server's queue is full again: a new connect to it waits for its time-out.
+    std::vector<int> fillers;
+    for (int i = 0; i < 4; ++i) {
+        fillers.push_back(tcp_connect("127.0.0.1", audioServer.port()));
+        ASSERT_GE(fillers.back(), 0);
+    }
+    const std::string repairs = "MediaCreateChannelOfSockChan! session id: 3151";
+    const std::string repairEnds = "MediaReCreateChannelOfSockChan succ. session id: 3151";
+
+    uint32_t audioSent = 0;
+    uint8_t videoTag = 0;
+    // Video packets sent one by one, each echoed before the next, and audio beside them,
+    // all while the audio channel's connect is still waiting.
+    const auto flowsDuringRepair = [&](int repairsEnded) {
+        for (int round = 0; round < 10; ++round) {
+            ++videoTag;
+            EXPECT_EQ(s.Send(kAudio, 2, Numbered(audioSent, 20)), 0);
+            ++audioSent;
+            EXPECT_EQ(s.Send(kVideo, 2, Body(30, videoTag)), 0);
+            if (!s.WaitBody(kVideo, Body(30, videoTag), 5000)) {
+                ADD_FAILURE() << "video echo " << int(videoTag) << " never came";
+                return;
+            }
+        }
+        EXPECT_EQ(MediaLog::Count({repairEnds}), repairsEnded) << "the video waited for the audio repair's connect";
+    };
+
+    // The receive thread finds a lost audio channel.
+    ASSERT_EQ(::shutdown(audioServer.connections()[0], SHUT_RDWR), 0);
+    ASSERT_TRUE(MediaLog::WaitFor({repairs, "eventId: 1"}, 3000));
+    flowsDuringRepair(0);
+    ASSERT_TRUE(MediaLog::WaitFor({repairEnds}, 5000));
+
+    // Once the time limit allows, the send thread finds that channel closed.
+    const std::vector<std::string> sendFound = {repairs, "eventId: 1",
+                                                "errorCode: " + std::to_string(MEDIA_SOCKET_ERRCODE_CHANNEL_DOWN)};
+    ASSERT_TRUE(wait_until(
+        [&] {
+            EXPECT_EQ(s.Send(kAudio, 2, Numbered(audioSent, 20)), 0);
+            ++audioSent;
+            return MediaLog::Count(sendFound) == 1;
+        },
+        9000, 50));
+    flowsDuringRepair(1);
+
+    // Every accepted audio packet went, once, on the three channels left.
+    const std::vector<int> live(audioServer.connections().begin() + 1, audioServer.connections().end());
+    const auto numbers = ReadNumbers(live, audioSent, 5000);
+    std::multiset<uint32_t> expected;
+    for (uint32_t i = 0; i < audioSent; ++i) expected.insert(i);
+    EXPECT_EQ(numbers, expected);
+    EXPECT_EQ(s.EventCount(kAudio, ZEPH_MEDIA_EVENT_CHANNEL_LOST), 0u) << "repaired inside, never told";
+    for (int fd : fillers) ::close(fd);
+}
+
 TEST(MediaRecovery, WithoutCallbacksPacketsAreDroppedAndRepairsStillHappen)
 {
     MediaPeer peer;

@@ -1,17 +1,20 @@
 // Receive path: the receive thread ("TCPSocketRecvThread") polls every
 // socket of the session, pours the bytes into the channel's ring, cuts
 // packets by the private head and hands each body to the receive callback.
-// Failed reads and dirty bytes are reported to the repair code.
 //
 // The thread sleeps in its poll until a socket has something, the wake
 // tells it that the poll records changed, a socket waits to be released or
 // the session stops, or a deadline of its own comes: the next report of
 // dirty bytes. With the literal loop it polls every 10 ms instead.
 //
-// A socket whose failure was reported but that the repair code left in
-// place (a repair is allowed once per time limit) would report its hang-up
-// on every poll and keep the thread spinning: it rests, out of the poll,
-// and is reported again when its rest is over.
+// Failed reads and dirty bytes are reported to the repair code, which
+// hands every repair to the repair thread: this thread never connects.
+//
+// A socket whose failure was reported but that is still in place (its
+// repair waits on the repair thread, or is allowed only once per time
+// limit) would report its hang-up on every poll and keep the thread
+// spinning: it rests, out of the poll, and is reported again when its rest
+// is over.
 #include "mediaSocket/MediaSocket.h"
 
 #include <algorithm>

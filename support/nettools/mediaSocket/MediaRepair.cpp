@@ -1,11 +1,17 @@
 // Repair and events: what becomes of a damage that a path reported. The
 // send path reports through OnSendOutcome, the receive path through
 // OnRecvFailed and CheckDirtyData; only the code here reconnects and calls
-// the user's event callback. The quick decisions (count, limits, one
-// channel re-created in place) run on the thread that reported: the receive
-// thread, the send thread or a connect. Rebuilding a whole media type, and
-// a channel repair that found another re-creation running, go to the repair
-// thread ("MediaRepair").
+// the user's event callback.
+//
+// Threads: an event that is only told to the caller is told on the thread
+// that reported it (the receive thread, the send thread or a connect). Every
+// repair, of one channel or of a whole media type, connects, which takes up
+// to seconds: the reporting thread only queues it (QueueRepair, which never
+// waits) and the session's repair thread ("MediaRepair") decides on it
+// (limits, counts, logs) and runs it. So neither the send thread nor the
+// receive thread ever connects, and a channel whose connect hangs holds back
+// no other channel's traffic. While a channel's repair waits in the queue
+// the send thread leaves the channel out of its rotation.
 #include "mediaSocket/MediaSocket.h"
 
 #include <algorithm>
@@ -81,16 +87,19 @@ void MediaSocket::DoEventCallbackOfSockChan(const std::shared_ptr<SockChannel>& 
     const bool repairable = event.eventId == ZEPH_MEDIA_EVENT_CHANNEL_LOST || event.eventId == ZEPH_MEDIA_EVENT_SEND_FAILED ||
                             (event.eventId == ZEPH_MEDIA_EVENT_REFUSED && info->stats.recv.Get(PacketCounters::SuccessCount) > 0);
     if (repairable) {
+        if (!IsRepairThread()) {
+            // The repair thread decides and connects. Should the queue be
+            // full, the path that found the damage finds it again: the
+            // receive thread at the socket's next poll, the send thread at
+            // the channel's next turn.
+            QueueRepair(ChannelJob(ch, event, false));
+            return;
+        }
         ReCreateGuard guard(*info);
         if (!guard) {
-            // Another re-creation is under way; the repair thread takes the
-            // event up once it has ended, unless that one repaired the channel.
-            RepairJob job;
-            job.mediaType = mediaType;
-            job.channel = ch;
-            job.sockAtEvent = ch->sock;
-            job.event = event;
-            QueueRepair(job);
+            // Another re-creation is under way; the event is taken up again
+            // once it has ended, unless that one repaired the channel.
+            QueueRepair(ChannelJob(ch, event, false));
             return;
         }
         const uint64_t now = NowMs();
@@ -134,7 +143,10 @@ void MediaSocket::OnSendOutcome(const std::shared_ptr<SocketInfo>& info, const s
             DoEventCallbackOfSockChan(ch, MediaEventInfo{ZEPH_MEDIA_EVENT_CHANNEL_LOST, errorCode});
             break;
         case SendOutcome::PeerClosed:
-            MediaReCreateChannelOfSockChan(ch);
+            // Replaced whatever the limits say, by the repair thread.
+            if (ch) {
+                QueueRepair(ChannelJob(ch, MediaEventInfo{}, true));
+            }
             break;
         case SendOutcome::Refused:
         case SendOutcome::CutShort:
@@ -160,6 +172,18 @@ void MediaSocket::OnSendOutcome(const std::shared_ptr<SocketInfo>& info, const s
     }
 }
 
+MediaSocket::RepairJob MediaSocket::ChannelJob(const std::shared_ptr<SockChannel>& ch, MediaEventInfo event,
+                                               bool reCreate)
+{
+    RepairJob job;
+    job.mediaType = ch->mediaType;
+    job.channel = ch;
+    job.sockAtEvent = ch->sock;
+    job.event = event;
+    job.reCreate = reCreate;
+    return job;
+}
+
 bool MediaSocket::QueueRepair(const RepairJob& job)
 {
     {
@@ -167,8 +191,16 @@ bool MediaSocket::QueueRepair(const RepairJob& job)
         if (!repairRunning) {
             return false;
         }
-        for (const auto& queued : repairJobs) {
-            if (queued.mediaType == job.mediaType && queued.channel == job.channel &&
+        for (auto& queued : repairJobs) {
+            if (job.channel && queued.channel == job.channel) {
+                // One job per channel: the damage found again while it waits
+                // (a socket that fails at every poll, every packet of a burst)
+                // adds nothing, and cannot crowd out other channels. A
+                // replacement that ignores the limits takes the job over.
+                queued.reCreate = queued.reCreate || job.reCreate;
+                return true;
+            }
+            if (!job.channel && !queued.channel && queued.mediaType == job.mediaType &&
                 queued.event.eventId == job.event.eventId) {
                 return true;
             }
@@ -177,6 +209,9 @@ bool MediaSocket::QueueRepair(const RepairJob& job)
             return false;
         }
         repairJobs.push_back(job);
+        if (job.channel) {
+            job.channel->repairQueued.store(true, std::memory_order_release);
+        }
     }
     repairCond.notify_one();
     return true;
@@ -185,6 +220,7 @@ bool MediaSocket::QueueRepair(const RepairJob& job)
 void MediaSocket::RepairThread()
 {
     MORL_PthreadSetName("MediaRepair");
+    MarkRepairThread();
     std::unique_lock<std::mutex> lock(repairMutex);
     while (repairRunning) {
         if (repairJobs.empty()) {
@@ -197,9 +233,16 @@ void MediaSocket::RepairThread()
         const RepairOutcome outcome = RunRepair(job);
         lock.lock();
         if (outcome == RepairOutcome::Busy && repairRunning) {
-            // Someone else is connecting the media type: look again shortly.
-            repairJobs.push_front(job);
+            // Someone else is connecting the media type: look again shortly,
+            // after the repairs of other channels and media types.
+            repairJobs.push_back(job);
             repairCond.wait_for(lock, std::chrono::milliseconds(kRepairRetryMs), [this] { return !repairRunning; });
+            continue;
+        }
+        if (job.channel && std::none_of(repairJobs.begin(), repairJobs.end(),
+                                        [&job](const RepairJob& queued) { return queued.channel == job.channel; })) {
+            // Back in the send thread's rotation, if it is connected.
+            job.channel->repairQueued.store(false, std::memory_order_release);
         }
     }
 }
@@ -220,7 +263,11 @@ MediaSocket::RepairOutcome MediaSocket::RunRepair(const RepairJob& job)
     if (job.channel->state == SockChannel::Connected && job.channel->sock != job.sockAtEvent) {
         return RepairOutcome::Done; // the re-creation that ran gave it a new connection
     }
-    DoEventCallbackOfSockChan(job.channel, job.event);
+    if (job.reCreate) {
+        MediaReCreateChannelOfSockChan(job.channel);
+    } else {
+        DoEventCallbackOfSockChan(job.channel, job.event);
+    }
     return RepairOutcome::Done;
 }
 

@@ -7,7 +7,8 @@
 // goes on. With nothing to send the thread sleeps until MediaSend wakes it;
 // with every waiting packet held by a full channel it waits in poll for
 // room. What a send finds wrong is reported to the repair code
-// (OnSendOutcome), which decides what to do about it.
+// (OnSendOutcome), which hands every repair to the repair thread: this
+// thread never connects.
 #include "mediaSocket/MediaSocket.h"
 
 #include <algorithm>
@@ -362,7 +363,12 @@ std::shared_ptr<SockChannel> MediaSocket::NextSendChannel(const std::shared_ptr<
         if (candidate) {
             const uint32_t state = candidate->state;
             if (state == SockChannel::Connected) {
-                return candidate;
+                if (!candidate->repairQueued.load(std::memory_order_acquire)) {
+                    return candidate;
+                }
+                // Its connection is about to be replaced: what went there
+                // now would be lost. Like a channel connecting, it is passed
+                // over; with no other, the packets wait in the ring.
             }
             if (state == SockChannel::Closed) {
                 // A lost channel comes back here, within the limits of recovery.

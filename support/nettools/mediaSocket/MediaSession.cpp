@@ -64,7 +64,16 @@ bool MediaSocket::IsSessionThread() const
     return self == recvThread.get_id() || self == sendThread.get_id() || self == repairThread.get_id();
 }
 
-bool MediaSocket::IsRepairThread() const { return std::this_thread::get_id() == repairThread.get_id(); }
+namespace {
+// The session whose repair thread this is, if any: set by that thread
+// itself, so that the data threads can ask while the thread object is being
+// joined.
+thread_local const MediaSocket* t_repairOf = nullptr;
+} // namespace
+
+void MediaSocket::MarkRepairThread() const { t_repairOf = this; }
+
+bool MediaSocket::IsRepairThread() const { return t_repairOf == this; }
 
 int32_t MediaSocket::MediaStopThread()
 {

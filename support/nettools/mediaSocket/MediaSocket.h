@@ -6,9 +6,10 @@
 // constructor and joined by the destructor; in passing, one connect thread
 // per channel (joined before MediaCreateChannel returns) and one detached
 // slow start thread per connect, which reaches the session only through the
-// exports. The repair thread rebuilds a media type that a send found without
-// sockets, so that no caller of MORL_MediaSend waits for a connect, and takes
-// up channel repairs that arrived while another re-creation ran.
+// exports. The repair thread runs every repair the session makes of itself:
+// a media type that a send found without sockets, so that no caller of
+// MORL_MediaSend waits for a connect, and every channel that the send or the
+// receive thread found broken, so that neither of them ever connects.
 //
 // Locks, outermost first, never nested: socketInfoLock (copies of the
 // SocketInfo pointers), SocketInfo::mutex (the send ring and the pkgSeq
@@ -81,6 +82,10 @@ public:
     std::atomic<uint32_t> mediaType{kMediaTypeUnset};
     std::atomic<uint16_t> localPort{0};
     std::atomic<int32_t> connectRet{0};
+    // A repair of this channel waits on the repair thread: the send thread
+    // leaves the channel out of its rotation until the repair has run.
+    // Written under the session's repairMutex.
+    std::atomic<bool> repairQueued{false};
 
     // The receive ring. Swapped by MediaSetChannelBufSize through the atomic
     // shared_ptr functions; its contents and everything below belong to the
@@ -259,7 +264,7 @@ public:
     // True on this session's receive or send thread.
     bool IsSessionThread() const;
 
-    // True on this session's repair thread.
+    // True on this session's repair thread, on any thread at any time.
     bool IsRepairThread() const;
 
     // How the send thread waits when there is nothing to send. By default it
@@ -275,13 +280,18 @@ public:
 
 private:
     // A repair handed to the repair thread: the whole media type (no
-    // channel), or a channel event that found another re-creation running.
+    // channel), or one channel, decided on by its event's limits or, with
+    // reCreate, replaced whatever they say. `sockAtEvent`: the channel's
+    // socket when the damage was found; a channel connected anew since is
+    // left alone.
     struct RepairJob {
         uint32_t mediaType = kMediaTypeUnset;
         std::shared_ptr<SockChannel> channel;
         int32_t sockAtEvent = MORL_INVALID_SOCKET;
         MediaEventInfo event{};
+        bool reCreate = false;
     };
+    static RepairJob ChannelJob(const std::shared_ptr<SockChannel>& channel, MediaEventInfo event, bool reCreate);
     enum class RepairOutcome { Done, Busy };
     // What the send path found wrong, reported to the repair code, which
     // decides what becomes of it (OnSendOutcome).
@@ -298,8 +308,11 @@ private:
     void SocketRecvThread();
     void SocketSendThread();
     void RepairThread();
-    // Queues a repair unless the same one already waits; false when the
-    // queue is full or the session is stopping.
+    // Run by the repair thread first: from then on IsRepairThread knows it.
+    void MarkRepairThread() const;
+    // Queues a repair unless the same one already waits (for a channel:
+    // any job of that channel); false when the queue is full or the session
+    // is stopping. Never waits for a repair.
     bool QueueRepair(const RepairJob& job);
     RepairOutcome RunRepair(const RepairJob& job);
     RepairOutcome RebuildMediaType(uint32_t mediaType, MediaEventInfo event);
@@ -316,7 +329,8 @@ private:
     void OnSendOutcome(const std::shared_ptr<SocketInfo>& socketInfo, const std::shared_ptr<SockChannel>& channel,
                        SendOutcome outcome, int32_t code);
     // The connected channel the next packet of the media type goes to, or
-    // null; closed channels passed over are reported. The rotation moves on
+    // null; closed channels passed over are reported, channels connecting or
+    // waiting for their repair are passed over in silence. The rotation moves on
     // only once a packet went (AdvanceSendChannel).
     std::shared_ptr<SockChannel> NextSendChannel(const std::shared_ptr<SocketInfo>& socketInfo);
     static void AdvanceSendChannel(SocketInfo& socketInfo);
