@@ -262,6 +262,26 @@ TEST(MediaSessionConnect, ThroughHttpProxyAndRefusedAuthentication)
     EXPECT_NE(proxy.log_text().find(std::to_string(peer.port())), std::string::npos) << proxy.log_text();
 }
 
+// Four channels failing at once, each on its connect thread: the caller gets
+// every event, one at a time.
+TEST(MediaSessionConnect, EventsOfChannelsFailingAtOnceAreToldOneAtATime)
+{
+    ProxySetting restore;
+    ASSERT_EQ(zeph_settings_set_http_proxy("127.0.0.1", closed_tcp_port(), nullptr, nullptr), 0);
+    MediaSession s(1153);
+    std::atomic<int> inside{0}, overlaps{0};
+    s.OnEvent([&](uint32_t, MediaEventInfo) {
+        if (inside.fetch_add(1) != 0) overlaps.fetch_add(1);
+        sleep_ms(50); // a slow caller
+        inside.fetch_sub(1);
+    });
+    ASSERT_EQ(s.Create(kAudio, 4), 0);
+    EXPECT_EQ(s.Connect(kAudio, closed_tcp_port()), MEDIA_SOCKET_ERRCODE_CONNECT_ERROR);
+    EXPECT_TRUE(wait_until([&] { return s.EventCount(kAudio, ZEPH_MEDIA_EVENT_CONNECT_FAILED) == 4; }, 3000))
+        << s.EventCount(kAudio, ZEPH_MEDIA_EVENT_CONNECT_FAILED);
+    EXPECT_EQ(overlaps.load(), 0);
+}
+
 TEST(MediaSessionClose, FromInsideReceiveCallbacks)
 {
     MediaPeer peer;

@@ -4,8 +4,10 @@
 // the user's event callback.
 //
 // Threads: an event that is only told to the caller is told on the thread
-// that reported it (the receive thread, the send thread or a connect). Every
-// repair, of one channel or of a whole media type, connects, which takes up
+// that reported it (the receive thread, the send thread, a connect or the
+// repair thread), unless another thread of the session is telling one at
+// that moment: that thread tells it next (TellEvent), so the caller gets a
+// session's events one at a time. Every repair, of one channel or of a whole media type, connects, which takes up
 // to seconds: the reporting thread only queues it (QueueRepair, which never
 // waits) and the session's repair thread ("MediaRepair") decides on it
 // (limits, counts, logs) and runs it. So neither the send thread nor the
@@ -20,6 +22,7 @@
 #include <cstring>
 #include <functional>
 
+#include "inc/log_thinner.h"
 #include "mediaSocket/MediaLimits.h"
 #include "mediaSocket/MediaLog.h"
 #include "mediaSocket/MediaVocabulary.h"
@@ -36,6 +39,9 @@ constexpr size_t kMaxRepairJobs = 16;
 // that another thread is connecting.
 constexpr int kRepairRetryMs = 10;
 constexpr uint32_t kHttpForbidden = 403;
+// Events waiting while a callback runs; more are dropped (a caller whose
+// callback never returns).
+constexpr size_t kMaxPendingEvents = 256;
 
 // What a proxy or a server may answer in place of the media stream.
 struct DirtyPattern {
@@ -67,10 +73,7 @@ void MediaSocket::DoEventCallback(const std::shared_ptr<SocketInfo>& info, Media
         QueueRepair(job);
         return;
     }
-    const MediaEventCallback callback = info->eventCallback.load();
-    if (callback != nullptr) {
-        callback(sessionId, mediaType, event);
-    }
+    TellEvent(info, event);
 }
 
 void MediaSocket::DoEventCallbackOfSockChan(const std::shared_ptr<SockChannel>& ch, MediaEventInfo event)
@@ -122,10 +125,7 @@ void MediaSocket::DoEventCallbackOfSockChan(const std::shared_ptr<SockChannel>& 
         }
         return;
     }
-    const MediaEventCallback callback = info->eventCallback.load();
-    if (callback != nullptr) {
-        callback(sessionId, mediaType, event);
-    }
+    TellEvent(info, event);
 }
 
 void MediaSocket::OnSendOutcome(const std::shared_ptr<SocketInfo>& info, const std::shared_ptr<SockChannel>& ch,
@@ -217,6 +217,43 @@ bool MediaSocket::QueueRepair(const RepairJob& job)
     return true;
 }
 
+void MediaSocket::TellEvent(const std::shared_ptr<SocketInfo>& info, MediaEventInfo event)
+{
+    const MediaEventCallback callback = info->eventCallback.load();
+    if (callback == nullptr) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(eventMutex);
+        if (pendingEvents.size() >= kMaxPendingEvents) {
+            static zeph::LogThinner dropped;
+            if (dropped.take()) {
+                MEDIA_LOGE << "event dropped, callback busy; session id: " << sessionId
+                           << ", mediaType: " << GetMediaTypeName(info->mediaType) << ", eventId: " << event.eventId;
+            }
+            return;
+        }
+        pendingEvents.push_back(PendingEvent{callback, info->mediaType, event});
+        if (tellingEvents) {
+            return; // the thread that is telling takes it
+        }
+        tellingEvents = true;
+    }
+    for (;;) {
+        PendingEvent next;
+        {
+            std::lock_guard<std::mutex> lock(eventMutex);
+            if (pendingEvents.empty()) {
+                tellingEvents = false;
+                return;
+            }
+            next = pendingEvents.front();
+            pendingEvents.pop_front();
+        }
+        next.callback(sessionId, next.mediaType, next.event);
+    }
+}
+
 void MediaSocket::RepairThread()
 {
     MORL_PthreadSetName("MediaRepair");
@@ -302,10 +339,7 @@ MediaSocket::RepairOutcome MediaSocket::RebuildMediaType(uint32_t mediaType, Med
                    << ", errorCode: " << static_cast<int32_t>(event.errorCode);
         return RepairOutcome::Done;
     }
-    const MediaEventCallback callback = info->eventCallback.load();
-    if (callback != nullptr) {
-        callback(sessionId, mediaType, event);
-    }
+    TellEvent(info, event);
     return RepairOutcome::Done;
 }
 

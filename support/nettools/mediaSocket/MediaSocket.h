@@ -314,6 +314,12 @@ private:
     // any job of that channel); false when the queue is full or the session
     // is stopping. Never waits for a repair.
     bool QueueRepair(const RepairJob& job);
+    // Tells the media type's event callback, if one is set, of `event`. The
+    // session's events reach the caller one at a time and in the order they
+    // were raised, from whichever of its threads raised them: a thread that
+    // finds another one telling leaves its event to it and returns. No lock
+    // of ours is held while a callback runs.
+    void TellEvent(const std::shared_ptr<SocketInfo>& socketInfo, MediaEventInfo event);
     RepairOutcome RunRepair(const RepairJob& job);
     RepairOutcome RebuildMediaType(uint32_t mediaType, MediaEventInfo event);
     // Event 7 for the bytes of dirty data not yet told, at most once per
@@ -471,6 +477,16 @@ private:
     std::condition_variable repairCond;
     std::deque<RepairJob> repairJobs;
     bool repairRunning = false;
+    // Events waiting to be told (TellEvent): the thread that is telling
+    // (`tellingEvents`) takes them in order; guarded by eventMutex.
+    struct PendingEvent {
+        MediaEventCallback callback;
+        uint32_t mediaType;
+        MediaEventInfo event;
+    };
+    std::mutex eventMutex;
+    std::deque<PendingEvent> pendingEvents;
+    bool tellingEvents = false;
     // Some channel holds dirty-data bytes not yet told (receive thread).
     std::atomic<bool> dirtyUntold{false};
 };
