@@ -87,8 +87,9 @@ typedef struct MediaEventInfo {
  * runs on the session's receive thread. */
 typedef void (*MediaRecvCallback)(uint32_t sessionId, uint32_t pktType, uint32_t mediaType, const uint8_t* data,
                                   uint32_t len);
-/* A session's events come one at a time, in the order raised, on one of the
- * session's own threads (receive, send, repair, or a connect). */
+/* A session's events come one at a time, in the order raised: on the
+ * session's own threads, or inside the media call that raised one, unless a
+ * callback is running elsewhere then; that thread tells it next. */
 typedef void (*MediaEventCallback)(uint32_t sessionId, uint32_t mediaType, MediaEventInfo event);
 /* One finished, zero-terminated line: "[LEVEL]file(line)[function]:message". */
 typedef void (*MediaLogCallback)(const char* line);
