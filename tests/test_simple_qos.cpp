@@ -1,10 +1,14 @@
 // The simple QoS detection through its exports against servers on loopback,
 // each test on its own 127.91.N.0/24 (the ports are fixed). Runs on the test's thread.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -194,6 +198,38 @@ TEST_F(SimpleQos, LostRepeatedAndSilentAnswersThroughAProxyThenRefusedStarts) {
     EXPECT_EQ(1, zeph_simple_qos_detect(1, on_record, 0));
     sleep_ms(300);
     EXPECT_EQ(6u, g_reports.count());
+}
+
+// A TCP server's delay is its connect's: here one held back by a full accept
+// queue until its SYN is sent again after a second. The probes sent while it
+// waits and the one after it find the connection under way or open; the
+// answers they get a pass later are no delays of the path.
+TEST_F(SimpleQos, TcpDelayIsTheConnectsNotTheAnswersOfTheConnectionUnderWay) {
+    const int T = 6;
+    const int lfd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(kTcpPort);
+    ASSERT_EQ(1, inet_pton(AF_INET, addr(T, 2).c_str(), &sa.sin_addr));
+    const int one = 1; // the last run's connections may linger
+    ASSERT_TRUE(lfd >= 0 && ::setsockopt(lfd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) == 0 && ::bind(lfd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 && ::listen(lfd, 0) == 0);
+    const int filler = tcp_connect(addr(T, 2), kTcpPort); // the queue holds one: it is full now
+    ASSERT_GE(filler, 0);
+    std::thread room([lfd] {
+        sleep_ms(400); // the detection's first SYN has been dropped by then
+        const int c = ::accept(lfd, nullptr, nullptr);
+        if (c >= 0) ::close(c);
+    });
+    const auto levels = run(places(T));
+    room.join();
+    ::close(filler);
+    ::close(lfd);
+    ASSERT_EQ(6u, levels.size());
+    const NetDetectResult& r = levels.at(2).value;
+    EXPECT_TRUE(r.min >= 900 && r.min < 2000 && r.min == r.average && r.max == r.average)
+        << r.min << "/" << r.average << "/" << r.max << " discard " << r.discard;
+    EXPECT_LT(r.discard, 100);
+    expect_ended();
 }
 
 TEST_F(SimpleQos, NamesResolvedWithinTheirPhaseTheRestReportedWithoutAnswer) {

@@ -407,17 +407,27 @@ void DetectSimpleQos::print_detect_result(size_t index) {
     if (t.reported != 0) return;
     t.reported = 1;
 
+    // A TCP server has one connection: its first probe starts the connect,
+    // probes sent while it is under way or once it stands find it so, and a
+    // writable report answers the newest of them a pass later. They count as
+    // answered, but the one delay of the path is the connect's, from the
+    // first probe to the first answer.
+    const bool connect_only = t.protocol == kTransTcp;
     int64_t sum = 0;
     int32_t count = 0;
+    int32_t measured = 0;
     int32_t max = 0;
     int32_t min = static_cast<int32_t>(m_detect_timeout);
     for (const SimpleQosProbe& p : t.probes) {
         if (p.is_sent == 0 || p.recv_time == 0) continue;
-        const uint32_t delay = nt_measured_delay(get_time_diff(p.send_time, p.recv_time));
+        const uint32_t since = connect_only ? t.probes[0].send_time : p.send_time;
+        const uint32_t delay = nt_measured_delay(get_time_diff(since, p.recv_time));
         if (delay > m_detect_timeout) continue;
+        ++count;
+        if (connect_only && measured > 0) continue;
         const int32_t d = static_cast<int32_t>(delay);
         sum += d;
-        ++count;
+        ++measured;
         if (d > max) max = d;
         if (d < min) min = d;
     }
@@ -430,8 +440,8 @@ void DetectSimpleQos::print_detect_result(size_t index) {
     rec.ready = 1;
     rec.reported = 1;
     rec.context = m_context;
-    if (count > 0) {
-        rec.average = static_cast<int32_t>(sum / count);
+    if (measured > 0) {
+        rec.average = static_cast<int32_t>(sum / measured);
         rec.max = max;
         rec.min = min;
     } else {
