@@ -419,9 +419,6 @@ int MORL_Sendto(MORL_SOCKET s, const void* buf, int len, int flags, const MORL_S
     return static_cast<int>(n);
 }
 
-// A datagram longer than the buffer is cut to the buffer and its length
-// returned (Linux behaviour); Windows would fail the read with 10040 and
-// lose the datagram just the same.
 namespace {
 // One read. A datagram longer than the buffer fails it with 10040 and is
 // gone, as on Windows; Linux would hand over its first bytes as if they were

@@ -25,7 +25,6 @@ constexpr uint32_t kStatRounds = 300;
 constexpr uint32_t kCloseDelayMs = 10;
 constexpr size_t kAddrText = 16;
 
-
 } // namespace
 
 DetectMultiSitePlan detect_multi_site_plan(uint32_t sites) {

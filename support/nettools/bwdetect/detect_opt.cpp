@@ -22,8 +22,6 @@ static_assert((1u << kProbeShift) == OPT_PROBES_PER_SITE, "the percent assumes 3
 constexpr uint16_t kDelayMeasuredMax = OPT_NO_ANSWER - 1;
 constexpr size_t kLineEnd = 2; // "\r\n" cut from the logged table
 
-uint32_t low32(const void* p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p)); }
-
 // Network byte order (first octet in the low byte) to host byte order.
 uint32_t to_host_order(uint32_t net) {
     uint8_t b[sizeof net];
@@ -202,7 +200,7 @@ void DetectOptMultiSite::pre_send() {
         }
         NT_LOGI("valid_site name(%s)nodeName(%s)addr(%s:%u)delay(%d)detect(%u)sock(%u)", site.name.c_str(),
                 site.nodeName.c_str(), site.addr.c_str(), static_cast<uint32_t>(site.port),
-                static_cast<int>(site.category_delay), low32(this), low32(site.socket.get()));
+                static_cast<int>(site.category_delay), nt_log_addr(this), nt_log_addr(site.socket.get()));
     }
     m_categories.clear();
     for (const OptSite& site : m_sites) {
@@ -336,7 +334,7 @@ void DetectOptMultiSite::recv_pkt(const uint8_t* data, uint32_t len, std::shared
     ++site->recv_count;
     NT_LOGI("recv_name(%s)nodename(%s)addr(%s:%u)delay(%d)recvcnt(%d)sock(%u)", site->name.c_str(),
             site->nodeName.c_str(), site->addr.c_str(), static_cast<uint32_t>(site->port), static_cast<int>(delay),
-            static_cast<int>(site->recv_count), low32(sock.get()));
+            static_cast<int>(site->recv_count), nt_log_addr(sock.get()));
 }
 
 void DetectOptMultiSite::recv_timeout(uint64_t timer) {

@@ -258,7 +258,7 @@ public:
             return std::shared_ptr<Base>();
         }
         NT_LOGD("m_socket_registry[%s]=0x%x", key.c_str(),
-                static_cast<uint32_t>(reinterpret_cast<uintptr_t>(registrar)));
+                nt_log_addr(registrar));
         return registrar->create();
     }
 

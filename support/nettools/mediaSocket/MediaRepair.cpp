@@ -7,10 +7,11 @@
 // that reported it (the receive thread, the send thread, a connect or the
 // repair thread), unless another thread of the session is telling one at
 // that moment: that thread tells it next (TellEvent), so the caller gets a
-// session's events one at a time. Every repair, of one channel or of a whole media type, connects, which takes up
-// to seconds: the reporting thread only queues it (QueueRepair, which never
-// waits) and the session's repair thread ("MediaRepair") decides on it
-// (limits, counts, logs) and runs it. So neither the send thread nor the
+// session's events one at a time. Every repair, of one channel or of a
+// whole media type, connects, which takes up to seconds: the reporting
+// thread only queues it (QueueRepair, which never waits) and the session's
+// repair thread ("MediaRepair") decides on it (limits, counts, logs) and
+// runs it. So neither the send thread nor the
 // receive thread ever connects, and a channel whose connect hangs holds back
 // no other channel's traffic. While a channel's repair waits in the queue
 // the send thread leaves the channel out of its rotation.

@@ -15,8 +15,6 @@
 
 namespace {
 
-uint32_t low32(const void* p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p)); }
-
 int32_t start_connectivity(uint32_t num, const std::vector<ConnectivitySite>& sites, ConnectivityNotify notify) {
     // Without the runtime no event would ever reach the detection, and the
     // caller would wait for a callback that never comes.
@@ -41,8 +39,8 @@ extern "C" {
 ZEPH_API int32_t zeph_any_port_detect_new(const ConnectivityDetectInfo* info) {
     NT_LOGI("enter");
     if (info == nullptr || info->notify == nullptr) {
-        NT_LOGE("para is error info[0x%08x], func[0x%08x]", low32(info),
-                info != nullptr ? low32(reinterpret_cast<const void*>(info->notify)) : 0u);
+        NT_LOGE("para is error info[0x%08x], func[0x%08x]", nt_log_addr(info),
+                info != nullptr ? nt_log_addr(info->notify) : 0u);
         return CONNECTIVITY_ERR;
     }
     for (size_t i = 0; i < info->sites.size(); ++i) {
@@ -61,8 +59,8 @@ ZEPH_API int32_t zeph_single_port_detect(int32_t num, const char* addr, uint16_t
                                          ConnectivityNotify notify) {
     NT_LOGI("enter");
     if (addr == nullptr || addr[0] == '\0' || port == 0 || notify == nullptr) {
-        NT_LOGE("para is error addr[0x%08x], port[%d], func[0x%08x]", low32(addr), static_cast<int>(port),
-                low32(reinterpret_cast<const void*>(notify)));
+        NT_LOGE("para is error addr[0x%08x], port[%d], func[0x%08x]", nt_log_addr(addr), static_cast<int>(port),
+                nt_log_addr(notify));
         return CONNECTIVITY_ERR;
     }
     ConnectivitySite site;

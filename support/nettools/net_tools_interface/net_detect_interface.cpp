@@ -47,7 +47,7 @@ ZEPH_API int32_t zeph_single_net_detect(uint32_t num, const char* addr, uint16_t
                                         NetDetectNotify notify) {
     if (addr == nullptr || port == 0) {
         NT_LOGI("para is error addr[0x%08x], port[%d]",
-                static_cast<uint32_t>(reinterpret_cast<uintptr_t>(addr)), port);
+                nt_log_addr(addr), port);
         return 1;
     }
     NT_LOGI("net_detect: num=%08x addr=%s port=%d", num, addr, port);

@@ -32,7 +32,7 @@ ZEPH_API int32_t zeph_set_simple_qos_srvs(const std::vector<std::string>& names)
 ZEPH_API int32_t zeph_simple_qos_detect(uint32_t num, NetDetectNotify notify, uint64_t context) {
     NT_LOGI("enter");
     if (notify == nullptr) {
-        NT_LOGE("para is error func[0x%08x]", static_cast<uint32_t>(reinterpret_cast<uintptr_t>(notify)));
+        NT_LOGE("para is error func[0x%08x]", nt_log_addr(notify));
         return 1;
     }
     // Without the runtime no event would ever reach the detection.

@@ -20,7 +20,6 @@
 namespace {
 constexpr int32_t MAX_POLL_LISTEN_SIZE = 64;
 constexpr const char* kThreadName = "detect_recv";
-uint32_t low32(const void* p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p)); }
 } // namespace
 
 void NetToolsMsg::detect_recv_thread(uint64_t generation) {
@@ -142,7 +141,7 @@ void NetToolsMsg::hand_over(int32_t fd, const SocketDetectPair& polled, DetectRe
     const uint32_t msg_id = detect->get_recv_msg_id();
     if (len != 0) {
         NT_LOG_AS(NT_LOG_INFO, "NetToolsMsg::recv_one_packet", "recvid(%d)len(%d)sock(%u)fd(%d)i(%d)",
-                  static_cast<int>(msg_id), static_cast<int>(len), low32(sock.get()), fd, i);
+                  static_cast<int>(msg_id), static_cast<int>(len), nt_log_addr(sock.get()), fd, i);
     } else {
         NT_LOG_AS(NT_LOG_DEBUG, "NetToolsMsg::tcp_is_connected", "recvid=%d len=%d fd=%d", static_cast<int>(msg_id),
                   static_cast<int>(len), fd);

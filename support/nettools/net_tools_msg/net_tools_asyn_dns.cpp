@@ -70,7 +70,7 @@ void NetToolsAsynDns::dns_arecord_ind(uint32_t result, const char* host, const R
                                       int32_t count, uint32_t ttl, uint64_t req_id) {
     if (req_id == 0 || host == nullptr || list == nullptr) {
         NT_LOGE("para is null! para(%x)host(%s)list(%x)", low32(req_id), host != nullptr ? host : "null",
-                static_cast<uint32_t>(reinterpret_cast<uintptr_t>(list)));
+                nt_log_addr(list));
         return;
     }
     const uint32_t addr = list->addr;

@@ -19,9 +19,6 @@ struct DepthScope {
 };
 
 constexpr size_t kDottedSize = 32;
-constexpr uint32_t kLow32 = 0xFFFFFFFFu;
-
-uint32_t low32(const void* p) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(p) & kLow32); }
 
 // The body of a delivered record, or null when the record is too short for
 // what its length field claims.
@@ -179,10 +176,10 @@ bool message_check(const std::shared_ptr<DetectSocket>* sock, const std::shared_
     const bool ok = sc >= 2 && sc < kUseCountEnd && dc >= 2 && dc < kUseCountEnd;
     if (ok) {
         NT_LOGI("seq: (%u), shared_count sockcnt(%d)detectcnt(%d)msgId(%u)sock(%u)", seq, static_cast<int>(sc),
-                static_cast<int>(dc), msg_id, low32(s.get()));
+                static_cast<int>(dc), msg_id, nt_log_addr(s.get()));
     } else {
         NT_LOGE("seq: (%u), shared_count sockcnt(%d)detectcnt(%d)msgId(%u)sock(%u)", seq, static_cast<int>(sc),
-                static_cast<int>(dc), msg_id, low32(s.get()));
+                static_cast<int>(dc), msg_id, nt_log_addr(s.get()));
     }
     return ok;
 }
@@ -216,7 +213,7 @@ DetectSockPtr NetToolsMsg::create_socket(const NetToolsMsgRecord& record) {
         return DetectSockPtr();
     }
     const int32_t fd = *holder;
-    NT_LOGI("sockptr(%x)fd(%d)type(%s)sock, shared_count sock(%d)detect(%d)", low32(holder.get()), fd,
+    NT_LOGI("sockptr(%x)fd(%d)type(%s)sock, shared_count sock(%d)detect(%d)", nt_log_addr(holder.get()), fd,
             sock->get_type_str(), static_cast<int>(sock.use_count()), static_cast<int>(detect.use_count()));
     register_detect(fd, std::move(sock), std::move(detect));
     return holder;

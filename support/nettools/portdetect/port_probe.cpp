@@ -171,7 +171,7 @@ void PortDetectBase::close_socket(MORL_SOCKET* holder) {
         NT_LOGI("sockptr(%x)", 0u);
         return;
     }
-    NT_LOGI("sockptr(%x)sock(%d)", static_cast<unsigned>(reinterpret_cast<uintptr_t>(holder)), *holder);
+    NT_LOGI("sockptr(%x)sock(%d)", nt_log_addr(holder), *holder);
     MORL_CloseSocket(*holder);
     *holder = MORL_INVALID_SOCKET;
     delete holder;
